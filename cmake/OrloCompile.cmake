@@ -1,0 +1,23 @@
+# Warnings and sanitizers for the targets that this project writes.
+
+set(ORLO_SANITIZE "" CACHE STRING "Value for -fsanitize=, for example address,undefined or thread")
+
+function(orlo_target target)
+  target_compile_features(${target} PUBLIC cxx_std_20)
+  target_include_directories(${target} PUBLIC
+    "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>" "$<INSTALL_INTERFACE:include/orlo>")
+  if(MSVC)
+    target_compile_options(${target} PRIVATE /W4 /WX /utf-8)
+  else()
+    target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion
+      -Wno-sign-conversion -Wnon-virtual-dtor -Woverloaded-virtual=1 -Werror)
+  endif()
+endfunction()
+
+if(ORLO_SANITIZE)
+  add_compile_options(-fsanitize=${ORLO_SANITIZE} -fno-omit-frame-pointer -g)
+  add_link_options(-fsanitize=${ORLO_SANITIZE})
+  if(ORLO_SANITIZE MATCHES "undefined")
+    add_compile_options(-fno-sanitize-recover=all)
+  endif()
+endif()
