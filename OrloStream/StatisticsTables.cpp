@@ -1,1 +1,52 @@
-// placeholder
+#include "OrloStream/StatisticsTables.h"
+
+#include <atomic>
+
+#include "WindowsAgentCommon/Exceptions.h"
+#include "WindowsAgentCommon/Text.h"
+
+namespace OrloStream {
+
+using WindowsAgentCommon::IStatisticsGroup;
+using WindowsAgentCommon::StatisticValue;
+
+void DeclareStatistic(IStatisticsGroup& group, DeclaredStatistics& declared,
+                      const StatisticDeclaration& statistic) {
+  declared[statistic.name] = statistic.kind;
+  group.DeclareStatistic(statistic.name, statistic.description,
+                         StatisticValue(statistic.kind, statistic.initial));
+}
+
+void DeclareCounter(IStatisticsGroup& group, DeclaredStatistics& declared,
+                    StatisticCounters& counters, const StatisticDeclaration& statistic) {
+  DeclareStatistic(group, declared, statistic);
+  counters[statistic.name] = std::make_shared<std::int64_t>(0);
+}
+
+std::int64_t GetDeclaredKind(const DeclaredStatistics& declared,
+                             const StatisticDeclaration& statistic,
+                             const StatisticUpdateSite& site) {
+  const auto found = declared.find(statistic.name);
+  if (found == declared.end()) {
+    throw WindowsAgentCommon::OrloStatisticsException(
+        site.file, site.function, statistic.line,
+        WindowsAgentCommon::Format(
+            "There was no matching DECLARE_STATISTIC() section for statistic %s", statistic.name));
+  }
+  return found->second;
+}
+
+void UpdateCounter(IStatisticsGroup* group, const DeclaredStatistics& declared,
+                   const StatisticCounters& counters, const StatisticDeclaration& statistic,
+                   std::int64_t amount, bool flag, const StatisticUpdateSite& site) {
+  GetDeclaredKind(declared, statistic, site);
+  std::atomic_ref<std::int64_t> total(*counters.at(statistic.name));
+  // Publishing comes before adding. A thread whose published value was overtaken finds the total
+  // changed and publishes anew, so the last value that readers see is never behind the total.
+  std::int64_t before = total.load();
+  do {
+    group->UpdateStatistic(statistic.name, StatisticValue(kCounterKind, before + amount), flag);
+  } while (!total.compare_exchange_strong(before, before + amount));
+}
+
+}  // namespace OrloStream
