@@ -10,7 +10,7 @@ function(orlo_target target)
     target_compile_options(${target} PRIVATE /W4 /WX /utf-8)
   else()
     target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion
-      -Wno-sign-conversion -Wnon-virtual-dtor -Woverloaded-virtual=1 -Werror)
+      -Wno-sign-conversion -Wnon-virtual-dtor -Werror)
   endif()
 endfunction()
 
