@@ -9,7 +9,7 @@
 namespace Platform::TestFaults {
 
 enum class FileCall {
-  CreateFile,       // CreateFileW
+  CreateFile,  // CreateFileW
   ReadFile,
   WriteFile,
   CloseHandle,

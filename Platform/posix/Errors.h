@@ -1,0 +1,35 @@
+#pragma once
+
+// How the calls of this layer report. Each of them is an internal function that does the work and
+// returns a Windows error code, and a thin exported one that hands that code to Report: the last
+// error is set there and nowhere else.
+
+#include <new>
+#include <utility>
+
+#include "Platform/Windows.h"
+
+namespace Platform {
+
+// The Windows code of an errno value; ERROR_GEN_FAILURE for one without a counterpart. ENOENT and
+// ENOTDIR of a path go through PathError (Paths.h), which knows the two "not found" codes apart.
+DWORD ErrorFromErrno(int error);
+
+// The errno value with which the C runtime reports a Windows code; EINVAL for any other code.
+int ErrnoFromError(DWORD error);
+
+// Runs `work`, sets the last error to the code that it returns, and returns that code. Running out
+// of memory on the way is ERROR_NOT_ENOUGH_MEMORY.
+template <typename Work>
+DWORD Report(Work&& work) {
+  DWORD error = ERROR_SUCCESS;
+  try {
+    error = std::forward<Work>(work)();
+  } catch (const std::bad_alloc&) {
+    error = ERROR_NOT_ENOUGH_MEMORY;
+  }
+  SetLastError(error);
+  return error;
+}
+
+}  // namespace Platform
