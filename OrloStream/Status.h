@@ -13,9 +13,7 @@ class Status {
 
   constexpr Status() = default;
   constexpr explicit Status(std::uint32_t word) : m_word(word) {}
-  static constexpr Status FromInt(int result) {
-    return Status(static_cast<std::uint32_t>(result));
-  }
+  static constexpr Status FromInt(int result) { return Status(static_cast<std::uint32_t>(result)); }
 
   // The message was not taken and will not be; wins over Backpressure.
   constexpr bool Failed() const { return (m_word & kFailed) != 0; }

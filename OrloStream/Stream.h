@@ -69,7 +69,7 @@ class Stream {
   std::wstring m_name;
   // Closing it deletes the modules with their tasks.
   std::unique_ptr<ACE_Stream<ACE_MT_SYNCH>> m_stream;
-  std::vector<StreamStageBase*> m_stages;            // owned by m_stream
+  std::vector<StreamStageBase*> m_stages;                 // owned by m_stream
   WindowsAgentCommon::OrloTask* m_destination = nullptr;  // owned by m_stream
   std::vector<std::unique_ptr<IStreamSource>> m_sources;
   bool m_sourcesRunning = false;

@@ -46,8 +46,7 @@ class StreamStageBase : public WindowsAgentCommon::OrloTask {
 
   // Fills `profile` with the stage's profile, the same one at every call. The base has none and
   // leaves it empty.
-  virtual void CreateStatisticsProfile(
-      std::shared_ptr<StreamStageBaseStatisticsProfile>& profile);
+  virtual void CreateStatisticsProfile(std::shared_ptr<StreamStageBaseStatisticsProfile>& profile);
 
   // The same for each thread of svc.
   virtual void CreateStageThreadStatisticsProfile(

@@ -108,31 +108,40 @@ inline const HANDLE INVALID_HANDLE_VALUE =
 
 constexpr DWORD MAX_PATH = 260;
 
-constexpr DWORD GENERIC_READ = 0x80000000u;
+// These five are macros, as on Windows: ACE's headers give them a value of their own unless they
+// are defined, and may come before or after this one.
+#undef GENERIC_READ
+#undef FILE_SHARE_READ
+#undef OPEN_EXISTING
+#undef FILE_ATTRIBUTE_NORMAL
+#undef FILE_FLAG_SEQUENTIAL_SCAN
+#define GENERIC_READ 0x80000000u
+#define FILE_SHARE_READ 0x1u
+#define OPEN_EXISTING 3u
+#define FILE_ATTRIBUTE_NORMAL 0x80u
+#define FILE_FLAG_SEQUENTIAL_SCAN 0x08000000u
+
 constexpr DWORD GENERIC_WRITE = 0x40000000u;
 
-constexpr DWORD FILE_SHARE_READ = 0x1;
 constexpr DWORD FILE_SHARE_WRITE = 0x2;
 constexpr DWORD FILE_SHARE_DELETE = 0x4;
 
 constexpr DWORD CREATE_NEW = 1;
 constexpr DWORD CREATE_ALWAYS = 2;
-constexpr DWORD OPEN_EXISTING = 3;
 constexpr DWORD OPEN_ALWAYS = 4;
 constexpr DWORD TRUNCATE_EXISTING = 5;
 
 constexpr DWORD FILE_ATTRIBUTE_READONLY = 0x1;
 constexpr DWORD FILE_ATTRIBUTE_DIRECTORY = 0x10;
-constexpr DWORD FILE_ATTRIBUTE_NORMAL = 0x80;
-constexpr DWORD FILE_FLAG_SEQUENTIAL_SCAN = 0x08000000;
 constexpr DWORD INVALID_FILE_ATTRIBUTES = 0xFFFFFFFFu;
 
+// Always written as SECURITY_ATTRIBUTES*: ACE's headers define the usual name of the pointer as
+// something else.
 struct SECURITY_ATTRIBUTES {
   DWORD nLength;
   LPVOID lpSecurityDescriptor;
   BOOL bInheritHandle;
 };
-using LPSECURITY_ATTRIBUTES = SECURITY_ATTRIBUTES*;
 
 struct OVERLAPPED;
 using LPOVERLAPPED = OVERLAPPED*;
@@ -162,7 +171,7 @@ using LPWIN32_FIND_DATAW = WIN32_FIND_DATAW*;
 // becomes read-only; without effect on an existing one), FILE_FLAG_SEQUENTIAL_SCAN; any other
 // gives ERROR_INVALID_PARAMETER. The file is not inherited by child processes.
 HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD shareMode,
-                   LPSECURITY_ATTRIBUTES securityAttributes, DWORD creationDisposition,
+                   SECURITY_ATTRIBUTES* securityAttributes, DWORD creationDisposition,
                    DWORD flagsAndAttributes, HANDLE templateFile);
 
 // Overlapped operation is not supported: `overlapped` must be null. A write that could be made
@@ -180,7 +189,7 @@ HANDLE FindFirstFileW(LPCWSTR fileName, LPWIN32_FIND_DATAW findFileData);
 BOOL FindNextFileW(HANDLE findFile, LPWIN32_FIND_DATAW findFileData);
 BOOL FindClose(HANDLE findFile);
 
-BOOL CreateDirectoryW(LPCWSTR pathName, LPSECURITY_ATTRIBUTES securityAttributes);
+BOOL CreateDirectoryW(LPCWSTR pathName, SECURITY_ATTRIBUTES* securityAttributes);
 BOOL RemoveDirectoryW(LPCWSTR pathName);
 DWORD GetFileAttributesW(LPCWSTR fileName);
 

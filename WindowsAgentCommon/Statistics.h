@@ -47,8 +47,7 @@ class IStatisticsGroup {
 
   // Replaces the value of a declared statistic. A name that is not declared is ignored. The flag
   // is accepted and without effect.
-  virtual void UpdateStatistic(const std::string& name, const StatisticValue& value,
-                               bool flag) = 0;
+  virtual void UpdateStatistic(const std::string& name, const StatisticValue& value, bool flag) = 0;
 };
 
 class IStatisticsServer : public IServiceComponent {
