@@ -1,7 +1,6 @@
 #include "StoreAndForward/StoreAndForwardStatisticsProfile.h"
 
 #include <limits>
-#include <source_location>
 
 #include "OrloStream/StatisticsTables.h"
 
@@ -29,10 +28,6 @@ constexpr unsigned kChunkSizeWindow = 64;
 constexpr const char* kFile = "StoreAndForward/StoreAndForwardStatisticsProfile";
 constexpr const char* kStagesCategory = "AgentCore/StreamManager/Stages";
 
-int Line(std::source_location location = std::source_location::current()) {
-  return static_cast<int>(location.line());
-}
-
 StatisticDeclaration Counter(const char* name, const char* description, int line) {
   return {name, description, kCounterKind, std::int64_t{0}, line};
 }
@@ -55,64 +50,65 @@ constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 // The declarations, in the order in which they are declared to the server.
 
 const StatisticDeclaration kTotalEventsPosted =
-    Counter("TotalEventsPosted", "The number of events posted to this stage", Line());
+    Counter("TotalEventsPosted", "The number of events posted to this stage", __LINE__);
 const StatisticDeclaration kTotalEventsFailedToQueue =
     Counter("TotalEventsFailedToQueue",
-            "The number of events posted to this stage that failed to be queued", Line());
+            "The number of events posted to this stage that failed to be queued", __LINE__);
 
-const StatisticDeclaration kInputQueueLowWaterMark = Setting(
-    "InputQueueLowWaterMark",
-    "The drain point (in bytes) that the queue must reach in order to accept events again", Line());
+const StatisticDeclaration kInputQueueLowWaterMark =
+    Setting("InputQueueLowWaterMark",
+            "The drain point (in bytes) that the queue must reach in order to accept events again",
+            __LINE__);
 const StatisticDeclaration kInputQueueHighWaterMark =
     Setting("InputQueueHighWaterMark",
-            "The number of bytes the queue can accept until insertion blocking occurs", Line());
+            "The number of bytes the queue can accept until insertion blocking occurs", __LINE__);
 const StatisticDeclaration kDataProcessingPeriod = Setting(
     "DataProcessingPeriod",
-    "The number of microseconds between disk checks for event data ready to be sent", Line());
+    "The number of microseconds between disk checks for event data ready to be sent", __LINE__);
 const StatisticDeclaration kDataChunkingPeriod = Setting(
     "DataChunkingPeriod",
-    "The number of seconds worth of data stored in one interval of on-disk event data", Line());
+    "The number of seconds worth of data stored in one interval of on-disk event data", __LINE__);
 const StatisticDeclaration kChunkSize = {"ChunkSize", kChunkSizeDescription, kCounterKind,
-                                         std::int64_t{0}, Line()};
+                                         std::int64_t{0}, __LINE__};
 const StatisticDeclaration kChunkSizeMinimum =
-    ChunkSizeFigure("ChunkSizeMinimum", " (minimum)", kNaN, Line());
+    ChunkSizeFigure("ChunkSizeMinimum", " (minimum)", kNaN, __LINE__);
 const StatisticDeclaration kChunkSizeMaximum =
-    ChunkSizeFigure("ChunkSizeMaximum", " (maximum)", kNaN, Line());
+    ChunkSizeFigure("ChunkSizeMaximum", " (maximum)", kNaN, __LINE__);
 const StatisticDeclaration kChunkSizeAverage =
-    ChunkSizeFigure("ChunkSizeAverage", " (average)", kNaN, Line());
+    ChunkSizeFigure("ChunkSizeAverage", " (average)", kNaN, __LINE__);
 const StatisticDeclaration kChunkSizeRollingAverage =
-    ChunkSizeFigure("ChunkSizeRollingAverage", " (rolling average)", kNaN, Line());
+    ChunkSizeFigure("ChunkSizeRollingAverage", " (rolling average)", kNaN, __LINE__);
 const StatisticDeclaration kChunkSizeTotal =
-    ChunkSizeFigure("ChunkSizeTotal", " (total)", 0.0, Line());
+    ChunkSizeFigure("ChunkSizeTotal", " (total)", 0.0, __LINE__);
 const StatisticDeclaration kChunkSizeTrendCoeff1 =
-    ChunkSizeFigure("ChunkSizeTrendCoeff1", " (trend line slope)", kNaN, Line());
+    ChunkSizeFigure("ChunkSizeTrendCoeff1", " (trend line slope)", kNaN, __LINE__);
 const StatisticDeclaration kChunkSizeTrendCoeff2 =
-    ChunkSizeFigure("ChunkSizeTrendCoeff2", " (trend line intercept)", kNaN, Line());
+    ChunkSizeFigure("ChunkSizeTrendCoeff2", " (trend line intercept)", kNaN, __LINE__);
 const StatisticDeclaration kChunkSizeTrend = {"ChunkSizeTrend", kChunkSizeDescription + " (trend)",
-                                              kTextKind, std::string("N/A"), Line()};
-const StatisticDeclaration kOutgoingHandlerAccepts =
-    Counter("OutgoingHandlerAccepts",
-            "The number of times the outgoing processor successfully accepted event data", Line());
+                                              kTextKind, std::string("N/A"), __LINE__};
+const StatisticDeclaration kOutgoingHandlerAccepts = Counter(
+    "OutgoingHandlerAccepts",
+    "The number of times the outgoing processor successfully accepted event data", __LINE__);
 const StatisticDeclaration kOutgoingHandlerRejects = Counter(
     "OutgoingHandlerRejects",
-    "The number of times the outgoing processor rejected event data due to being busy", Line());
+    "The number of times the outgoing processor rejected event data due to being busy", __LINE__);
 const StatisticDeclaration kEventDiskCacheAccepts =
     Counter("EventDiskCacheAccepts",
-            "The number of times the on-disk cache accepted data to be written to disk", Line());
+            "The number of times the on-disk cache accepted data to be written to disk", __LINE__);
 const StatisticDeclaration kEventDiskCacheRejects = Counter(
     "EventDiskCacheRejects",
-    "The number of times the on-disk cache rejected event data to be written to disk", Line());
+    "The number of times the on-disk cache rejected event data to be written to disk", __LINE__);
 const StatisticDeclaration kMessagesLost =
     Counter("MessagesLost",
-            "The number of events lost due to the on-disk cache rejecting event data", Line());
+            "The number of events lost due to the on-disk cache rejecting event data", __LINE__);
 
 const StatisticDeclaration kEventsIncoming =
-    Counter("EventsIncoming", "The number of events posted to the outgoing queue", Line());
+    Counter("EventsIncoming", "The number of events posted to the outgoing queue", __LINE__);
 const StatisticDeclaration kEventsOutgoing =
-    Counter("EventsOutgoing", "The number of events written to the destination", Line());
+    Counter("EventsOutgoing", "The number of events written to the destination", __LINE__);
 const StatisticDeclaration kNumberOfRequeues =
     Counter("NumberOfRequeues",
-            "The number of times the destination rejected the event due to backpressure", Line());
+            "The number of times the destination rejected the event due to backpressure", __LINE__);
 
 IStatisticsServer* FindStatisticsServer() {
   return dynamic_cast<IStatisticsServer*>(
