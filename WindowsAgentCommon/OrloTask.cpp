@@ -1,1 +1,9 @@
-// placeholder
+#include "WindowsAgentCommon/OrloTask.h"
+
+namespace WindowsAgentCommon {
+
+OrloTask::OrloTask() = default;
+
+OrloTask::~OrloTask() = default;
+
+}  // namespace WindowsAgentCommon

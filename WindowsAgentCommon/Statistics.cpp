@@ -1,1 +1,154 @@
-// placeholder
+#include "WindowsAgentCommon/Statistics.h"
+
+#include <algorithm>
+#include <limits>
+#include <mutex>
+#include <unordered_map>
+#include <utility>
+
+#include "WindowsAgentCommon/Logging.h"
+
+namespace WindowsAgentCommon {
+
+namespace {
+
+thread_local std::string currentInstance;
+
+// Updates take only the group's own lock. The values live in one vector in the order of
+// declaration; the index finds them by name without making a string.
+class StatisticsGroup : public IStatisticsGroup {
+ public:
+  StatisticsGroup(std::string name, std::string categoryPath, std::string instance)
+      : m_name(std::move(name)),
+        m_categoryPath(std::move(categoryPath)),
+        m_instance(std::move(instance)) {}
+
+  void Publish() override {
+    const std::lock_guard guard(m_lock);
+    m_published = true;
+  }
+
+  void DeclareStatistic(const std::string& name, const std::string& description,
+                        const StatisticValue& initial) override {
+    const std::lock_guard guard(m_lock);
+    const auto [entry, isNew] = m_index.try_emplace(name, m_statistics.size());
+    if (isNew) {
+      m_statistics.push_back({name, description, initial});
+    } else {
+      m_statistics[entry->second] = {name, description, initial};
+    }
+  }
+
+  void UpdateStatistic(const std::string& name, const StatisticValue& value,
+                       bool /*flag*/) override {
+    const std::lock_guard guard(m_lock);
+    const auto found = m_index.find(name);
+    if (found != m_index.end()) {
+      m_statistics[found->second].value = value;
+    }
+  }
+
+  const std::string& GetInstance() const { return m_instance; }
+
+  // Adds nothing while the group is not published.
+  void AddTo(std::vector<StatisticsGroupSnapshot>& snapshot) const {
+    const std::lock_guard guard(m_lock);
+    if (m_published) {
+      snapshot.push_back({m_name, m_categoryPath, m_instance, m_statistics});
+    }
+  }
+
+ private:
+  const std::string m_name;
+  const std::string m_categoryPath;
+  const std::string m_instance;
+
+  mutable std::mutex m_lock;
+  // Guarded by m_lock:
+  std::vector<StatisticSnapshot> m_statistics;
+  std::unordered_map<std::string, std::size_t> m_index;
+  bool m_published = false;
+};
+
+}  // namespace
+
+IStatisticsGroup::~IStatisticsGroup() = default;
+
+const std::string& IStatisticsServer::GetServiceName() {
+  static const std::string name = "IStatisticsServer";
+  return name;
+}
+
+const StatisticVariant* StatisticsGroupSnapshot::Find(const std::string& statistic) const {
+  const auto found =
+      std::find_if(statistics.begin(), statistics.end(),
+                   [&](const StatisticSnapshot& entry) { return entry.name == statistic; });
+  return found == statistics.end() ? nullptr : &found->value.GetValue();
+}
+
+std::int64_t StatisticsGroupSnapshot::GetInteger(const std::string& statistic) const {
+  const StatisticVariant* const value = Find(statistic);
+  if (const auto* const number = boost::get<std::int64_t>(value)) {
+    return *number;
+  }
+  if (const auto* const number = boost::get<std::uint64_t>(value)) {
+    constexpr std::uint64_t kLargest = std::numeric_limits<std::int64_t>::max();
+    return static_cast<std::int64_t>(std::min(*number, kLargest));
+  }
+  return 0;
+}
+
+StatisticsInstanceScope::StatisticsInstanceScope(std::string instance)
+    : m_previous(std::exchange(currentInstance, std::move(instance))) {}
+
+StatisticsInstanceScope::~StatisticsInstanceScope() { currentInstance.swap(m_previous); }
+
+struct StatisticsServer::State {
+  mutable std::mutex lock;
+  std::vector<std::shared_ptr<StatisticsGroup>> groups;  // guarded by lock
+};
+
+StatisticsServer::StatisticsServer() : m_state(std::make_unique<State>()) {}
+
+StatisticsServer::~StatisticsServer() = default;
+
+void StatisticsServer::CreateGroup(const std::string& name, const std::string& categoryPath,
+                                   std::shared_ptr<IStatisticsGroup>& group) {
+  group = std::make_shared<StatisticsGroup>(name, categoryPath, currentInstance);
+}
+
+void StatisticsServer::RegisterGroup(const std::shared_ptr<IStatisticsGroup>& group) {
+  const auto own = std::dynamic_pointer_cast<StatisticsGroup>(group);
+  if (!own) {
+    LogFacade::Error(LoggerFactory::GetLog("Code.StatisticsServer"),
+                     "A statistics group that this server did not make was given for "
+                     "registration. Its values will not be shown.");
+    return;
+  }
+  const std::lock_guard guard(m_state->lock);
+  if (std::find(m_state->groups.begin(), m_state->groups.end(), own) == m_state->groups.end()) {
+    m_state->groups.push_back(own);
+  }
+}
+
+std::vector<StatisticsGroupSnapshot> StatisticsServer::GetSnapshot() const {
+  std::vector<std::shared_ptr<StatisticsGroup>> groups;
+  {
+    const std::lock_guard guard(m_state->lock);
+    groups = m_state->groups;
+  }
+  std::vector<StatisticsGroupSnapshot> snapshot;
+  snapshot.reserve(groups.size());
+  for (const auto& group : groups) {
+    group->AddTo(snapshot);
+  }
+  return snapshot;
+}
+
+void StatisticsServer::RemoveInstance(const std::string& instance) {
+  const std::lock_guard guard(m_state->lock);
+  std::erase_if(m_state->groups,
+                [&](const auto& group) { return group->GetInstance() == instance; });
+}
+
+}  // namespace WindowsAgentCommon
