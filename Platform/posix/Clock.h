@@ -9,6 +9,7 @@ namespace Platform {
 
 // Times are counted as in a FILETIME: units of 100 nanoseconds since 1601-01-01 UTC.
 constexpr std::int64_t kUnitsPerSecond = 10'000'000;
+constexpr std::int64_t kUnitsPerMillisecond = kUnitsPerSecond / 1000;
 constexpr std::int64_t kUnitsPerMinute = 60 * kUnitsPerSecond;
 constexpr std::int64_t kUnitsPerDay = 24 * 60 * kUnitsPerMinute;
 constexpr std::int64_t kSecondsFrom1601To1970 = 11'644'473'600;

@@ -18,16 +18,21 @@ DWORD ErrorFromErrno(int error);
 // The errno value with which the C runtime reports a Windows code; EINVAL for any other code.
 int ErrnoFromError(DWORD error);
 
-// Runs `work`, sets the last error to the code that it returns, and returns that code. Running out
-// of memory on the way is ERROR_NOT_ENOUGH_MEMORY.
+// Runs `work` and returns the code that it returns; ERROR_NOT_ENOUGH_MEMORY if memory runs out on
+// the way.
+template <typename Work>
+DWORD Guarded(Work&& work) {
+  try {
+    return std::forward<Work>(work)();
+  } catch (const std::bad_alloc&) {
+    return ERROR_NOT_ENOUGH_MEMORY;
+  }
+}
+
+// As Guarded, and sets the last error to the code.
 template <typename Work>
 DWORD Report(Work&& work) {
-  DWORD error = ERROR_SUCCESS;
-  try {
-    error = std::forward<Work>(work)();
-  } catch (const std::bad_alloc&) {
-    error = ERROR_NOT_ENOUGH_MEMORY;
-  }
+  const DWORD error = Guarded(std::forward<Work>(work));
   SetLastError(error);
   return error;
 }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Platform/Windows.h"
+#include "Platform/posix/Errors.h"
 #include "Platform/posix/Handles.h"
 #include "Platform/posix/Names.h"
 #include "Platform/posix/TestRegistry.h"
@@ -215,7 +216,8 @@ LSTATUS RegOpenKeyExW(HKEY key, LPCWSTR subKey, DWORD options, REGSAM desiredAcc
       (desiredAccess != KEY_QUERY_VALUE && desiredAccess != KEY_READ)) {
     return ERROR_INVALID_PARAMETER;
   }
-  return static_cast<LSTATUS>(Platform::OpenKey(key, subKey, resultKey));
+  return static_cast<LSTATUS>(
+      Platform::Guarded([&] { return Platform::OpenKey(key, subKey, resultKey); }));
 }
 
 LSTATUS RegQueryValueExW(HKEY key, LPCWSTR valueName, LPDWORD reserved, LPDWORD type, LPBYTE data,
@@ -223,7 +225,8 @@ LSTATUS RegQueryValueExW(HKEY key, LPCWSTR valueName, LPDWORD reserved, LPDWORD 
   if (reserved != nullptr || (data != nullptr && dataSize == nullptr)) {
     return ERROR_INVALID_PARAMETER;
   }
-  return static_cast<LSTATUS>(Platform::QueryValue(key, valueName, type, data, dataSize));
+  return static_cast<LSTATUS>(Platform::Guarded(
+      [&] { return Platform::QueryValue(key, valueName, type, data, dataSize); }));
 }
 
 LSTATUS RegCloseKey(HKEY key) {

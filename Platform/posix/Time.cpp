@@ -19,7 +19,7 @@ std::int64_t UnitsOfDate(chrono::sys_days date) {
 
 std::int64_t UnitsOfTimeOfDay(const SYSTEMTIME& time) {
   const std::int64_t seconds = (time.wHour * 60 + time.wMinute) * 60 + time.wSecond;
-  return seconds * kUnitsPerSecond + time.wMilliseconds * (kUnitsPerSecond / 1000);
+  return seconds * kUnitsPerSecond + time.wMilliseconds * kUnitsPerMillisecond;
 }
 
 bool TimeOfDayIsPossible(const SYSTEMTIME& time) {
@@ -41,15 +41,15 @@ bool RuleIsPossible(const SYSTEMTIME& rule) {
   return rule.wYear <= 30827 && rule.wDay <= 31 && DateOf(rule).ok();
 }
 
-// When a rule takes effect in a year. A fixed date holds for that month and day of every year;
-// 29 February means 1 March in a common year.
-std::int64_t UnitsOfRule(const SYSTEMTIME& rule, int year) {
+// The local time at which a rule takes effect in a year. A fixed date holds for that month and day
+// of every year; 29 February means 1 March in a common year.
+chrono::sys_time<chrono::milliseconds> TimeOfRule(const SYSTEMTIME& rule, int year) {
+  const chrono::milliseconds timeOfDay{UnitsOfTimeOfDay(rule) / kUnitsPerMillisecond};
   if (rule.wYear == 0) {
-    return UnitsOfDate(DateOfWeekRule(year, rule.wMonth, rule.wDay, rule.wDayOfWeek)) +
-           UnitsOfTimeOfDay(rule);
+    return DateOfWeekRule(year, rule.wMonth, rule.wDay, rule.wDayOfWeek) + timeOfDay;
   }
   const chrono::sys_days first = chrono::year{year} / chrono::month{rule.wMonth} / 1;
-  return UnitsOfDate(first + chrono::days{rule.wDay - 1}) + UnitsOfTimeOfDay(rule);
+  return first + chrono::days{rule.wDay - 1} + timeOfDay;
 }
 
 int YearOf(std::int64_t units) {
@@ -57,12 +57,28 @@ int YearOf(std::int64_t units) {
   return static_cast<int>(chrono::year_month_day{kFirstDay + days}.year());
 }
 
+// Nothing if the result lies outside the calendar.
 std::optional<std::int64_t> ApplyBias(std::int64_t universal, std::int64_t minutes) {
   const std::int64_t shift = minutes * kUnitsPerMinute;
   if (shift > universal || (shift < 0 && universal > INT64_MAX + shift)) {
     return std::nullopt;
   }
   return universal - shift;
+}
+
+// When a rule last took effect, in UTC. `bias` is that of the local time in which the rule is
+// given. The year before and the year after `year` are looked at, too: where a rule stands at the
+// turn of the year, it can fall into another year in UTC or in the other local time.
+chrono::sys_time<chrono::milliseconds> LastEffect(const SYSTEMTIME& rule, std::int64_t bias,
+                                                  int year,
+                                                  chrono::sys_time<chrono::milliseconds> now) {
+  for (int candidate = year + 1; candidate >= year; --candidate) {
+    const auto effect = TimeOfRule(rule, candidate) + chrono::minutes{bias};
+    if (effect <= now) {
+      return effect;
+    }
+  }
+  return TimeOfRule(rule, year - 1) + chrono::minutes{bias};
 }
 
 std::optional<std::int64_t> ToLocal(const TIME_ZONE_INFORMATION& zone, std::int64_t universal) {
@@ -72,22 +88,18 @@ std::optional<std::int64_t> ToLocal(const TIME_ZONE_INFORMATION& zone, std::int6
   if (!RuleIsPossible(zone.StandardDate) || !RuleIsPossible(zone.DaylightDate)) {
     return std::nullopt;
   }
-  const std::int64_t bias = zone.Bias;
-  const std::optional<std::int64_t> standard = ApplyBias(universal, bias + zone.StandardBias);
-  const std::optional<std::int64_t> daylight = ApplyBias(universal, bias + zone.DaylightBias);
+  const std::int64_t standardBias = std::int64_t{zone.Bias} + zone.StandardBias;
+  const std::int64_t daylightBias = std::int64_t{zone.Bias} + zone.DaylightBias;
+  const std::optional<std::int64_t> standard = ApplyBias(universal, standardBias);
+  const std::optional<std::int64_t> daylight = ApplyBias(universal, daylightBias);
   if (!standard || !daylight) {
     return std::nullopt;
   }
+  const auto now = kFirstDay + chrono::milliseconds{universal / kUnitsPerMillisecond};
   // Each rule is given in the local time that holds until it takes effect.
-  const int standardYear = YearOf(*standard);
-  const bool bAfterDaylightDate = *standard >= UnitsOfRule(zone.DaylightDate, standardYear);
-  const bool bBeforeStandardDate = *daylight < UnitsOfRule(zone.StandardDate, YearOf(*daylight));
-  const bool bDaylightWithinYear =
-      UnitsOfRule(zone.DaylightDate, standardYear) < UnitsOfRule(zone.StandardDate, standardYear);
-  // On the southern half of the earth daylight time covers the turn of the year.
-  const bool bDaylight = bDaylightWithinYear ? bAfterDaylightDate && bBeforeStandardDate
-                                             : bAfterDaylightDate || bBeforeStandardDate;
-  return bDaylight ? daylight : standard;
+  const auto daylightBegan = LastEffect(zone.DaylightDate, standardBias, YearOf(*standard), now);
+  const auto standardBegan = LastEffect(zone.StandardDate, daylightBias, YearOf(*daylight), now);
+  return daylightBegan > standardBegan ? daylight : standard;
 }
 
 }  // namespace
@@ -103,7 +115,7 @@ std::optional<std::int64_t> UnitsFromSystemTime(const SYSTEMTIME& time) {
 SYSTEMTIME SystemTimeFromUnits(std::int64_t units) {
   const chrono::sys_days day = kFirstDay + chrono::days{units / kUnitsPerDay};
   const chrono::year_month_day date{day};
-  const std::int64_t milliseconds = units % kUnitsPerDay / (kUnitsPerSecond / 1000);
+  const std::int64_t milliseconds = units % kUnitsPerDay / kUnitsPerMillisecond;
   const std::int64_t seconds = milliseconds / 1000;
   return {static_cast<WORD>(static_cast<int>(date.year())),
           static_cast<WORD>(static_cast<unsigned>(date.month())),
