@@ -1,1 +1,240 @@
-// placeholder
+#include "OrloStream/StreamManager.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "OrloStream/StageModule.h"
+#include "WindowsAgentCommon/Exceptions.h"
+#include "WindowsAgentCommon/Logging.h"
+#include "WindowsAgentCommon/Services.h"
+#include "WindowsAgentCommon/Statistics.h"
+#include "WindowsAgentCommon/Text.h"
+
+namespace OrloStream {
+
+using WindowsAgentCommon::InitializationException;
+using WindowsAgentCommon::IStatisticsServer;
+using WindowsAgentCommon::LogFacade;
+using WindowsAgentCommon::OrloException;
+using WindowsAgentCommon::OrloTask;
+using WindowsAgentCommon::StatisticsServer;
+
+namespace {
+
+[[noreturn]] void Fail(const char* function, const std::string& message) {
+  throw InitializationException("OrloStream/StreamManager", function, __LINE__, message);
+}
+
+// Calls `step`. Whatever it throws goes on as an InitializationException with `where` before its
+// message, and, if it is one of the system's own, the place where it arose.
+template <typename Step>
+void RunStep(const char* function, const std::string& where, Step step) {
+  try {
+    step();
+  } catch (const OrloException& error) {
+    throw InitializationException(error.GetFile(), error.GetFunction(), error.GetLine(),
+                                  where + ": " + error.GetText());
+  } catch (const std::exception& error) {
+    Fail(function, where + ": " + error.what());
+  } catch (...) {
+    Fail(function, where + ": unknown exception");
+  }
+}
+
+constexpr const char* kCreate = "OrloStream::StreamManager::Create";
+constexpr const char* kStartSources = "OrloStream::StreamManager::StartSources";
+
+std::string DescribeStream(const std::wstring& name) {
+  return "Stream \"" + WindowsAgentCommon::ToUtf8(name) + "\"";
+}
+
+// A failing Stop must not keep the others from being stopped.
+template <typename Task>
+void StopTask(Task& task, const std::string& where) {
+  try {
+    task.Stop();
+  } catch (const std::exception& error) {
+    LogFacade::Error(WindowsAgentCommon::LoggerFactory::GetLog("Code.StreamManager"),
+                     "%s could not be stopped: %s", where, error.what());
+  }
+}
+
+void InitializeProfile(StreamStageBase& stage) {
+  std::shared_ptr<StreamStageBaseStatisticsProfile> profile;
+  stage.CreateStatisticsProfile(profile);
+  if (!profile) {
+    return;
+  }
+  if (profile->GetStatisticsServer() == nullptr) {
+    Fail(kCreate, "there is no statistics service");
+  }
+  profile->Initialize();
+}
+
+void ForgetStatistics(const std::string& instance) {
+  auto* const server = dynamic_cast<StatisticsServer*>(
+      WindowsAgentCommon::_getService(IStatisticsServer::GetServiceName()));
+  if (server != nullptr) {
+    server->RemoveInstance(instance);
+  }
+}
+
+// Stops what was started, last started first, unless Dismiss is called.
+class StopOnFailure {
+ public:
+  explicit StopOnFailure(std::string where) : m_where(std::move(where)) {}
+  ~StopOnFailure() {
+    for (auto task = m_tasks.rbegin(); task != m_tasks.rend(); ++task) {
+      StopTask(**task, m_where);
+    }
+  }
+  StopOnFailure(const StopOnFailure&) = delete;
+  StopOnFailure& operator=(const StopOnFailure&) = delete;
+
+  void Add(OrloTask& task) { m_tasks.push_back(&task); }
+  void Dismiss() { m_tasks.clear(); }
+
+ private:
+  const std::string m_where;
+  std::vector<OrloTask*> m_tasks;
+};
+
+}  // namespace
+
+StreamManager::StreamManager(std::string moduleDirectory)
+    : m_moduleDirectory(std::move(moduleDirectory)) {}
+
+StreamManager::~StreamManager() {
+  while (!m_streams.empty()) {
+    Remove(*m_streams.back());
+  }
+}
+
+Stream& StreamManager::Create(StreamDefinition definition) {
+  const std::string where = DescribeStream(definition.name);
+  const bool isTaken = std::any_of(m_streams.begin(), m_streams.end(), [&](const auto& stream) {
+    return stream->GetName() == definition.name;
+  });
+  if (isTaken) {
+    Fail(kCreate, where + ": there is a stream of this name already");
+  }
+  if (!definition.destination) {
+    Fail(kCreate, where + ": it has no destination");
+  }
+  const std::string instance = WindowsAgentCommon::ToUtf8(definition.name);
+  std::unique_ptr<Stream> stream(new Stream(definition.name));
+  m_streams.reserve(m_streams.size() + 1);
+  try {
+    const WindowsAgentCommon::StatisticsInstanceScope scope(instance);
+    BuildChain(*stream, definition);
+    InitializeChain(*stream, definition);
+  } catch (...) {
+    stream.reset();
+    ForgetStatistics(instance);
+    throw;
+  }
+  stream->m_sources = std::move(definition.sources);
+  m_streams.push_back(std::move(stream));
+  return *m_streams.back();
+}
+
+void StreamManager::BuildChain(Stream& stream, StreamDefinition& definition) {
+  const std::string where = DescribeStream(stream.m_name);
+  std::vector<std::unique_ptr<Module>> modules;
+  for (const StageDefinition& stage : definition.stages) {
+    RunStep(kCreate, where + ", module " + stage.moduleName,
+            [&] { modules.push_back(LoadStageModule(m_moduleDirectory, stage.moduleName)); });
+    stream.m_stages.push_back(GetStage(*modules.back()));
+    stream.m_stages.back()->SetParentStreamName(stream.m_name);
+  }
+
+  auto destination =
+      std::make_unique<Module>(ACE_TEXT("Destination"), definition.destination.get());
+  if (destination->writer() != definition.destination.get()) {
+    Fail(kCreate, where + ", destination: out of memory");
+  }
+  stream.m_destination = definition.destination.release();
+  // A module belongs to the stream even when it could not be opened.
+  if (stream.m_stream->push(destination.release()) == -1) {
+    Fail(kCreate, where + ", destination: can't be opened");
+  }
+  for (std::size_t i = modules.size(); i-- > 0;) {
+    if (stream.m_stream->push(modules[i].release()) == -1) {
+      Fail(kCreate, where + ", module " + definition.stages[i].moduleName + ": can't be opened");
+    }
+  }
+}
+
+void StreamManager::InitializeChain(Stream& stream, const StreamDefinition& definition) {
+  const std::string where = DescribeStream(stream.m_name);
+  const auto describeStage = [&](std::size_t i) {
+    return where + ", module " + definition.stages[i].moduleName;
+  };
+  for (std::size_t i = 0; i < stream.m_stages.size(); ++i) {
+    RunStep(kCreate, describeStage(i), [&] { InitializeProfile(*stream.m_stages[i]); });
+  }
+
+  // A task is added before it is initialised: one that failed half-way may have threads running.
+  StopOnFailure started(where);
+  started.Add(*stream.m_destination);
+  RunStep(kCreate, where + ", destination", [&] { stream.m_destination->Initialize({}); });
+  for (std::size_t i = stream.m_stages.size(); i-- > 0;) {
+    started.Add(*stream.m_stages[i]);
+    RunStep(kCreate, describeStage(i),
+            [&] { stream.m_stages[i]->Initialize(definition.stages[i].settings); });
+  }
+  started.Dismiss();
+  stream.m_stagesRunning = true;
+}
+
+void StreamManager::StartSources(Stream& stream) {
+  if (stream.m_sourcesRunning) {
+    return;
+  }
+  const std::string where = DescribeStream(stream.m_name);
+  for (std::size_t i = 0; i < stream.m_sources.size(); ++i) {
+    try {
+      RunStep(kStartSources, where, [&] { stream.m_sources[i]->Start(stream); });
+    } catch (...) {
+      for (std::size_t started = 0; started < i; ++started) {
+        StopTask(*stream.m_sources[started], where + ", source");
+      }
+      throw;
+    }
+  }
+  stream.m_sourcesRunning = true;
+}
+
+void StreamManager::StopSources(Stream& stream) {
+  if (!stream.m_sourcesRunning) {
+    return;
+  }
+  const std::string where = DescribeStream(stream.m_name) + ", source";
+  for (const auto& source : stream.m_sources) {
+    StopTask(*source, where);
+  }
+  stream.m_sourcesRunning = false;
+}
+
+void StreamManager::StopStages(Stream& stream) {
+  if (!stream.m_stagesRunning) {
+    return;
+  }
+  const std::string where = DescribeStream(stream.m_name);
+  for (StreamStageBase* stage : stream.m_stages) {
+    StopTask(*stage, where + ", module " + stage->GetStageName());
+  }
+  StopTask(*stream.m_destination, where + ", destination");
+  stream.m_stagesRunning = false;
+}
+
+void StreamManager::Remove(Stream& stream) {
+  StopSources(stream);
+  StopStages(stream);
+  const std::string instance = WindowsAgentCommon::ToUtf8(stream.m_name);
+  std::erase_if(m_streams, [&](const auto& candidate) { return candidate.get() == &stream; });
+  ForgetStatistics(instance);
+}
+
+}  // namespace OrloStream

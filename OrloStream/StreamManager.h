@@ -45,6 +45,10 @@ class StreamManager {
   const std::vector<std::unique_ptr<Stream>>& GetStreams() const { return m_streams; }
 
  private:
+  // The steps of Create: from files to a linked chain, and from there to a running one.
+  void BuildChain(Stream& stream, StreamDefinition& definition);
+  void InitializeChain(Stream& stream, const StreamDefinition& definition);
+
   std::string m_moduleDirectory;
   std::vector<std::unique_ptr<Stream>> m_streams;
 };
