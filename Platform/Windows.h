@@ -166,10 +166,13 @@ struct WIN32_FIND_DATAW {
 };
 using LPWIN32_FIND_DATAW = WIN32_FIND_DATAW*;
 
-// Share modes are accepted and not enforced. Security attributes and a template file must be
-// null. Supported flags: FILE_ATTRIBUTE_NORMAL, FILE_ATTRIBUTE_READONLY (a file that is created
-// becomes read-only; without effect on an existing one), FILE_FLAG_SEQUENTIAL_SCAN; any other
-// gives ERROR_INVALID_PARAMETER. The file is not inherited by child processes.
+// The access must be GENERIC_READ, GENERIC_WRITE or both; Windows also has rights of its own and
+// none at all. Share modes are accepted and not enforced. Security attributes and a template file
+// must be null. Supported flags: FILE_ATTRIBUTE_NORMAL, FILE_ATTRIBUTE_READONLY (a file that is
+// created becomes read-only; without effect on an existing one), FILE_FLAG_SEQUENTIAL_SCAN; any
+// other gives ERROR_INVALID_PARAMETER. A read-only file is not written even for root. Only regular
+// files and character devices can be opened; anything else gives ERROR_ACCESS_DENIED, as a
+// directory does. The file is not inherited by child processes.
 HANDLE CreateFileW(LPCWSTR fileName, DWORD desiredAccess, DWORD shareMode,
                    SECURITY_ATTRIBUTES* securityAttributes, DWORD creationDisposition,
                    DWORD flagsAndAttributes, HANDLE templateFile);
@@ -184,17 +187,25 @@ BOOL CloseHandle(HANDLE object);
 
 // The last component is the pattern: "*" and "*.*" list every entry, "*." those without a dot in
 // their name (and "." and ".."), a name without wildcards that entry. Other patterns give
-// ERROR_INVALID_PARAMETER. The order is the file system's.
+// ERROR_INVALID_PARAMETER. The order is the file system's. Names differ by case. A link is listed
+// with the attributes and the size of its target. ftCreationTime and cAlternateFileName stay empty.
 HANDLE FindFirstFileW(LPCWSTR fileName, LPWIN32_FIND_DATAW findFileData);
 BOOL FindNextFileW(HANDLE findFile, LPWIN32_FIND_DATAW findFileData);
 BOOL FindClose(HANDLE findFile);
 
+// The security attributes must be null.
 BOOL CreateDirectoryW(LPCWSTR pathName, SECURITY_ATTRIBUTES* securityAttributes);
+
+// Does not remove a link to a directory (ERROR_DIRECTORY).
 BOOL RemoveDirectoryW(LPCWSTR pathName);
+
+// FILE_ATTRIBUTE_DIRECTORY, or for anything else FILE_ATTRIBUTE_READONLY or FILE_ATTRIBUTE_NORMAL;
+// those of its target for a link. A file's path with a separator behind it gives ERROR_DIRECTORY.
 DWORD GetFileAttributesW(LPCWSTR fileName);
 
 // The C runtime's: 0, or -1 with errno set. A directory or a read-only file is not deleted
-// (EACCES), as on Windows.
+// (EACCES), as on Windows. A file that is open is deleted at once and stays usable through its
+// handles.
 int _wunlink(const wchar_t* fileName);
 
 // ---- System ------------------------------------------------------------------------------------
@@ -250,14 +261,16 @@ void GetSystemTimeAsFileTime(LPFILETIME systemTimeAsFileTime);
 BOOL SystemTimeToFileTime(const SYSTEMTIME* systemTime, LPFILETIME fileTime);
 BOOL FileTimeToSystemTime(const FILETIME* fileTime, LPSYSTEMTIME systemTime);
 
-// A null zone stands for the machine's own zone on Windows; here it gives ERROR_INVALID_PARAMETER.
+// A zone with a DaylightDate has both rules: weekday rules (wYear 0) or fixed dates, which hold for
+// their month and day of every year. ERROR_INVALID_PARAMETER for an impossible time or rule, and
+// for a null zone, which stands for the machine's own zone on Windows.
 BOOL SystemTimeToTzSpecificLocalTime(const TIME_ZONE_INFORMATION* timeZoneInformation,
                                      const SYSTEMTIME* universalTime, LPSYSTEMTIME localTime);
 
 __time64_t _time64(__time64_t* destinationTime);
 
 // The result belongs to the calling thread and lives until its next call. Null, with errno
-// EINVAL, for a null or negative time.
+// EINVAL, for null, a negative time or one after the year 3000.
 std::tm* _gmtime64(const __time64_t* sourceTime);
 
 // ---- Registry ----------------------------------------------------------------------------------

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <string>
@@ -41,6 +42,18 @@ TEST(DirectoriesTest, CreateDirectoryRefusesSecurityAttributes) {
   EXPECT_FALSE(CreateDirectoryW(path.WidePath().c_str(), &security));
   EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
   EXPECT_FALSE(fs::exists(path.Path()));
+}
+
+TEST(DirectoriesTest, UmaskDecidesThePermissionsOfNewFilesAndDirectories) {
+  const PathInState directory(State::Missing);
+  const PathInState file(State::Missing);
+  const mode_t previous = ::umask(0027);
+  EXPECT_TRUE(CreateDirectoryW(directory.WidePath().c_str(), nullptr));
+  EXPECT_TRUE(CloseHandle(CreateFileW(file.WidePath().c_str(), GENERIC_WRITE, 0, nullptr,
+                                      CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr)));
+  ::umask(previous);
+  EXPECT_EQ(fs::status(directory.Path()).permissions(), static_cast<fs::perms>(0750));
+  EXPECT_EQ(fs::status(file.Path()).permissions(), static_cast<fs::perms>(0640));
 }
 
 TEST(DirectoriesTest, CreateDirectoryTakesASeparatorAtTheEnd) {

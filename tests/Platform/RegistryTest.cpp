@@ -71,6 +71,12 @@ TEST_F(RegistryTest, NamesAreComparedWithoutRegardToCase) {
   EXPECT_EQ(Query(key, L"tzi", data), 0);
 }
 
+TEST_F(RegistryTest, OnlyTheLettersAToZHaveTwoCases) {
+  TestRegistry::SetValue(L"Zone \u00C4", L"Z", REG_BINARY, {});
+  EXPECT_TRUE(Exists(L"ZONE \u00C4"));
+  EXPECT_FALSE(Exists(L"Zone \u00E4"));
+}
+
 TEST_F(RegistryTest, KeysAreOpenedStepByStep) {
   HKEY key = HKEY_LOCAL_MACHINE;
   for (const wchar_t* step :
