@@ -1,0 +1,163 @@
+#include "Agent/ConfigurationReader.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+
+#include "Agent/ConfigurationNodes.h"
+#include "Agent/StreamSection.h"
+
+namespace OrloAgent {
+
+namespace {
+
+// Far beyond any sensible configuration, and small enough to be read at once.
+constexpr std::size_t kLargestText = 1024 * 1024;
+
+int LineAt(std::string_view text, std::size_t position) {
+  return 1 + static_cast<int>(std::count(text.begin(), text.begin() + position, '\n'));
+}
+
+void ReadDisk(const ConfigurationEntry& entry, ValueReader& reader, DiskOptions& disk) {
+  MapReader map(entry, reader);
+  if (const auto quota = map.Find("quota")) {
+    reader.ReadSize(*quota, disk.quota);
+  }
+  if (const auto keepFree = map.Find("keep_free")) {
+    reader.ReadSize(*keepFree, disk.keepFree);
+  }
+  map.RefuseOthers();
+}
+
+void ReadLog(const ConfigurationEntry& entry, ValueReader& reader, LogOptions& log) {
+  MapReader map(entry, reader);
+  if (const auto level = map.Find("level")) {
+    reader.ReadLevel(*level, log.level);
+  }
+  if (const auto levels = map.Find("levels")) {
+    const MapReader prefixes(*levels, reader);
+    for (const auto& [prefix, level] : prefixes.GetAll()) {
+      reader.ReadLevel(level, log.levels[prefix]);
+    }
+  }
+  if (const auto file = map.Find("file")) {
+    reader.ReadPath(*file, log.file);
+  }
+  map.RefuseOthers();
+}
+
+void ReadShutdown(const ConfigurationEntry& entry, ValueReader& reader, ShutdownOptions& shutdown) {
+  MapReader map(entry, reader);
+  if (const auto timeout = map.Find("drain_timeout")) {
+    reader.ReadDuration(*timeout, std::chrono::milliseconds(0), std::chrono::hours(24),
+                        shutdown.drainTimeout);
+  }
+  map.RefuseOthers();
+}
+
+void ReadDocument(const YAML::Node& document, Configuration& configuration) {
+  ValueReader reader(configuration.mistakes);
+  MapReader map({document, 1, ""}, reader);
+  AgentOptions& options = configuration.options;
+  if (const auto directory = map.Find("data_directory")) {
+    reader.ReadPath(*directory, options.dataDirectory);
+  }
+  if (const auto disk = map.Find("disk")) {
+    ReadDisk(*disk, reader, options.disk);
+  }
+  if (const auto log = map.Find("log")) {
+    ReadLog(*log, reader, options.log);
+  }
+  if (const auto shutdown = map.Find("shutdown")) {
+    ReadShutdown(*shutdown, reader, options.shutdown);
+  }
+  if (const auto streams = map.Require("streams")) {
+    options.streams = ReadStreams(*streams, reader);
+  }
+  map.RefuseOthers();
+}
+
+void ReadText(std::string_view text, Configuration& configuration) {
+  if (text.size() > kLargestText) {
+    configuration.mistakes.push_back({1, "", "the file is larger than 1 MiB"});
+    return;
+  }
+  // The YAML reader would take it for the end of the text.
+  if (const std::size_t nul = text.find('\0'); nul != text.npos) {
+    configuration.mistakes.push_back({LineAt(text, nul), "", "there is a NUL byte in the file"});
+    return;
+  }
+  const std::vector<YAML::Node> documents = YAML::LoadAll(std::string(text));
+  if (documents.empty() || documents.front().IsNull()) {
+    configuration.mistakes.push_back({1, "", "the file is empty; the agent needs a stream"});
+    return;
+  }
+  if (documents.size() > 1) {
+    configuration.mistakes.push_back(
+        {documents[1].Mark().line + 1, "", "a second document begins; the file must hold one"});
+  }
+  ReadDocument(documents.front(), configuration);
+}
+
+}  // namespace
+
+Configuration ParseConfiguration(std::string_view text) {
+  Configuration configuration;
+  try {
+    ReadText(text, configuration);
+  } catch (const YAML::Exception& exception) {
+    const int line = exception.mark.is_null() ? 1 : exception.mark.line + 1;
+    configuration.mistakes.push_back({line, "", "this is not valid YAML: " + exception.msg});
+  } catch (const std::exception& exception) {
+    configuration.mistakes.push_back(
+        {1, "", std::string("the file can't be read: ") + exception.what()});
+  }
+  std::stable_sort(configuration.mistakes.begin(), configuration.mistakes.end(),
+                   [](const auto& left, const auto& right) { return left.line < right.line; });
+  return configuration;
+}
+
+Configuration LoadConfiguration(const std::string& path) {
+  const auto refuse = [](const std::string& reason) {
+    Configuration configuration;
+    configuration.mistakes.push_back({0, "", "the file can't be read: " + reason});
+    return configuration;
+  };
+  std::error_code ignored;
+  if (std::filesystem::is_directory(path, ignored)) {
+    return refuse("it is a directory");
+  }
+  errno = 0;
+  std::ifstream file(path, std::ios::binary);
+  if (!file) {
+    return refuse(std::generic_category().message(errno));
+  }
+  // One byte more than is allowed, so that a file that is too large is seen to be.
+  std::string text(kLargestText + 1, '\0');
+  file.read(text.data(), static_cast<std::streamsize>(text.size()));
+  text.resize(static_cast<std::size_t>(file.gcount()));
+  if (file.bad()) {
+    return refuse(std::generic_category().message(errno));
+  }
+  return ParseConfiguration(text);
+}
+
+std::string ToText(const ConfigurationMistake& mistake, const std::string& file) {
+  std::string text = file + ":";
+  if (mistake.line > 0) {
+    text += std::to_string(mistake.line) + ":";
+  }
+  if (!mistake.key.empty()) {
+    text += " " + mistake.key + ":";
+  }
+  text += " " + mistake.problem;
+  // Keys and values of the file may hold line ends; the message must not.
+  std::replace_if(
+      text.begin(), text.end(),
+      [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '?');
+  return text;
+}
+
+}  // namespace OrloAgent

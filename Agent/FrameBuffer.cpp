@@ -1,0 +1,57 @@
+#include "Agent/FrameBuffer.h"
+
+#include <cstring>
+
+namespace OrloAgent {
+
+// Twice the room, so that moving the unsent bytes to the front costs less than appending did.
+FrameBuffer::FrameBuffer(std::size_t capacity) : m_capacity(capacity), m_bytes(2 * capacity) {}
+
+bool FrameBuffer::HasRoomFor(std::size_t size) const {
+  return m_begin == m_end || m_end - m_begin + size <= m_capacity;
+}
+
+void FrameBuffer::Append(const std::string_view* parts, std::size_t count, std::size_t size) {
+  if (m_end + size > m_bytes.size()) {
+    MoveToFront();
+  }
+  if (m_end + size > m_bytes.size()) {
+    m_bytes.resize(m_end + size);
+  }
+  for (std::size_t i = 0; i < count; ++i) {
+    if (!parts[i].empty()) {
+      std::memcpy(m_bytes.data() + m_end, parts[i].data(), parts[i].size());
+      m_end += parts[i].size();
+    }
+  }
+  m_sizes.push_back(static_cast<std::uint32_t>(size));
+}
+
+void FrameBuffer::MarkSent(std::size_t size) {
+  m_sent += size;
+  while (m_firstFrame < m_sizes.size() && m_begin + m_sizes[m_firstFrame] <= m_sent) {
+    m_begin += m_sizes[m_firstFrame];
+    ++m_firstFrame;
+  }
+  if (m_begin == m_end) {
+    m_begin = m_sent = m_end = 0;
+    m_sizes.clear();
+    m_firstFrame = 0;
+    if (m_bytes.size() > 2 * m_capacity) {
+      // A single large frame has passed; its memory is given back.
+      m_bytes.resize(2 * m_capacity);
+      m_bytes.shrink_to_fit();
+    }
+  }
+}
+
+void FrameBuffer::MoveToFront() {
+  std::memmove(m_bytes.data(), m_bytes.data() + m_begin, m_end - m_begin);
+  m_sent -= m_begin;
+  m_end -= m_begin;
+  m_begin = 0;
+  m_sizes.erase(m_sizes.begin(), m_sizes.begin() + static_cast<std::ptrdiff_t>(m_firstFrame));
+  m_firstFrame = 0;
+}
+
+}  // namespace OrloAgent

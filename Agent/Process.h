@@ -1,0 +1,20 @@
+#pragma once
+
+#include <filesystem>
+#include <vector>
+
+// What the agent needs of its process and what depends on the operating system.
+namespace OrloAgent {
+
+// Writing to a reader that has gone becomes an error of the call instead of the end of the process,
+// and standard descriptors that are closed stay so: no file of ours gets their numbers. Called
+// first in main.
+void PrepareProcess();
+
+// Full path of the running program; empty if the system does not tell.
+std::filesystem::path GetProgramPath();
+
+// Signals that ask the agent to stop.
+const std::vector<int>& GetStopSignals();
+
+}  // namespace OrloAgent

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+
+#include "OrloStream/Stream.h"
+
+namespace OrloAgent {
+
+// A source of the agent: what the stream manager starts and stops, and what the agent asks it.
+class Source : public OrloStream::IStreamSource {
+ public:
+  // Events that this source has received and could not even offer to its stream. Any thread.
+  virtual std::uint64_t GetNotMade() const = 0;
+};
+
+// Called once, on the source's thread, when its input has ended and its last event is posted.
+using EndOfInput = std::function<void()>;
+
+}  // namespace OrloAgent

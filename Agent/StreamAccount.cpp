@@ -1,0 +1,69 @@
+#include "Agent/StreamAccount.h"
+
+#include <algorithm>
+
+namespace OrloAgent {
+
+namespace {
+
+constexpr std::chrono::milliseconds kBetweenLooks{100};
+
+// How much later than its period a chunk may come.
+constexpr std::chrono::milliseconds kTolerance{500};
+
+std::uint64_t GetCounter(const WindowsAgentCommon::StatisticsGroupSnapshot& group,
+                         const char* name) {
+  return static_cast<std::uint64_t>(std::max<std::int64_t>(0, group.GetInteger(name)));
+}
+
+}  // namespace
+
+StreamAccount::StreamAccount(const WindowsAgentCommon::StatisticsServer& statistics,
+                             std::string streamName, const std::filesystem::path& dataDirectory)
+    : m_statistics(statistics),
+      m_streamName(std::move(streamName)),
+      m_inventory(dataDirectory / "Events" / m_streamName),
+      m_atStart(m_inventory.Look()) {}
+
+StreamReport StreamAccount::Look(std::uint64_t unsent, std::uint64_t notMade) {
+  StreamReport report;
+  std::uint64_t outgoing = 0;
+  for (const auto& group : m_statistics.GetSnapshot()) {
+    if (group.instance != m_streamName) {
+      continue;
+    }
+    if (group.name == "StoreAndForwardStage") {
+      report.posted = GetCounter(group, "TotalEventsPosted");
+      report.failed = GetCounter(group, "TotalEventsFailedToQueue");
+    } else if (group.name == "StoreAndForwardIncoming") {
+      report.lost = GetCounter(group, "MessagesLost");
+    } else if (group.name == "StoreAndForwardOutgoing") {
+      outgoing = GetCounter(group, "EventsOutgoing");
+    }
+  }
+  // An event is in the buffer a moment before the stage counts it.
+  report.delivered = outgoing - std::min(outgoing, unsent);
+  report.cachedAtStart = m_atStart.events;
+  report.cached = m_inventory.Look().events;
+  report.held = static_cast<std::int64_t>(report.posted + report.cachedAtStart - report.failed -
+                                          report.lost - report.delivered - report.cached);
+  report.posted += notMade;
+  report.lost += notMade;
+  return report;
+}
+
+RestDetector::RestDetector(std::chrono::milliseconds processingPeriod, bool emptyCache)
+    : m_quietLooks(static_cast<unsigned>((processingPeriod + kTolerance) / kBetweenLooks)),
+      m_emptyCache(emptyCache) {}
+
+bool RestDetector::IsAtRest(const StreamReport& report) {
+  const bool changed = m_first || report != m_last;
+  m_moved = m_moved || (!m_first && changed);
+  m_first = false;
+  m_last = report;
+  m_unchanged = changed || report.held != 0 ? 0 : m_unchanged + 1;
+  const bool mustBeQuiet = report.cached > 0 && (m_emptyCache || !m_moved);
+  return m_unchanged >= (mustBeQuiet ? m_quietLooks : 1);
+}
+
+}  // namespace OrloAgent

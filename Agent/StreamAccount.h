@@ -1,0 +1,75 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+
+#include "Agent/CacheInventory.h"
+#include "WindowsAgentCommon/Statistics.h"
+
+namespace OrloAgent {
+
+// Where a stream's events are at one moment. All are numbers of events since the agent's start,
+// but for what is cached now and was cached then.
+struct StreamReport {
+  std::uint64_t posted = 0;
+  // Refused by the stream's first stage.
+  std::uint64_t failed = 0;
+  // Given up by the stage because the cache refused them, and events that could not be made.
+  std::uint64_t lost = 0;
+  std::uint64_t delivered = 0;
+  std::uint64_t cached = 0;
+  std::uint64_t cachedAtStart = 0;
+  // Everything else: in the stage's queue, chunk or pending events, or in the destination's buffer.
+  // Below zero for a moment while a chunk goes from the disk to the destination.
+  std::int64_t held = 0;
+
+  bool operator==(const StreamReport&) const = default;
+};
+
+// Reads a stream's account from the statistics of its stage and its cache directory. One thread.
+class StreamAccount {
+ public:
+  // Looks into the cache at once, so it is made before the stage begins to work. The statistics
+  // outlive the account.
+  StreamAccount(const WindowsAgentCommon::StatisticsServer& statistics, std::string streamName,
+                const std::filesystem::path& dataDirectory);
+
+  const CacheContents& GetContentsAtStart() const { return m_atStart; }
+
+  // `unsent`: what waits in the destination's buffer, which the stage counts as delivered.
+  // `notMade`: events that the sources could not make.
+  StreamReport Look(std::uint64_t unsent, std::uint64_t notMade);
+
+ private:
+  const WindowsAgentCommon::StatisticsServer& m_statistics;
+  const std::string m_streamName;
+  CacheInventory m_inventory;
+  CacheContents m_atStart;
+};
+
+// Tells from reports taken every 100 ms when a stream whose sources have stopped has come to rest:
+// every event is delivered, cached or lost, and it stays that way.
+//
+// The stage brings back a cached chunk once in each of its processing periods. One that is under
+// way when the stage is stopped would be gone, so a stream with a cache is at rest just after such
+// a chunk was delivered, or when none has come for longer than the period.
+class RestDetector {
+ public:
+  // `emptyCache`: the stream is not at rest either while its cache is being emptied.
+  RestDetector(std::chrono::milliseconds processingPeriod, bool emptyCache);
+
+  bool IsAtRest(const StreamReport& report);
+
+ private:
+  const unsigned m_quietLooks;
+  const bool m_emptyCache;
+  StreamReport m_last;
+  bool m_first = true;
+  // Events have moved since the first report.
+  bool m_moved = false;
+  unsigned m_unchanged = 0;
+};
+
+}  // namespace OrloAgent

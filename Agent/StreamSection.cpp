@@ -1,0 +1,297 @@
+#include "Agent/StreamSection.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <locale>
+#include <set>
+
+#include "Agent/Units.h"
+#include "WindowsAgentCommon/Text.h"
+
+namespace OrloAgent {
+
+namespace {
+
+using std::chrono::hours;
+using std::chrono::milliseconds;
+
+constexpr std::uint64_t kSmallestEvent = 64;
+constexpr std::uint64_t kLargestEvent = 16 * 1024 * 1024;
+
+// What the streams of one file must not share.
+struct Shared {
+  // Name in lower case to its first user.
+  std::map<std::wstring, ConfigurationEntry> names;
+  std::set<std::string> outputs;
+  bool standardInput = false;
+};
+
+std::wstring Lower(std::wstring text) {
+  const auto& letters = std::use_facet<std::ctype<wchar_t>>(std::locale::classic());
+  letters.tolower(text.data(), text.data() + text.size());
+  return text;
+}
+
+// What makes a name impossible as the name of a cache directory; empty if nothing does.
+std::string FindProblemOfName(const std::string& name) {
+  constexpr std::size_t kLongestFileName = 255;
+  if (name.empty()) {
+    return "is empty; the stream's cache directory is named after it";
+  }
+  if (name == "." || name == "..") {
+    return "\"" + name + "\" can't be the name of the stream's cache directory";
+  }
+  for (const char c : name) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '/' || c == '\\' || byte < 0x20 || byte == 0x7f) {
+      return "holds a separator or control character, which the name of a directory can't have";
+    }
+  }
+  if (name.size() > kLongestFileName) {
+    return "is longer than " + std::to_string(kLongestFileName) + " bytes";
+  }
+  if (WindowsAgentCommon::ToUtf8(WindowsAgentCommon::ToWide(name)) != name) {
+    return "is not valid UTF-8";
+  }
+  return {};
+}
+
+void ReadName(const ConfigurationEntry& entry, ValueReader& reader, Shared& shared,
+              std::string& name) {
+  std::string text;
+  if (!reader.ReadText(entry, text)) {
+    return;
+  }
+  if (const std::string problem = FindProblemOfName(text); !problem.empty()) {
+    reader.Note(entry, problem);
+    return;
+  }
+  const auto [first, added] = shared.names.emplace(Lower(WindowsAgentCommon::ToWide(text)), entry);
+  if (!added) {
+    const bool same = first->second.value.Scalar() == text;
+    reader.Note(entry, "\"" + text + (same ? "\" is" : "\" differs only by letter case from") +
+                           " the name of the stream in line " + std::to_string(first->second.line));
+    return;
+  }
+  name = std::move(text);
+}
+
+void ReadEndpoint(const ConfigurationEntry& entry, bool mayBePortZero, ValueReader& reader,
+                  Endpoint& endpoint) {
+  std::string text;
+  if (!reader.ReadText(entry, text)) {
+    return;
+  }
+  std::string problem;
+  if (auto parsed = ParseEndpoint(text, mayBePortZero, problem)) {
+    endpoint = std::move(*parsed);
+  } else {
+    reader.Note(entry, "\"" + text + "\" " + problem);
+  }
+}
+
+// The value of "type", if it is one of those.
+std::optional<std::string> ReadType(MapReader& map, ValueReader& reader,
+                                    const std::vector<std::string>& types) {
+  const auto entry = map.Require("type");
+  std::string type;
+  if (!entry || !reader.ReadText(*entry, type)) {
+    return std::nullopt;
+  }
+  if (std::find(types.begin(), types.end(), type) == types.end()) {
+    std::string known;
+    for (const std::string& one : types) {
+      known += (known.empty() ? "" : ", ") + one;
+    }
+    reader.Note(*entry, "\"" + type + "\" is not known; known are: " + known);
+    return std::nullopt;
+  }
+  return type;
+}
+
+void ReadSource(const ConfigurationEntry& entry, ValueReader& reader, Shared& shared,
+                std::vector<SourceOptions>& sources) {
+  MapReader map(entry, reader);
+  const auto type = ReadType(map, reader, {"stdin", "syslog"});
+  if (!type) {
+    return;
+  }
+  if (*type == "stdin") {
+    StdinSourceOptions options;
+    if (const auto size = map.Find("max_event_size")) {
+      reader.ReadSize(*size, kSmallestEvent, kLargestEvent, options.maxEventSize);
+    }
+    if (shared.standardInput) {
+      reader.Note(entry, "reads the standard input, which another source reads already");
+    }
+    shared.standardInput = true;
+    sources.emplace_back(options);
+  } else {
+    SyslogSourceOptions options;
+    if (const auto listen = map.Require("listen")) {
+      ReadEndpoint(*listen, true, reader, options.listen);
+    }
+    if (const auto size = map.Find("max_event_size")) {
+      reader.ReadSize(*size, kSmallestEvent, kLargestEvent, options.maxEventSize);
+    }
+    if (const auto count = map.Find("max_connections")) {
+      reader.ReadCount(*count, 1, 1'000'000, options.maxConnections);
+    }
+    if (const auto timeout = map.Find("idle_timeout")) {
+      reader.ReadDuration(*timeout, milliseconds(0), hours(24), options.idleTimeout);
+    }
+    sources.emplace_back(std::move(options));
+  }
+  map.RefuseOthers();
+}
+
+void ReadSendTimeout(MapReader& map, ValueReader& reader, milliseconds& timeout) {
+  if (const auto entry = map.Find("send_timeout")) {
+    reader.ReadDuration(*entry, milliseconds(1), hours(1), timeout);
+  }
+}
+
+SyslogDestinationOptions ReadSyslogDestination(MapReader& map, ValueReader& reader) {
+  SyslogDestinationOptions options;
+  if (const auto target = map.Require("target")) {
+    ReadEndpoint(*target, false, reader, options.target);
+  }
+  std::string framing;
+  if (const auto entry = map.Find("framing"); entry && reader.ReadText(*entry, framing)) {
+    if (framing == "octet-counted") {
+      options.framing = SyslogFraming::OctetCounted;
+    } else if (framing != "newline") {
+      reader.Note(*entry, "\"" + framing + "\" is not known; known are: newline, octet-counted");
+    }
+  }
+  if (const auto entry = map.Find("connect_timeout")) {
+    reader.ReadDuration(*entry, milliseconds(1), hours(1), options.connectTimeout);
+  }
+  ReadSendTimeout(map, reader, options.sendTimeout);
+  return options;
+}
+
+void ReadDestination(const ConfigurationEntry& entry, ValueReader& reader, Shared& shared,
+                     DestinationOptions& destination) {
+  MapReader map(entry, reader);
+  const auto type = ReadType(map, reader, {"stdout", "file", "syslog"});
+  if (!type) {
+    return;
+  }
+  if (*type == "stdout") {
+    StdoutDestinationOptions options;
+    ReadSendTimeout(map, reader, options.sendTimeout);
+    if (!shared.outputs.insert("").second) {
+      reader.Note(entry, "writes to the standard output, which another stream uses already");
+    }
+    destination = options;
+  } else if (*type == "file") {
+    FileDestinationOptions options;
+    const auto path = map.Require("path");
+    if (path && reader.ReadPath(*path, options.path) &&
+        !shared.outputs.insert(std::filesystem::path(options.path).lexically_normal().string())
+             .second) {
+      reader.Note(*path, "\"" + options.path + "\" is the file of another stream already");
+    }
+    ReadSendTimeout(map, reader, options.sendTimeout);
+    destination = std::move(options);
+  } else {
+    destination = ReadSyslogDestination(map, reader);
+  }
+  map.RefuseOthers();
+}
+
+void ReadSettings(const ConfigurationEntry& entry, ValueReader& reader, StageOptions& stage) {
+  static const std::set<std::string> kStoreAndForwardSettings{
+      "QueueLowWaterMark", "QueueHighWaterMark", "DataProcessingPeriod", "DataChunkPeriod",
+      "Schedule.Enable",   "Schedule.Interval",  "Schedule.Invert"};
+  const MapReader map(entry, reader);
+  for (const auto& [name, setting] : map.GetAll()) {
+    if (stage.module == "StoreAndForwardStage" && !kStoreAndForwardSettings.contains(name)) {
+      std::string known;
+      for (const std::string& one : kStoreAndForwardSettings) {
+        known += (known.empty() ? "" : ", ") + one;
+      }
+      reader.Note(setting, "is not a setting of StoreAndForwardStage; it has: " + known);
+      continue;
+    }
+    for (const ConfigurationEntry& element : reader.ReadList(setting, true)) {
+      std::string value;
+      if (reader.ReadText(element, value)) {
+        stage.settings.emplace_back(name, std::move(value));
+      }
+    }
+  }
+}
+
+void ReadStage(const ConfigurationEntry& entry, ValueReader& reader,
+               std::vector<StageOptions>& stages) {
+  MapReader map(entry, reader);
+  StageOptions stage;
+  if (const auto module = map.Require("module"); module && reader.ReadText(*module, stage.module)) {
+    const bool isName =
+        !stage.module.empty() && std::all_of(stage.module.begin(), stage.module.end(), [](char c) {
+          return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                 c == '_';
+        });
+    if (!isName) {
+      reader.Note(*module, "must be a module's name: letters, digits and underscores only");
+    }
+    for (const StageOptions& other : stages) {
+      if (other.module == stage.module) {
+        reader.Note(*module, "\"" + stage.module + "\" is a stage of this stream already");
+      }
+    }
+  }
+  if (const auto settings = map.Find("settings")) {
+    ReadSettings(*settings, reader, stage);
+  }
+  map.RefuseOthers();
+  stages.push_back(std::move(stage));
+}
+
+StreamOptions ReadStream(const ConfigurationEntry& entry, ValueReader& reader, Shared& shared) {
+  StreamOptions stream;
+  MapReader map(entry, reader);
+  if (const auto name = map.Require("name")) {
+    ReadName(*name, reader, shared, stream.name);
+  }
+  if (const auto source = map.Require("source")) {
+    const auto sources = reader.ReadList(*source, true);
+    for (const ConfigurationEntry& one : sources) {
+      ReadSource(one, reader, shared, stream.sources);
+    }
+    if (sources.empty()) {
+      reader.Note(*source, "is an empty list; a stream needs a source");
+    }
+  }
+  if (const auto list = map.Require("stages")) {
+    for (const ConfigurationEntry& stage : reader.ReadList(*list, false)) {
+      ReadStage(stage, reader, stream.stages);
+    }
+    if (list->value.IsSequence() && list->value.size() == 0) {
+      reader.Note(*list, "is an empty list; a stream needs a stage");
+    }
+  }
+  if (const auto destination = map.Require("destination")) {
+    ReadDestination(*destination, reader, shared, stream.destination);
+  }
+  map.RefuseOthers();
+  return stream;
+}
+
+}  // namespace
+
+std::vector<StreamOptions> ReadStreams(const ConfigurationEntry& entry, ValueReader& reader) {
+  std::vector<StreamOptions> streams;
+  Shared shared;
+  for (const ConfigurationEntry& element : reader.ReadList(entry, false)) {
+    streams.push_back(ReadStream(element, reader, shared));
+  }
+  if (entry.value.IsSequence() && streams.empty()) {
+    reader.Note(entry, "is an empty list; the agent needs a stream");
+  }
+  return streams;
+}
+
+}  // namespace OrloAgent

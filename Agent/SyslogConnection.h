@@ -1,0 +1,65 @@
+#pragma once
+
+#include <atomic>
+#include <boost/asio/ip/tcp.hpp>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Agent/EventPoster.h"
+#include "Agent/FrameReader.h"
+
+namespace OrloAgent {
+
+// What the connections of one server share. Counters are written by the server's thread only.
+struct SyslogConnectionContext {
+  EventPoster& poster;
+  WindowsAgentCommon::Log log;
+  FrameReaderOptions framing;
+  // Every connection reads into it and is done with it before the next one reads.
+  std::vector<char> readBuffer;
+  std::atomic<std::uint64_t> cut{0};
+  std::atomic<std::uint64_t> truncated{0};
+  std::atomic<std::uint64_t> malformed{0};
+};
+
+// One sender. Lives as long as it waits for input or its server lists it; everything happens on the
+// server's thread.
+class SyslogConnection : public std::enable_shared_from_this<SyslogConnection>, private IFrameSink {
+ public:
+  // The context outlives the connection. `peer` is for messages and for the events' source text.
+  SyslogConnection(boost::asio::ip::tcp::socket socket, std::string peer,
+                   SyslogConnectionContext& context);
+
+  // Waits for input, posts it, and goes on until the connection ends; then calls `onEnd`.
+  void Run(std::function<void(const std::shared_ptr<SyslogConnection>&)> onEnd);
+
+  // Posts what has arrived already, and closes. `onEnd` is not called.
+  void Drain();
+
+  // Closes, as the end of the connection. `onEnd` is not called.
+  void Close();
+
+  std::chrono::steady_clock::time_point GetLastActivity() const { return m_lastActivity; }
+  const std::string& GetPeer() const { return m_peer; }
+
+ private:
+  enum class ReadResult { Data, Nothing, Ended };
+
+  void Wait();
+  ReadResult ReadOnce(std::size_t& size);
+  void OnFrame(const Frame& frame) override;
+
+  boost::asio::ip::tcp::socket m_socket;
+  const std::string m_peer;
+  const EventHeaderTemplate m_header;
+  SyslogConnectionContext& m_context;
+  FrameReader m_reader;
+  std::function<void(const std::shared_ptr<SyslogConnection>&)> m_onEnd;
+  std::uint64_t m_receiveTime = 0;
+  std::chrono::steady_clock::time_point m_lastActivity;
+  bool m_cutReported = false;
+};
+
+}  // namespace OrloAgent

@@ -1,0 +1,240 @@
+#include "Agent/SyslogSource.h"
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/lexical_cast.hpp>
+#include <thread>
+#include <unordered_set>
+
+#include "Agent/SyslogConnection.h"
+#include "Agent/Units.h"
+#include "WindowsAgentCommon/Exceptions.h"
+#include "WindowsAgentCommon/Text.h"
+
+namespace OrloAgent {
+
+using boost::asio::ip::tcp;
+using boost::system::error_code;
+using WindowsAgentCommon::LogFacade;
+
+namespace {
+
+constexpr std::size_t kReadSize = 256 * 1024;
+
+// How long no connection is accepted after the system refused one, for want of descriptors usually.
+constexpr std::chrono::milliseconds kAcceptPause{200};
+
+FrameReaderOptions MakeFraming(const SyslogSourceOptions& options) {
+  return {options.maxEventSize, FrameReaderOptions::Framing::Detect,
+          FrameReaderOptions::TooLong::Cut};
+}
+
+}  // namespace
+
+// Everything but construction, Open, Stop and the counters happens on the server's thread.
+class SyslogSource::Server {
+ public:
+  Server(const SyslogSourceOptions& options, OrloStream::Stream& stream)
+      : m_options(options),
+        m_log(WindowsAgentCommon::LoggerFactory::GetLog(
+            "Code.SyslogSource." + WindowsAgentCommon::ToUtf8(stream.GetName()))),
+        m_poster(stream, m_log),
+        m_shared{m_poster, m_log, MakeFraming(options), std::vector<char>(kReadSize), {}, {}, {}} {}
+
+  ~Server() { Stop(); }
+
+  void Open();
+  void Stop();
+
+  std::uint16_t GetPort() const { return m_port.load(); }
+  std::uint64_t GetNotMade() const { return m_poster.GetNotMade(); }
+  SyslogSourceCounts GetCounts() const;
+
+ private:
+  void Accept();
+  void OnAccept(const error_code& error, tcp::socket socket);
+  void Admit(tcp::socket socket);
+  void CloseIdle();
+  void EndAll();
+
+  const SyslogSourceOptions m_options;
+  WindowsAgentCommon::Log m_log;
+  EventPoster m_poster;
+  SyslogConnectionContext m_shared;
+
+  // Connections that wait in the context refer to what stands above it.
+  boost::asio::io_context m_context{1};
+  tcp::acceptor m_acceptor{m_context};
+  boost::asio::steady_timer m_acceptTimer{m_context};
+  boost::asio::steady_timer m_idleTimer{m_context};
+  std::unordered_set<std::shared_ptr<SyslogConnection>> m_connections;
+  bool m_acceptFailed = false;
+  bool m_tooMany = false;
+
+  std::atomic<std::uint16_t> m_port{0};
+  std::atomic<std::uint64_t> m_accepted{0};
+  std::atomic<std::uint64_t> m_refused{0};
+  std::thread m_thread;
+};
+
+void SyslogSource::Server::Open() {
+  const std::string address = ToText(m_options.listen);
+  try {
+    const auto found = tcp::resolver(m_context).resolve(
+        m_options.listen.host, std::to_string(m_options.listen.port), tcp::resolver::passive);
+    const tcp::endpoint endpoint = found.begin()->endpoint();
+    m_acceptor.open(endpoint.protocol());
+    m_acceptor.set_option(tcp::acceptor::reuse_address(true));
+    m_acceptor.bind(endpoint);
+    m_acceptor.listen();
+    m_acceptor.non_blocking(true);
+    m_port = m_acceptor.local_endpoint().port();
+    Accept();
+    if (m_options.idleTimeout.count() > 0) {
+      CloseIdle();
+    }
+    m_thread = std::thread([this] { m_context.run(); });
+  } catch (const std::system_error& error) {
+    throw WindowsAgentCommon::InitializationException(
+        "SyslogSource", "OrloAgent::SyslogSource::Start", __LINE__,
+        "Can't listen on " + address + " (" + error.code().message() + ")");
+  } catch (const boost::system::system_error& error) {
+    throw WindowsAgentCommon::InitializationException(
+        "SyslogSource", "OrloAgent::SyslogSource::Start", __LINE__,
+        "Can't listen on " + address + " (" + error.code().message() + ")");
+  }
+  LogFacade::Info(m_log, "Listening on %s.", ToText(Endpoint{m_options.listen.host, m_port}));
+}
+
+void SyslogSource::Server::Stop() {
+  if (!m_thread.joinable()) {
+    return;
+  }
+  boost::asio::post(m_context, [this] { EndAll(); });
+  m_thread.join();
+  m_port = 0;
+  const SyslogSourceCounts counts = GetCounts();
+  LogFacade::Info(m_log,
+                  "%d events came over %d connections; %d were cut, %d were truncated, %d "
+                  "connections had an unreadable length, %d were too many.",
+                  counts.events, counts.connections, counts.cut, counts.truncated, counts.malformed,
+                  counts.refusedConnections);
+}
+
+SyslogSourceCounts SyslogSource::Server::GetCounts() const {
+  return {m_accepted.load(),   m_refused.load(),          m_poster.GetPosted(),
+          m_shared.cut.load(), m_shared.truncated.load(), m_shared.malformed.load()};
+}
+
+void SyslogSource::Server::Accept() {
+  m_acceptor.async_accept([this](const error_code& error, tcp::socket socket) {
+    if (m_acceptor.is_open()) {
+      OnAccept(error, std::move(socket));
+    }
+  });
+}
+
+void SyslogSource::Server::OnAccept(const error_code& error, tcp::socket socket) {
+  if (!error) {
+    m_acceptFailed = false;
+    ++m_accepted;
+    Admit(std::move(socket));
+    Accept();
+    return;
+  }
+  if (!m_acceptFailed) {
+    m_acceptFailed = true;
+    LogFacade::Warn(m_log, "A connection could not be accepted (%s); trying again.",
+                    error.message());
+  }
+  m_acceptTimer.expires_after(kAcceptPause);
+  m_acceptTimer.async_wait([this](const error_code& stopped) {
+    if (!stopped && m_acceptor.is_open()) {
+      Accept();
+    }
+  });
+}
+
+void SyslogSource::Server::Admit(tcp::socket socket) {
+  error_code error;
+  const tcp::endpoint peer = socket.remote_endpoint(error);
+  if (error) {
+    return;  // gone already
+  }
+  if (m_connections.size() >= m_options.maxConnections) {
+    ++m_refused;
+    if (!m_tooMany) {
+      m_tooMany = true;
+      LogFacade::Warn(m_log, "There are %d connections, as many as are allowed; more are closed.",
+                      m_connections.size());
+    }
+    return;
+  }
+  m_tooMany = false;
+  socket.non_blocking(true, error);
+  socket.set_option(tcp::socket::keep_alive(true), error);
+  const auto connection = std::make_shared<SyslogConnection>(
+      std::move(socket), boost::lexical_cast<std::string>(peer), m_shared);
+  m_connections.insert(connection);
+  connection->Run(
+      [this](const std::shared_ptr<SyslogConnection>& ended) { m_connections.erase(ended); });
+}
+
+void SyslogSource::Server::CloseIdle() {
+  const auto oldest = std::chrono::steady_clock::now() - m_options.idleTimeout;
+  for (auto at = m_connections.begin(); at != m_connections.end();) {
+    if ((*at)->GetLastActivity() < oldest) {
+      LogFacade::Info(m_log, "The connection of %s is closed: it has sent nothing for too long.",
+                      (*at)->GetPeer());
+      (*at)->Close();
+      at = m_connections.erase(at);
+    } else {
+      ++at;
+    }
+  }
+  m_idleTimer.expires_after(std::max(m_options.idleTimeout / 4, std::chrono::milliseconds(10)));
+  m_idleTimer.async_wait([this](const error_code& stopped) {
+    if (!stopped && m_acceptor.is_open()) {
+      CloseIdle();
+    }
+  });
+}
+
+void SyslogSource::Server::EndAll() {
+  error_code ignored;
+  m_acceptor.close(ignored);
+  m_acceptTimer.cancel();
+  m_idleTimer.cancel();
+  for (const auto& connection : m_connections) {
+    connection->Drain();
+  }
+  m_connections.clear();
+}
+
+SyslogSource::SyslogSource(const SyslogSourceOptions& options) : m_options(options) {}
+
+SyslogSource::~SyslogSource() = default;
+
+void SyslogSource::Start(OrloStream::Stream& stream) {
+  auto server = std::make_unique<Server>(m_options, stream);
+  server->Open();
+  m_server = std::move(server);
+}
+
+void SyslogSource::Stop() {
+  if (m_server) {
+    m_server->Stop();
+  }
+}
+
+std::uint64_t SyslogSource::GetNotMade() const { return m_server ? m_server->GetNotMade() : 0; }
+
+std::uint16_t SyslogSource::GetPort() const { return m_server ? m_server->GetPort() : 0; }
+
+SyslogSourceCounts SyslogSource::GetCounts() const {
+  return m_server ? m_server->GetCounts() : SyslogSourceCounts{};
+}
+
+}  // namespace OrloAgent

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "Agent/Options.h"
+#include "Agent/Source.h"
+
+namespace OrloAgent {
+
+struct SyslogSourceCounts {
+  std::uint64_t connections = 0;
+  // Closed at once because there were too many.
+  std::uint64_t refusedConnections = 0;
+  std::uint64_t events = 0;
+  // Events that are only the beginning of a longer message.
+  std::uint64_t cut = 0;
+  // Octet-counted messages dropped because the connection ended inside them.
+  std::uint64_t truncated = 0;
+  // Connections closed because a length could not be read.
+  std::uint64_t malformed = 0;
+};
+
+// Accepts syslog messages over TCP and posts each as an event, exactly as received. One thread
+// serves all connections; while the stream does not take events, it reads from none of them, and
+// TCP holds the senders back.
+//
+// What a connection has sent when it ends inside a message: a line is delivered without its line
+// end; an octet-counted message is dropped and counted, because its sender has said that it is
+// longer.
+class SyslogSource : public Source {
+ public:
+  explicit SyslogSource(const SyslogSourceOptions& options);
+  ~SyslogSource() override;
+
+  // Listens before it returns; a message tells the address with the port that the system chose.
+  void Start(OrloStream::Stream& stream) override;
+
+  // Takes no more connections, reads what the present ones have already sent (at most 4 MiB each),
+  // and closes them.
+  void Stop() override;
+
+  std::uint64_t GetNotMade() const override;
+
+  // The port in use; 0 when not running. Any thread.
+  std::uint16_t GetPort() const;
+
+  // Any thread.
+  SyslogSourceCounts GetCounts() const;
+
+ private:
+  class Server;
+
+  const SyslogSourceOptions m_options;
+  std::unique_ptr<Server> m_server;
+};
+
+}  // namespace OrloAgent

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "Agent/Channel.h"
+#include "Agent/Options.h"
+#include "WindowsAgentCommon/Logging.h"
+
+namespace OrloAgent {
+
+// A TCP connection to a receiver of messages, made again when it ends.
+//
+// What plain TCP can't tell: bytes that the system has accepted but the receiver has not read are
+// lost when the connection breaks. To keep them few, the channel looks before every write whether
+// the receiver has closed its side; a receiver that sends nothing but closes is thus found before
+// more is written. Whatever the receiver sends is read and dropped.
+class TcpChannel : public IChannel {
+ public:
+  TcpChannel(const Endpoint& target, std::chrono::milliseconds connectTimeout,
+             const std::string& streamName);
+  ~TcpChannel() override;
+
+  // Tries to connect at most once a second, for at most connectTimeout.
+  Readiness Prepare(bool atFrameStart) override;
+  WriteResult Write(std::string_view bytes, std::chrono::milliseconds patience) override;
+
+  // Ends the connection in order: the receiver gets all of it, if it reads on for a second.
+  void Close() override;
+
+ private:
+  bool IsConnectionAlive();
+  boost::system::error_code Connect();
+  boost::system::error_code Resolve(std::chrono::steady_clock::time_point deadline);
+  void OnConnected();
+  void OnDown(const std::string& reason);
+  bool WaitUntilWritable(std::chrono::milliseconds patience);
+
+  const Endpoint m_target;
+  const std::string m_targetText;
+  const std::chrono::milliseconds m_connectTimeout;
+  WindowsAgentCommon::Log m_log;
+
+  // A look-up of a name can't be ended early: it has a context of its own, where it may go on while
+  // later attempts wait for its result.
+  boost::asio::io_context m_resolverContext{1};
+  boost::asio::ip::tcp::resolver m_resolver{m_resolverContext};
+  bool m_resolving = false;
+  boost::system::error_code m_resolveError;
+  std::vector<boost::asio::ip::tcp::endpoint> m_endpoints;
+
+  boost::asio::io_context m_context{1};
+  boost::asio::ip::tcp::socket m_socket{m_context};
+
+  std::chrono::steady_clock::time_point m_nextAttempt{};
+  std::chrono::steady_clock::time_point m_downSince{};
+  bool m_reportedDown = false;
+};
+
+}  // namespace OrloAgent

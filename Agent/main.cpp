@@ -1,0 +1,112 @@
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+#include "Agent/Agent.h"
+#include "Agent/ConfigurationReader.h"
+#include "Agent/Process.h"
+#include "WindowsAgentCommon/Exceptions.h"
+
+namespace {
+
+using WindowsAgentCommon::LogFacade;
+using WindowsAgentCommon::LogLevel;
+
+constexpr int kRefused = 1;
+constexpr int kWrongUsage = 2;
+
+LogLevel ToLevel(const std::string& name) {
+  static const std::map<std::string, LogLevel> levels{{"debug", LogLevel::Debug},
+                                                      {"info", LogLevel::Info},
+                                                      {"warn", LogLevel::Warn},
+                                                      {"error", LogLevel::Error},
+                                                      {"off", LogLevel::Off}};
+  return levels.at(name);
+}
+
+void ConfigureLogging(const OrloAgent::LogOptions& options) {
+  WindowsAgentCommon::LoggingOptions logging;
+  logging.level = ToLevel(options.level);
+  for (const auto& [prefix, level] : options.levels) {
+    logging.levels[prefix] = ToLevel(level);
+  }
+  logging.file = options.file;
+  WindowsAgentCommon::LoggerFactory::Configure(logging);
+}
+
+// The build tree and an installation keep the modules in different places beside the program.
+std::string FindModuleDirectory(const OrloAgent::AgentOptions& options) {
+  const std::filesystem::path root = OrloAgent::GetProgramPath().parent_path().parent_path();
+  const std::string& module = options.streams.front().stages.front().module;
+  const std::string file = ORLO_MODULE_PREFIX + module + ORLO_MODULE_SUFFIX;
+  for (const char* place : {"lib/orlo", ORLO_LIBRARY_DIRECTORY "/orlo", ORLO_LIBRARY_DIRECTORY}) {
+    std::error_code ignored;
+    if (std::filesystem::exists(root / place / file, ignored)) {
+      return (root / place).string();
+    }
+  }
+  return (root / "lib").string();
+}
+
+// True when there are none.
+bool PrintMistakes(const OrloAgent::Configuration& configuration, const std::string& file) {
+  for (const OrloAgent::ConfigurationMistake& mistake : configuration.mistakes) {
+    std::cerr << OrloAgent::ToText(mistake, file) << '\n';
+  }
+  return configuration.mistakes.empty();
+}
+
+int Check(const std::string& file) {
+  if (!PrintMistakes(OrloAgent::LoadConfiguration(file), file)) {
+    return kRefused;
+  }
+  std::cout << file << ": no mistakes found\n";
+  return 0;
+}
+
+int Run(const std::string& file, std::string modules) {
+  OrloAgent::Configuration configuration = OrloAgent::LoadConfiguration(file);
+  if (!PrintMistakes(configuration, file)) {
+    return kRefused;
+  }
+  ConfigureLogging(configuration.options.log);
+  if (modules.empty()) {
+    modules = FindModuleDirectory(configuration.options);
+  }
+  const auto log = WindowsAgentCommon::LoggerFactory::GetLog("Code.Agent");
+  try {
+    OrloAgent::Agent agent(std::move(configuration.options), modules);
+    agent.Start();
+    agent.Wait();
+    agent.Stop();
+    return 0;
+  } catch (const std::exception& exception) {
+    LogFacade::Error(log, "The agent can't go on: %s.", exception.what());
+    return kRefused;
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  OrloAgent::PrepareProcess();
+  CLI::App app(
+      "Collects log events, keeps them while their destination is away, and forwards them.",
+      "orlo-agent");
+  app.set_version_flag("--version", "orlo-agent " ORLO_VERSION);
+  app.require_subcommand(1);
+  std::string file;
+  std::string modules;
+  CLI::App* const run = app.add_subcommand("run", "Collect and forward until SIGTERM");
+  CLI::App* const check = app.add_subcommand("check", "Say every mistake in a configuration file");
+  for (CLI::App* const command : {run, check}) {
+    command->add_option("--config", file, "The configuration file")->required();
+    command->add_option("--modules", modules,
+                        "Directory of the stage modules (default: beside the program)");
+  }
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : kWrongUsage;
+  }
+  return run->parsed() ? Run(file, modules) : Check(file);
+}

@@ -1,0 +1,35 @@
+#include "Agent/Process.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <system_error>
+
+namespace OrloAgent {
+
+void PrepareProcess() {
+  std::signal(SIGPIPE, SIG_IGN);
+  for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(descriptor, F_GETFD) < 0) {
+      // Opened the wrong way round, so that its use fails as it would have failed before. It gets
+      // the lowest free number, which is this one.
+      [[maybe_unused]] const int opened =
+          open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+    }
+  }
+}
+
+std::filesystem::path GetProgramPath() {
+  std::error_code error;
+  std::filesystem::path path = std::filesystem::read_symlink("/proc/self/exe", error);
+  return error ? std::filesystem::path() : path;
+}
+
+const std::vector<int>& GetStopSignals() {
+  // The end of the terminal, too, must not cost what is queued.
+  static const std::vector<int> signals{SIGINT, SIGTERM, SIGHUP};
+  return signals;
+}
+
+}  // namespace OrloAgent
