@@ -63,8 +63,8 @@ class RestDetector {
   bool IsAtRest(const StreamReport& report);
 
  private:
-  const unsigned m_quietLooks;
-  const bool m_emptyCache;
+  unsigned m_quietLooks;
+  bool m_emptyCache;
   StreamReport m_last;
   bool m_first = true;
   // Events have moved since the first report.
