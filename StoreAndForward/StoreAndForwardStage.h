@@ -42,6 +42,8 @@ class StoreAndForwardStage : public OrloStream::StreamStageBase {
   std::string GetStageName() override;
 
  private:
+  friend struct StageTestAccess;
+
   std::shared_ptr<StoreAndForwardStatisticsProfile> m_statistics;
   std::shared_ptr<StoreAndForwardOutgoing> m_outgoing;
   // After m_outgoing, so that it goes first: it borrows the other.

@@ -1,0 +1,514 @@
+// Configuration and life cycle of the receiving side, and what its loop does with chunks. The loop
+// is driven through the stage, with a real sending side and a scripted destination behind it; tests
+// that wait for a chunking period take as long as that, five seconds at least.
+
+#include "StoreAndForward/StoreAndForwardIncoming.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "Platform/posix/TestFaults.h"
+#include "WindowsAgentCommon/Exceptions.h"
+#include "WindowsAgentCommon/MessageBlocks.h"
+#include "WindowsAgentCommon/Text.h"
+#include "tests/StoreAndForward/StageHarness.h"
+
+namespace OrloStoreAndForward {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using TestSupport::WaitUntil;
+using WindowsAgentCommon::EnvironmentBlock;
+using WindowsAgentCommon::InitializationException;
+using WindowsAgentCommon::LogLevel;
+using Strings = std::vector<std::string>;
+
+constexpr char kProcessingPeriodRaised[] =
+    "Data processing period too small.  Reverting to minimum (500000).";
+constexpr char kChunkPeriodRaised[] = "Data chunking period too small.  Reverting to minimum (5).";
+
+class IncomingSettings : public testing::Test {
+ protected:
+  IncomingSettings() : m_incoming(&m_harness.Stage(), nullptr) {}
+  ~IncomingSettings() override { m_incoming.Stop(); }
+
+  void ExpectSettings(std::int64_t low, std::int64_t high, std::int64_t processingPeriod,
+                      std::int64_t chunkPeriod) {
+    EXPECT_EQ(m_harness.Statistic("InputQueueLowWaterMark"), low);
+    EXPECT_EQ(m_harness.Statistic("InputQueueHighWaterMark"), high);
+    EXPECT_EQ(m_harness.Statistic("DataProcessingPeriod"), processingPeriod);
+    EXPECT_EQ(m_harness.Statistic("DataChunkingPeriod"), chunkPeriod);
+  }
+
+  std::size_t Infos(const std::string& text) { return m_harness.Log().Count(LogLevel::Info, text); }
+
+  StageHarness m_harness;
+  StoreAndForwardIncoming m_incoming;
+};
+
+TEST_F(IncomingSettings, WithoutKeysTheDefaultsHold) {
+  m_incoming.Initialize({});
+  ExpectSettings(975000, 1000000, 500000, 10);
+  EXPECT_EQ(m_incoming.msg_queue()->low_water_mark(), 975000u);
+  EXPECT_EQ(m_incoming.msg_queue()->high_water_mark(), 1000000u);
+  EXPECT_EQ(Infos(kProcessingPeriodRaised), 0u);
+  EXPECT_EQ(Infos(kChunkPeriodRaised), 0u);
+}
+
+TEST_F(IncomingSettings, ProcessingPeriodBelowTheMinimumIsRaisedWithAnInfo) {
+  m_incoming.Initialize({{"DataProcessingPeriod", "100000"}});
+  ExpectSettings(975000, 1000000, 500000, 10);
+  EXPECT_TRUE(m_harness.Log().Contains(LogLevel::Info, kIncomingLogger, kProcessingPeriodRaised));
+}
+
+TEST_F(IncomingSettings, ProcessingPeriodOfTheMinimumIsTakenSilently) {
+  m_incoming.Initialize({{"DataProcessingPeriod", "500000"}});
+  EXPECT_EQ(Infos(kProcessingPeriodRaised), 0u);
+  ExpectSettings(975000, 1000000, 500000, 10);
+}
+
+TEST_F(IncomingSettings, LongerPeriodsAreTaken) {
+  m_incoming.Initialize({{"DataProcessingPeriod", "500001"}, {"DataChunkPeriod", "3600"}});
+  ExpectSettings(975000, 1000000, 500001, 3600);
+}
+
+TEST_F(IncomingSettings, ChunkPeriodBelowTheMinimumIsRaisedWithAnInfo) {
+  m_incoming.Initialize({{"DataChunkPeriod", "4"}});
+  ExpectSettings(975000, 1000000, 500000, 5);
+  EXPECT_TRUE(m_harness.Log().Contains(LogLevel::Info, kIncomingLogger, kChunkPeriodRaised));
+}
+
+TEST_F(IncomingSettings, ChunkPeriodOfZeroIsRaised) {
+  m_incoming.Initialize({{"DataChunkPeriod", "0"}});
+  ExpectSettings(975000, 1000000, 500000, 5);
+  EXPECT_EQ(Infos(kChunkPeriodRaised), 1u);
+}
+
+TEST_F(IncomingSettings, NegativePeriodsAreRaised) {
+  m_incoming.Initialize({{"DataProcessingPeriod", "-1"}, {"DataChunkPeriod", "-2147483648"}});
+  ExpectSettings(975000, 1000000, 500000, 5);
+  EXPECT_EQ(Infos(kProcessingPeriodRaised), 1u);
+  EXPECT_EQ(Infos(kChunkPeriodRaised), 1u);
+}
+
+TEST_F(IncomingSettings, ChunkPeriodOfTheMinimumIsTakenSilently) {
+  m_incoming.Initialize({{"DataChunkPeriod", "5"}});
+  ExpectSettings(975000, 1000000, 500000, 5);
+  EXPECT_EQ(Infos(kChunkPeriodRaised), 0u);
+}
+
+TEST_F(IncomingSettings, LowWaterMarkAboveTheHighOneIsTakenAsRead) {
+  m_incoming.Initialize({{"QueueLowWaterMark", "5000"}, {"QueueHighWaterMark", "100"}});
+  ExpectSettings(5000, 100, 500000, 10);
+  EXPECT_EQ(m_incoming.msg_queue()->low_water_mark(), 5000u);
+  EXPECT_EQ(m_incoming.msg_queue()->high_water_mark(), 100u);
+}
+
+TEST_F(IncomingSettings, ValuesThatAreNoNumbersGiveTheDefaultsWithAnErrorEach) {
+  m_incoming.Initialize({{"QueueLowWaterMark", "many"},
+                         {"QueueHighWaterMark", "99999999999"},
+                         {"DataProcessingPeriod", ""},
+                         {"DataChunkPeriod", "5s"}});
+  ExpectSettings(975000, 1000000, 500000, 10);
+  std::size_t errors = 0;
+  for (const TestSupport::LogLine& line : m_harness.Log().Lines()) {
+    errors += line.level == LogLevel::Error;
+  }
+  EXPECT_EQ(errors, 4u);
+}
+
+TEST_F(IncomingSettings, TheStatisticsKeyIsNotASetting) {
+  m_incoming.Initialize({{"DataChunkingPeriod", "77"}});
+  ExpectSettings(975000, 1000000, 500000, 10);
+}
+
+TEST_F(IncomingSettings, SettingsArePublishedWithTheFlagFalse) {
+  m_incoming.Initialize({});
+  for (const auto& update : m_harness.Group("StoreAndForwardIncoming").Updates()) {
+    EXPECT_FALSE(update.flag);
+    EXPECT_EQ(update.value.GetKind(), 0x4106);
+  }
+}
+
+TEST_F(IncomingSettings, LogsItsLifeUnderTheStreamsName) {
+  m_incoming.Initialize({});
+  m_incoming.Stop();
+  EXPECT_TRUE(m_harness.Log().Contains(LogLevel::Info, kIncomingLogger, "Started"));
+  EXPECT_TRUE(m_harness.Log().Contains(LogLevel::Info, kIncomingLogger, "Stopping..."));
+  EXPECT_TRUE(m_harness.Log().Contains(LogLevel::Debug, kIncomingLogger,
+                                       "Thread exiting (StoreAndForwardIncoming)."));
+}
+
+TEST_F(IncomingSettings, StopWithoutInitializeAndASecondStopDoNothing) {
+  m_incoming.Stop();
+  EXPECT_TRUE(m_harness.Log().Lines().empty());
+  m_incoming.Initialize({});
+  m_incoming.Stop();
+  m_incoming.Stop();
+  EXPECT_EQ(Infos("Stopping..."), 1u);
+}
+
+TEST_F(IncomingSettings, CacheThatCannotBeMadeThrowsWithTheDoubledWordingAndStartsNothing) {
+  std::filesystem::create_directories(m_harness.CacheDirectory().parent_path());
+  std::ofstream(m_harness.CacheDirectory()) << "a file in the way";
+  try {
+    m_incoming.Initialize({});
+    FAIL() << "did not throw";
+  } catch (const InitializationException& error) {
+    std::string text;
+    WindowsAgentCommon::GetLastErrorText(183, text);
+    ASSERT_FALSE(text.empty());
+    EXPECT_EQ(std::string(error.what()),
+              "Failed to create event cache (Failed to create event cache (" + text + "))");
+    EXPECT_EQ(error.GetFile(), "StoreAndForwardIncoming");
+    EXPECT_EQ(error.GetFunction(), "OrloStoreAndForward::StoreAndForwardIncoming::Initialize");
+    EXPECT_EQ(error.GetLine(), 75);
+  }
+  EXPECT_TRUE(m_harness.Log().Lines().empty()) << "nothing is logged";
+  EXPECT_EQ(m_incoming.thr_count(), 0u);
+  EXPECT_EQ(m_harness.Group("StoreAndForwardIncoming").Declared().size(), 0u);
+  m_incoming.Stop();
+  EXPECT_TRUE(m_harness.Log().Lines().empty()) << "a later stop does nothing";
+}
+
+// ---- The loop -----------------------------------------------------------------------------------
+
+class IncomingLoop : public testing::Test {
+ protected:
+  ~IncomingLoop() override { Platform::TestFaults::Reset(); }
+
+  std::int64_t Statistic(const std::string& name) { return m_harness.Statistic(name); }
+
+  bool WaitForStatistic(const std::string& name, std::int64_t value) {
+    return WaitUntil([&] { return Statistic(name) == value; });
+  }
+
+  std::size_t Debugs(const std::string& text) {
+    return m_harness.Log().Count(LogLevel::Debug, text);
+  }
+
+  // Refuses every event until told otherwise, so that chunks go to disk: the first chunk is
+  // accepted and stays pending.
+  void CloseDestination() {
+    m_harness.Destination().SetAnswer(
+        [this](const std::string&) { return m_open ? 0 : kBackpressure; });
+  }
+  void OpenDestination() { m_open = true; }
+
+  // A schedule that never allows sending: every chunk goes to disk at once.
+  static EnvironmentBlock NeverSend() {
+    return {{"Schedule.Enable", "true"}, {"Schedule.Interval", "0000-2359;00;UTC"}};
+  }
+
+  StageHarness m_harness;
+  std::atomic<bool> m_open{false};
+};
+
+TEST_F(IncomingLoop, EventsOfOnePeriodArriveAsOneChunk) {
+  m_harness.Start();
+  m_harness.Post(100);
+  ASSERT_TRUE(WaitForStatistic("EventsOutgoing", 100));
+  EXPECT_EQ(m_harness.Destination().Delivered(), Numbered(100));
+  EXPECT_EQ(Statistic("OutgoingHandlerAccepts"), 1);
+  EXPECT_EQ(Statistic("ChunkSize"), 100);
+  EXPECT_TRUE(
+      m_harness.Log().Contains(LogLevel::Debug, kIncomingLogger,
+                               "Processing accepted for message block (near). (100 records)"));
+  m_harness.Stop();
+  EXPECT_EQ(m_harness.ChunkFiles(), 0u);
+  EXPECT_EQ(Statistic("OutgoingHandlerRejects"), 0);
+  m_harness.ExpectSum(0, 0);
+  EXPECT_TRUE(m_harness.Allocators().NothingAlive());
+}
+
+TEST_F(IncomingLoop, ChunkIsHandedOverOncePerChunkingPeriod) {
+  m_harness.Start();
+  const auto start = std::chrono::steady_clock::now();
+  m_harness.Post(1);
+  ASSERT_TRUE(WaitForStatistic("EventsOutgoing", 1));
+  m_harness.Post(1);
+  ASSERT_TRUE(WaitForStatistic("EventsOutgoing", 2));
+  const auto offers = m_harness.Destination().Offers();
+  // Each within the period and the half second of one wait, and some time for a busy machine.
+  EXPECT_GE(offers[0].time - start, milliseconds(4900));
+  EXPECT_LE(offers[0].time - start, milliseconds(9000));
+  EXPECT_GE(offers[1].time - offers[0].time, milliseconds(4900));
+  EXPECT_LE(offers[1].time - offers[0].time, milliseconds(9000));
+}
+
+TEST_F(IncomingLoop, ChunkThatIsRefusedGoesToDisk) {
+  m_harness.Start(NeverSend());
+  m_harness.Post(3);
+  ASSERT_TRUE(WaitForStatistic("EventDiskCacheAccepts", 1));
+  EXPECT_EQ(Statistic("OutgoingHandlerRejects"), 1);
+  EXPECT_TRUE(m_harness.Log().Contains(
+      LogLevel::Debug, kIncomingLogger,
+      "Processing rejected for message block. Pushing to disk. (3 records)"));
+  EXPECT_EQ(m_harness.ChunkFiles(), 1u);
+  EXPECT_TRUE(m_harness.Allocators().NothingAlive());
+  m_harness.Stop();
+  m_harness.ExpectSum(0, 3);
+}
+
+TEST_F(IncomingLoop, WhileAnythingIsCachedDueChunksGoBehindItAndCountNoRejection) {
+  CloseDestination();
+  m_harness.Start();
+  m_harness.Post(2, "first ");
+  ASSERT_TRUE(WaitForStatistic("NumberOfRequeues", 1));
+  m_harness.Post(2, "second ");
+  ASSERT_TRUE(WaitForStatistic("EventDiskCacheAccepts", 1));
+  EXPECT_EQ(Statistic("OutgoingHandlerRejects"), 1);
+  m_harness.Post(2, "third ");
+  ASSERT_TRUE(WaitForStatistic("EventDiskCacheAccepts", 2));
+  EXPECT_EQ(Statistic("OutgoingHandlerRejects"), 1) << "no rejection for the third";
+  OpenDestination();
+  m_harness.Post(2, "fourth ");
+  ASSERT_TRUE(WaitForStatistic("EventsOutgoing", 8));
+  Strings expected = Numbered(2, "first ");
+  for (const char* prefix : {"second ", "third ", "fourth "}) {
+    for (const std::string& payload : Numbered(2, prefix)) {
+      expected.push_back(payload);
+    }
+  }
+  EXPECT_EQ(m_harness.Destination().Delivered(), expected);
+  EXPECT_EQ(Debugs("Processing accepted for message block (near). (2 records)"), 1u);
+  EXPECT_EQ(Debugs("Processing accepted for message block (far). (2 records)"), 3u);
+  EXPECT_GE(Debugs("No remaining cached data."), 1u);
+  ASSERT_TRUE(WaitUntil([this] { return m_harness.ChunkFiles() == 0; }));
+  m_harness.Stop();
+  m_harness.ExpectSum(0, 0);
+  EXPECT_EQ(Statistic("OutgoingHandlerAccepts"), 4);
+  EXPECT_EQ(m_harness.Disk().Balance(), 0);
+  EXPECT_TRUE(m_harness.Allocators().NothingAlive());
+}
+
+// Chunks that an earlier run left, of 2 events each.
+void LeaveChunks(StageHarness& harness, std::size_t count) {
+  for (std::size_t chunk = 0; chunk < count; ++chunk) {
+    const auto directory = harness.CacheDirectory() / "2016-03-07-14-05";
+    std::filesystem::create_directories(directory);
+    std::string bytes("\2\0\0\0", 4);
+    for (std::size_t event = 0; event < 2; ++event) {
+      const std::string payload = "cached " + std::to_string(2 * chunk + event);
+      bytes += std::string("\0\0\0\0", 4) + static_cast<char>(payload.size()) +
+               std::string("\0\0\0", 3) + payload;
+    }
+    std::ofstream(directory / (std::string(chunk < 10 ? "0" : "") + std::to_string(chunk)),
+                  std::ios::binary)
+        << bytes;
+  }
+}
+
+TEST_F(IncomingLoop, ChunksOfAnEarlierRunAreDrainedOneByOneOldestFirst) {
+  LeaveChunks(m_harness, 4);
+  m_harness.Start();
+  ASSERT_TRUE(WaitForStatistic("EventsOutgoing", 8));
+  EXPECT_EQ(m_harness.Destination().Delivered(), Numbered(8, "cached "));
+  EXPECT_EQ(Debugs("Processing accepted for message block (far). (2 records)"), 4u);
+  ASSERT_TRUE(WaitUntil([this] { return Debugs("No remaining cached data.") == 1; }));
+  EXPECT_EQ(m_harness.Group("StoreAndForwardIncoming").IntegerUpdates("OutgoingHandlerAccepts"),
+            (std::vector<std::int64_t>{1, 2, 3, 4}));
+  EXPECT_EQ(m_harness.ChunkFiles(), 0u);
+}
+
+TEST_F(IncomingLoop, AnIdleInputDrainsOneCachedChunkPerProcessingPeriod) {
+  LeaveChunks(m_harness, 4);
+  m_harness.Start();
+  ASSERT_TRUE(WaitForStatistic("EventsOutgoing", 8));
+  const auto offers = m_harness.Destination().Offers();
+  for (std::size_t i = 2; i < offers.size(); i += 2) {
+    EXPECT_GE(offers[i].time - offers[i - 2].time, milliseconds(450)) << i;
+    EXPECT_LE(offers[i].time - offers[i - 2].time, milliseconds(2500)) << i;
+  }
+}
+
+TEST_F(IncomingLoop, ABusyInputDrainsTheCacheOneChunkPerBlock) {
+  LeaveChunks(m_harness, 20);
+  m_harness.Start();
+  const auto start = std::chrono::steady_clock::now();
+  ASSERT_TRUE(WaitUntil([this] {
+    m_harness.Post(1);
+    return Statistic("EventsOutgoing") >= 40;
+  }));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(8))
+      << "an idle input would take ten seconds";
+  const Strings delivered = m_harness.Destination().Delivered();
+  EXPECT_EQ(Strings(delivered.begin(), delivered.begin() + 40), Numbered(40, "cached "));
+}
+
+TEST_F(IncomingLoop, APeriodWithoutEventsHandsNothingOver) {
+  m_harness.Start();
+  // Into the second period: the first decision finds an empty chunk.
+  EXPECT_FALSE(
+      WaitUntil([this] { return Statistic("OutgoingHandlerAccepts") > 0; }, milliseconds(6500)));
+  m_harness.Post(1);
+  const auto posted = std::chrono::steady_clock::now();
+  ASSERT_TRUE(WaitForStatistic("EventsOutgoing", 1));
+  EXPECT_GE(std::chrono::steady_clock::now() - posted, milliseconds(2000))
+      << "the empty period did not carry over: the event waits for the end of its own";
+  EXPECT_EQ(Statistic("EventDiskCacheAccepts"), 0);
+  EXPECT_EQ(Statistic("OutgoingHandlerAccepts"), 1);
+}
+
+TEST_F(IncomingLoop, ChunkThatTheCacheRefusesIsLostReleasedAndCounted) {
+  m_harness.Disk().SetAnswer([](std::uint64_t) { return false; });
+  m_harness.Start(NeverSend());
+  m_harness.Post(3);
+  ASSERT_TRUE(WaitForStatistic("MessagesLost", 3));
+  EXPECT_EQ(Statistic("EventDiskCacheRejects"), 1);
+  EXPECT_EQ(Statistic("EventDiskCacheAccepts"), 0);
+  EXPECT_TRUE(m_harness.Log().Contains(
+      LogLevel::Warn, kIncomingLogger,
+      "Event cache rejected message block for persistance.  Messages lost (3)."));
+  EXPECT_TRUE(m_harness.Allocators().NothingAlive());
+  m_harness.Stop();
+  m_harness.ExpectSum(0, 0);
+}
+
+TEST_F(IncomingLoop, ChunkWhoseFileCannotBeCreatedIsLostAndReleasedOnce) {
+  m_harness.Start(NeverSend());
+  Platform::TestFaults::SetHook([](Platform::TestFaults::FileCall call) {
+    Platform::TestFaults::Fault fault;
+    fault.error = call == Platform::TestFaults::FileCall::CreateFile ? 5 : 0;
+    return fault;
+  });
+  m_harness.Post(3);
+  ASSERT_TRUE(WaitForStatistic("MessagesLost", 3));
+  EXPECT_EQ(Statistic("EventDiskCacheRejects"), 1);
+  EXPECT_EQ(m_harness.Log().Count(
+                LogLevel::Warn,
+                "Event cache rejected message block for persistance.  Messages lost (3)."),
+            1u);
+  EXPECT_TRUE(m_harness.Allocators().NothingAlive()) << "the allocator aborts on a second release";
+  m_harness.Stop();
+  m_harness.ExpectSum(0, 0);
+}
+
+TEST_F(IncomingLoop, FrontThatFailsHandsNothingOverAndKeepsTheChunk) {
+  LeaveChunks(m_harness, 1);
+  std::filesystem::permissions(m_harness.CacheDirectory(), std::filesystem::perms::owner_all);
+  Platform::TestFaults::SetHook([](Platform::TestFaults::FileCall call) {
+    Platform::TestFaults::Fault fault;
+    fault.error = call == Platform::TestFaults::FileCall::ReadFile ? 1117 : 0;
+    return fault;
+  });
+  m_harness.Start();
+  m_harness.Post(1);
+  ASSERT_TRUE(WaitForStatistic("EventDiskCacheAccepts", 1)) << "the due chunk goes behind it";
+  EXPECT_EQ(Statistic("OutgoingHandlerAccepts"), 0);
+  EXPECT_EQ(m_harness.ChunkFiles(), 2u);
+  Platform::TestFaults::Reset();
+  ASSERT_TRUE(WaitForStatistic("EventsOutgoing", 3));
+  EXPECT_EQ(m_harness.Destination().Delivered(), (Strings{"cached 0", "cached 1", "event 0"}));
+}
+
+TEST_F(IncomingLoop, StopBeforeTheChunkIsDueAbandonsIt) {
+  m_harness.Start();
+  m_harness.Post(3);
+  ASSERT_TRUE(WaitUntil([this] { return m_harness.Allocators().BlocksAlive() == 6u; }));
+  m_harness.Stop();
+  EXPECT_EQ(m_harness.ChunkFiles(), 0u);
+  EXPECT_TRUE(m_harness.Destination().Offers().empty());
+  EXPECT_EQ(m_harness.Allocators().BlocksAlive(), 6u) << "three events of two blocks";
+  m_harness.ExpectSum(3, 0);
+}
+
+TEST_F(IncomingLoop, StopAfterTheChunkBecameDuePushesItToDisk) {
+  // The stop must come between the moment at which the chunk's period has passed and the next look
+  // at the clock. A processing period of a minute keeps the loop waiting in between.
+  m_harness.Start({{"DataProcessingPeriod", "60000000"}});
+  m_harness.Post(3);
+  std::this_thread::sleep_for(milliseconds(5200));
+  m_harness.Stop();
+  EXPECT_EQ(Statistic("EventDiskCacheAccepts"), 1);
+  EXPECT_EQ(Debugs("Processing rejected for message block. Pushing to disk. (3 records)"), 1u);
+  EXPECT_EQ(Statistic("OutgoingHandlerRejects"), 0);
+  EXPECT_EQ(m_harness.ChunkFiles(), 1u);
+  EXPECT_TRUE(m_harness.Allocators().NothingAlive());
+  m_harness.ExpectSum(0, 3);
+}
+
+TEST_F(IncomingLoop, StopGoesAheadOfBlocksThatWaitInTheQueue) {
+  // A disk manager that does not answer keeps the Incoming thread away from its queue.
+  std::atomic<bool> asked{false};
+  std::atomic<bool> answer{false};
+  m_harness.Disk().SetAnswer([&](std::uint64_t) {
+    asked = true;
+    WaitUntil([&] { return answer.load(); });
+    return true;
+  });
+  m_harness.Start(NeverSend());
+  m_harness.Post(1, "spilled ");
+  ASSERT_TRUE(WaitUntil([&] { return asked.load(); }));
+  m_harness.Post(10, "queued ");
+  std::thread stopper([this] { m_harness.Stop(); });
+  ASSERT_TRUE(WaitUntil(
+      [this] { return m_harness.Log().Contains(LogLevel::Info, kIncomingLogger, "Stopping..."); }));
+  // The hang-up block is in the queue once the stop has had time to put it there.
+  std::this_thread::sleep_for(milliseconds(300));
+  answer = true;
+  stopper.join();
+  EXPECT_EQ(m_harness.Allocators().BlocksAlive(), 20u) << "ten events stay in the queue";
+  EXPECT_EQ(m_harness.ChunkFiles(), 1u);
+  m_harness.ExpectSum(10, 1);
+}
+
+TEST(IncomingQueue, WhatIsLeftAtAStopIsReleasedWithTheStage) {
+  TestSupport::CountingAllocators allocators;
+  std::atomic<bool> asked{false};
+  std::atomic<bool> answer{false};
+  {
+    StageHarness harness;
+    WindowsAgentCommon::SetMessageBlockAllocators(
+        {&allocators.Blocks(), &allocators.DataBlocks(), &allocators.Buffers()});
+    harness.Disk().SetAnswer([&](std::uint64_t) {
+      asked = true;
+      WaitUntil([&] { return answer.load(); });
+      return true;
+    });
+    harness.Start({{"Schedule.Enable", "true"}, {"Schedule.Interval", "0000-2359;00;UTC"}});
+    harness.Post(1, "spilled ");
+    ASSERT_TRUE(WaitUntil([&] { return asked.load(); }));
+    harness.Post(10, "queued ");
+    std::thread stopper([&] { harness.Stop(); });
+    std::this_thread::sleep_for(milliseconds(500));
+    answer = true;
+    stopper.join();
+  }
+  EXPECT_TRUE(allocators.NothingAlive());
+}
+
+TEST_F(IncomingLoop, IntegerExceptionEndsTheThreadAbandonsTheChunkAndStopReturns) {
+  m_harness.Disk().SetAnswer([](std::uint64_t) -> bool { throw 42; });
+  m_harness.Start(NeverSend());
+  m_harness.Post(3);
+  ASSERT_TRUE(WaitUntil([this] { return Debugs("Stage thread exception 42.") == 1; }));
+  ASSERT_TRUE(
+      WaitUntil([this] { return Debugs("Thread exiting (StoreAndForwardIncoming).") == 1; }));
+  EXPECT_EQ(m_harness.Allocators().BlocksAlive(), 6u);
+  m_harness.Post(2, "later ");
+  EXPECT_EQ(m_harness.Allocators().BlocksAlive(), 10u) << "the queue is no longer drained";
+  m_harness.Stop();
+  EXPECT_EQ(Debugs("Thread exiting (StoreAndForwardIncoming)."), 1u);
+}
+
+TEST_F(IncomingLoop, StopReturnsAfterAnIntegerExceptionEvenWithAFullQueue) {
+  m_harness.Disk().SetAnswer([](std::uint64_t) -> bool { throw 7; });
+  EnvironmentBlock settings = NeverSend();
+  settings.emplace("QueueHighWaterMark", "100");
+  settings.emplace("QueueLowWaterMark", "50");
+  m_harness.Start(settings);
+  m_harness.Post(1);
+  ASSERT_TRUE(
+      WaitUntil([this] { return Debugs("Thread exiting (StoreAndForwardIncoming).") == 1; }));
+  m_harness.Post(1, std::string(200, 'x'));
+  m_harness.Stop();
+}
+
+}  // namespace
+}  // namespace OrloStoreAndForward
