@@ -67,18 +67,13 @@ std::optional<std::int64_t> ApplyBias(std::int64_t universal, std::int64_t minut
 }
 
 // When a rule last took effect, in UTC. `bias` is that of the local time in which the rule is
-// given. The year before and the year after `year` are looked at, too: where a rule stands at the
-// turn of the year, it can fall into another year in UTC or in the other local time.
+// given, `local` the present in that local time.
 chrono::sys_time<chrono::milliseconds> LastEffect(const SYSTEMTIME& rule, std::int64_t bias,
-                                                  int year,
-                                                  chrono::sys_time<chrono::milliseconds> now) {
-  for (int candidate = year + 1; candidate >= year; --candidate) {
-    const auto effect = TimeOfRule(rule, candidate) + chrono::minutes{bias};
-    if (effect <= now) {
-      return effect;
-    }
-  }
-  return TimeOfRule(rule, year - 1) + chrono::minutes{bias};
+                                                  std::int64_t local) {
+  const auto now = kFirstDay + chrono::milliseconds{local / kUnitsPerMillisecond};
+  const int year = YearOf(local);
+  const auto effect = TimeOfRule(rule, year);
+  return (effect <= now ? effect : TimeOfRule(rule, year - 1)) + chrono::minutes{bias};
 }
 
 std::optional<std::int64_t> ToLocal(const TIME_ZONE_INFORMATION& zone, std::int64_t universal) {
@@ -95,10 +90,9 @@ std::optional<std::int64_t> ToLocal(const TIME_ZONE_INFORMATION& zone, std::int6
   if (!standard || !daylight) {
     return std::nullopt;
   }
-  const auto now = kFirstDay + chrono::milliseconds{universal / kUnitsPerMillisecond};
   // Each rule is given in the local time that holds until it takes effect.
-  const auto daylightBegan = LastEffect(zone.DaylightDate, standardBias, YearOf(*standard), now);
-  const auto standardBegan = LastEffect(zone.StandardDate, daylightBias, YearOf(*daylight), now);
+  const auto daylightBegan = LastEffect(zone.DaylightDate, standardBias, *standard);
+  const auto standardBegan = LastEffect(zone.StandardDate, daylightBias, *daylight);
   return daylightBegan > standardBegan ? daylight : standard;
 }
 
