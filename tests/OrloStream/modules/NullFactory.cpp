@@ -1,0 +1,4 @@
+#include <ace/Module.h>
+#include <ace/Synch_Traits.h>
+
+extern "C" ACE_Module<ACE_MT_SYNCH>* make_NullFactory() { return nullptr; }
