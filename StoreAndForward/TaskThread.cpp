@@ -33,7 +33,10 @@ void HangUpAndWait(WindowsAgentCommon::OrloTask& task) {
       hangUp.release();
       break;
     }
-    if (errno != EWOULDBLOCK) {
+    if (errno == ESHUTDOWN) {
+      // Somebody deactivated the queue. Its thread would never see the hang-up.
+      task.msg_queue()->activate();
+    } else if (errno != EWOULDBLOCK) {
       break;
     }
   }

@@ -10,7 +10,7 @@ void ActivateOneThread(WindowsAgentCommon::OrloTask& task);
 
 // Puts a hang-up block at the head of the task's queue, ahead of everything that waits there, and
 // returns when the thread has ended. Returns at once if it has ended already, also when the queue
-// is full and nobody will empty it any more.
+// is full and nobody will empty it any more. A queue that was deactivated is activated again.
 void HangUpAndWait(WindowsAgentCommon::OrloTask& task);
 
 }  // namespace OrloStoreAndForward

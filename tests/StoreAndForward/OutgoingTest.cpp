@@ -220,21 +220,23 @@ TEST_F(Outgoing, StopWithPendingEventsNeitherDeliversNorReleasesThem) {
 
 TEST_F(Outgoing, StopGoesAheadOfWaitingWakeUps) {
   // The thread is kept busy with a first chunk while wake-ups pile up behind it.
+  std::atomic<bool> entered{false};
   std::atomic<bool> release{false};
   m_harness.Destination().SetAnswer([&](const std::string&) {
+    entered = true;
     WaitUntil([&] { return release.load(); });
     return kBackpressure;
   });
   m_outgoing->Initialize({});
   Accept(1);
-  ASSERT_TRUE(WaitUntil([this] { return !m_outgoing->CanAccept(); }));
+  ASSERT_TRUE(WaitUntil([&] { return entered.load(); }));
   for (int i = 0; i < 100; ++i) {
     m_outgoing->putq(new ACE_Message_Block(0, ACE_Message_Block::MB_EVENT));
   }
   std::thread stopper([this] { m_outgoing->Stop(); });
   ASSERT_TRUE(
       WaitUntil([this] { return m_harness.Log().Count(LogLevel::Info, "Stopping...") == 1; }));
-  ASSERT_TRUE(WaitUntil([this] { return m_outgoing->msg_queue()->message_count() >= 100; }));
+  ASSERT_TRUE(WaitUntil([this] { return m_outgoing->msg_queue()->message_count() == 101; }));
   release = true;
   stopper.join();
   EXPECT_EQ(m_harness.Destination().Offers().size(), 1u)

@@ -66,9 +66,11 @@ class StageHarness {
 
   // The last published value of a statistic of any of the three profiles.
   std::int64_t Statistic(const std::string& name) const;
+  // The statistics group of that name, which must exist.
   TestSupport::RecordingGroup& Group(const std::string& name) const {
     return *m_server->Find(name);
   }
+  bool HasGroup(const std::string& name) const { return m_server->Find(name) != nullptr; }
 
   // posted = failed to queue + lost + delivered + held + cached, with what the test knows to be
   // held and cached.
