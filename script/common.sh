@@ -14,16 +14,23 @@ bootstrap() {
 }
 
 # build PRESET TARGET...: configures the preset and builds the targets. Its output goes to
-# build/PRESET/build.log; the end of it is shown when something fails.
+# build/PRESET/build.log; the end of it is shown when something fails. Scripts that build the same
+# preset at the same time wait for each other.
 build() {
   local preset=$1
   shift
-  local log=$root/build/$preset/build.log
-  mkdir -p "${log%/*}"
-  if ! (cd "$root" && cmake --preset "$preset" && cmake --build --preset "$preset" --target "$@") \
-    > "$log" 2>&1; then
-    tail -n 60 "$log" >&2
-    note "the build failed; all of its output is in $log"
+  local directory=$root/build/$preset
+  mkdir -p "$directory"
+  # Lets checkouts in different places share compilations.
+  export CCACHE_BASEDIR=$root
+  if ! (
+    flock 9
+    exec > "$directory/build.log" 2>&1 < /dev/null
+    cd "$root"
+    cmake --preset "$preset" && cmake --build --preset "$preset" --target "$@" 9>&-
+  ) 9> "$directory/.lock"; then
+    tail -n 60 "$directory/build.log" >&2
+    note "the build failed; all of its output is in $directory/build.log"
     exit 1
   fi
 }
