@@ -1,0 +1,442 @@
+#include "Agent/ConfigurationReader.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "tests/support/TemporaryDirectory.h"
+
+namespace {
+
+using OrloAgent::Configuration;
+using OrloAgent::ConfigurationMistake;
+using OrloAgent::LoadConfiguration;
+using OrloAgent::ParseConfiguration;
+using std::chrono::milliseconds;
+
+std::vector<std::string> Mistakes(const std::string& text) {
+  std::vector<std::string> mistakes;
+  for (const ConfigurationMistake& mistake : ParseConfiguration(text).mistakes) {
+    mistakes.push_back(ToText(mistake, "f"));
+  }
+  return mistakes;
+}
+
+// A good stream; tests put one wrong thing before or after it.
+const std::string kStream = R"(streams:
+  - name: Default
+    source: { type: stdin }
+    stages: [ { module: StoreAndForwardStage } ]
+    destination: { type: stdout }
+)";
+
+TEST(Configuration, DefaultsHoldForEverythingThatIsNotSaid) {
+  const Configuration configuration = ParseConfiguration(kStream);
+  ASSERT_TRUE(configuration.mistakes.empty());
+  const auto& options = configuration.options;
+  EXPECT_EQ(options.dataDirectory, "./data");
+  EXPECT_EQ(options.disk.quota, std::uint64_t{10} << 30);
+  EXPECT_EQ(options.disk.keepFree, std::uint64_t{1} << 30);
+  EXPECT_EQ(options.log.level, "info");
+  EXPECT_EQ(options.shutdown.drainTimeout, milliseconds(30'000));
+  ASSERT_EQ(options.streams.size(), 1u);
+  const auto& stream = options.streams[0];
+  EXPECT_EQ(std::get<OrloAgent::StdinSourceOptions>(stream.sources.at(0)).maxEventSize, 65'536u);
+  EXPECT_EQ(std::get<OrloAgent::StdoutDestinationOptions>(stream.destination).sendTimeout,
+            milliseconds(5'000));
+  EXPECT_TRUE(stream.stages.at(0).settings.empty());
+}
+
+TEST(Configuration, EveryKeyIsRead) {
+  const Configuration configuration = ParseConfiguration(R"(
+data_directory: /var/lib/orlo
+disk: { quota: 5GiB, keep_free: 512KiB }
+log:
+  level: warn
+  levels: { Code.A: debug, Code.B: off }
+  file: /var/log/orlo.log
+shutdown: { drain_timeout: 5m }
+streams:
+  - name: One
+    source:
+      - { type: syslog, listen: "tcp://[::1]:0", max_event_size: 1MiB, max_connections: 7, idle_timeout: 90s }
+      - { type: stdin, max_event_size: 100 }
+    stages:
+      - module: StoreAndForwardStage
+        settings:
+          DataChunkPeriod: 5
+          Schedule.Enable: true
+          Schedule.Interval: ["0800-1700;3E;Europe/Berlin", "0900-1200;40;Europe/Berlin"]
+      - module: Other_Stage2
+        settings: { AnyName: anything at all, "": x, List: [] }
+    destination: { type: syslog, target: "tcp://h:6514", framing: octet-counted, send_timeout: 1ms, connect_timeout: 1h }
+  - name: "Zwei \u00fc: 2"
+    source: { type: syslog, listen: "tcp://0.0.0.0:514" }
+    stages: [ { module: StoreAndForwardStage, settings: { } } ]
+    destination: { type: file, path: out/events.log, send_timeout: 2m }
+)");
+  ASSERT_TRUE(configuration.mistakes.empty()) << ToText(configuration.mistakes[0], "f");
+  const auto& options = configuration.options;
+  EXPECT_EQ(options.dataDirectory, "/var/lib/orlo");
+  EXPECT_EQ(options.disk.quota, std::uint64_t{5} << 30);
+  EXPECT_EQ(options.disk.keepFree, 512u * 1024);
+  EXPECT_EQ(options.log.level, "warn");
+  EXPECT_EQ(options.log.levels,
+            (std::map<std::string, std::string>{{"Code.A", "debug"}, {"Code.B", "off"}}));
+  EXPECT_EQ(options.log.file, "/var/log/orlo.log");
+  EXPECT_EQ(options.shutdown.drainTimeout, milliseconds(300'000));
+  ASSERT_EQ(options.streams.size(), 2u);
+
+  const auto& one = options.streams[0];
+  ASSERT_EQ(one.sources.size(), 2u);
+  const auto& syslog = std::get<OrloAgent::SyslogSourceOptions>(one.sources[0]);
+  EXPECT_EQ(syslog.listen.host, "::1");
+  EXPECT_EQ(syslog.listen.port, 0);
+  EXPECT_EQ(syslog.maxEventSize, 1024u * 1024);
+  EXPECT_EQ(syslog.maxConnections, 7u);
+  EXPECT_EQ(syslog.idleTimeout, milliseconds(90'000));
+  EXPECT_EQ(std::get<OrloAgent::StdinSourceOptions>(one.sources[1]).maxEventSize, 100u);
+  ASSERT_EQ(one.stages.size(), 2u);
+  EXPECT_EQ(one.stages[0].settings, (std::vector<std::pair<std::string, std::string>>{
+                                        {"DataChunkPeriod", "5"},
+                                        {"Schedule.Enable", "true"},
+                                        {"Schedule.Interval", "0800-1700;3E;Europe/Berlin"},
+                                        {"Schedule.Interval", "0900-1200;40;Europe/Berlin"}}));
+  EXPECT_EQ(one.stages[1].module, "Other_Stage2");
+  EXPECT_EQ(one.stages[1].settings, (std::vector<std::pair<std::string, std::string>>{
+                                        {"AnyName", "anything at all"}, {"", "x"}}));
+  const auto& target = std::get<OrloAgent::SyslogDestinationOptions>(one.destination);
+  EXPECT_EQ(target.target.host, "h");
+  EXPECT_EQ(target.target.port, 6514);
+  EXPECT_EQ(target.framing, OrloAgent::SyslogFraming::OctetCounted);
+  EXPECT_EQ(target.sendTimeout, milliseconds(1));
+  EXPECT_EQ(target.connectTimeout, milliseconds(3'600'000));
+
+  const auto& two = options.streams[1];
+  EXPECT_EQ(two.name, "Zwei \u00fc: 2");
+  const auto& file = std::get<OrloAgent::FileDestinationOptions>(two.destination);
+  EXPECT_EQ(file.path, "out/events.log");
+  EXPECT_EQ(file.sendTimeout, milliseconds(120'000));
+}
+
+struct Wrong {
+  const char* name;
+  std::string text;
+  std::vector<std::string> mistakes;
+};
+
+void PrintTo(const Wrong& wrong, std::ostream* out) { *out << wrong.name; }
+
+std::string WithSource(const std::string& source) {
+  return "streams:\n- name: A\n  source: " + source +
+         "\n  stages: [ { module: StoreAndForwardStage } ]\n  destination: { type: stdout }\n";
+}
+
+std::string WithStages(const std::string& stages) {
+  return "streams:\n- name: A\n  source: { type: stdin }\n  stages: " + stages +
+         "\n  destination: { type: stdout }\n";
+}
+
+std::string WithDestination(const std::string& destination) {
+  return "streams:\n- name: A\n  source: { type: stdin }\n  stages: [ { module: M } ]\n"
+         "  destination: " +
+         destination + "\n";
+}
+
+std::string WithName(const std::string& name) {
+  return "streams:\n- name: " + name +
+         "\n  source: { type: stdin }\n  stages: [ { module: M } ]\n"
+         "  destination: { type: stdout }\n";
+}
+
+// Two streams that share nothing but, if they are the same, their names.
+std::string WithNames(const std::string& first, const std::string& second) {
+  return "streams:\n- name: " + first +
+         "\n  source: { type: stdin }\n  stages: [ { module: M } ]\n"
+         "  destination: { type: stdout }\n- name: " +
+         second +
+         "\n  source: { type: syslog, listen: \"tcp://h:1\" }\n  stages: [ { module: M } ]\n"
+         "  destination: { type: file, path: x }\n";
+}
+
+const char* const kNoName =
+    "f:2: streams[0].name: holds a separator or control character, which the name of a directory "
+    "can't have";
+
+std::vector<Wrong> DocumentCases() {
+  return {
+      {"Empty", "", {"f:1: the file is empty; the agent needs a stream"}},
+      {"OnlyComments", "# nothing\n\n", {"f:1: the file is empty; the agent needs a stream"}},
+      {"OnlyNull", "~\n", {"f:1: the file is empty; the agent needs a stream"}},
+      {"NotAMap", "hello\n", {"f:1: must be a map of keys to values"}},
+      {"AList", "- a\n- b\n", {"f:1: must be a map of keys to values"}},
+      {"NoStreams", "data_directory: x\n", {"f:1: streams: is missing"}},
+      {"StreamsWithoutValue", "streams:\n", {"f:1: streams: has no value"}},
+      {"StreamsEmpty",
+       "\nstreams: []\n",
+       {"f:2: streams: is an empty list; the agent needs a stream"}},
+      {"StreamsNoList", "streams: { a: b }\n", {"f:1: streams: must be a list"}},
+      {"StreamIsText", "streams: [ text ]\n", {"f:1: streams[0]: must be a map of keys to values"}},
+      {"StreamIsNull", "streams:\n  -\n", {"f:1: streams[0]: has no value"}},
+      {"BrokenFlow",
+       "a: 1\nb: [1, 2\nc: 3\n",
+       {"f:3: this is not valid YAML: end of sequence flow not found"}},
+      {"BrokenQuote", "a: 1\nb: 'text", {"f:2: this is not valid YAML: illegal EOF in scalar"}},
+      {"UnknownAnchor",
+       "a: *x\n",
+       {"f:1: this is not valid YAML: the referenced anchor is not defined"}},
+      {"TwoDocuments",
+       kStream + "---\nstreams: []\n",
+       {"f:7: a second document begins; the file must hold one"}},
+      {"NulByte", std::string("a: 1\nb: \0 2\n", 12), {"f:2: there is a NUL byte in the file"}},
+      {"TooLarge", std::string(1024 * 1024 + 1, '#'), {"f:1: the file is larger than 1 MiB"}},
+      {"UnknownKey",
+       "data_dir: x\n" + kStream,
+       {"f:1: data_dir: is not known here; known are: data_directory, disk, log, shutdown, "
+        "streams"}},
+      {"KeyTwice",
+       "data_directory: x\n\ndata_directory: y\n" + kStream,
+       {"f:3: data_directory: stands here a second time; the first is in line 1"}},
+      {"KeyIsAList", "? [a, b]\n: c\n" + kStream, {"f:1: has a key that is not plain text"}},
+      {"LineEndInAKey",
+       "\"a\\nb\": x\n" + kStream,
+       {"f:1: a?b: is not known here; known are: data_directory, disk, log, shutdown, streams"}},
+      {"SizeWithoutSense",
+       "disk:\n  quota: lots\n  keep_free: 1.5GiB\n" + kStream,
+       {"f:2: disk.quota: \"lots\" is not a size such as 10GiB, 512KiB or 4096",
+        "f:3: disk.keep_free: \"1.5GiB\" is not a size such as 10GiB, 512KiB or 4096"}},
+      {"SizeIsAList",
+       "disk: { quota: [1] }\n" + kStream,
+       {"f:1: disk.quota: must be a single value"}},
+      {"DiskIsText", "disk: 10GiB\n" + kStream, {"f:1: disk: must be a map of keys to values"}},
+      {"DiskWithoutValue", "disk:\n" + kStream, {"f:1: disk: has no value"}},
+      {"DiskUnknownKey",
+       "disk: { qouta: 1 }\n" + kStream,
+       {"f:1: disk.qouta: is not known here; known are: quota, keep_free"}},
+      {"LevelUnknown",
+       "log:\n  level: loud\n  levels:\n    Code.A: silent\n" + kStream,
+       {"f:2: log.level: \"loud\" is no level; one of these is needed: debug, info, warn, error, "
+        "off",
+        "f:4: log.levels.Code.A: \"silent\" is no level; one of these is needed: debug, info, "
+        "warn, error, off"}},
+      {"DurationWithoutUnit",
+       "shutdown: { drain_timeout: 30 }\n" + kStream,
+       {"f:1: shutdown.drain_timeout: \"30\" is not a duration such as 30s, 500ms or 5m"}},
+      {"EmptyPaths",
+       "data_directory: ''\nlog: { file: '' }\n" + kStream,
+       {"f:1: data_directory: is empty; a path is needed",
+        "f:2: log.file: is empty; a path is needed"}},
+      {"NulInPath",
+       "data_directory: \"a\\0b\"\n" + kStream,
+       {"f:1: data_directory: holds a control character"}},
+  };
+}
+
+std::vector<Wrong> StreamCases() {
+  return {
+      {"EmptyStream",
+       "streams:\n  - {}\n",
+       {"f:2: streams[0].name: is missing", "f:2: streams[0].source: is missing",
+        "f:2: streams[0].stages: is missing", "f:2: streams[0].destination: is missing"}},
+      {"NameTwice",
+       WithNames("A", "A"),
+       {"f:6: streams[1].name: \"A\" is the name of the stream in line 2"}},
+      {"NamesDifferByLetterCase",
+       WithNames("Default", "DEFAULT"),
+       {"f:6: streams[1].name: \"DEFAULT\" differs only by letter case from the name of the stream "
+        "in line 2"}},
+      {"NameEmpty",
+       WithName("''"),
+       {"f:2: streams[0].name: is empty; the stream's cache directory is named after it"}},
+      {"NameDot",
+       WithName("."),
+       {"f:2: streams[0].name: \".\" can't be the name of the stream's cache directory"}},
+      {"NameDots",
+       WithName(".."),
+       {"f:2: streams[0].name: \"..\" can't be the name of the stream's cache directory"}},
+      {"NameWithSlash", WithName("a/b"), {kNoName}},
+      {"NameWithBackslash", WithName("a\\b"), {kNoName}},
+      {"NameWithNul", WithName("\"a\\0b\""), {kNoName}},
+      {"NameWithTab", WithName("\"a\\tb\""), {kNoName}},
+      {"NameTooLong",
+       WithName(std::string(256, 'x')),
+       {"f:2: streams[0].name: is longer than 255 bytes"}},
+      {"NameNotUtf8", WithName("a\xff"), {"f:2: streams[0].name: is not valid UTF-8"}},
+      {"NameIsAList", WithName("[a]"), {"f:2: streams[0].name: must be a single value"}},
+      {"SourceListEmpty",
+       WithSource("[]"),
+       {"f:3: streams[0].source: is an empty list; a stream needs a source"}},
+      {"SourceIsText",
+       WithSource("stdin"),
+       {"f:3: streams[0].source: must be a map of keys to values"}},
+      {"SourceTypeMissing", WithSource("{ }"), {"f:3: streams[0].source.type: is missing"}},
+      {"SourceTypeUnknown",
+       WithSource("{ type: udp, port: 1 }"),
+       {"f:3: streams[0].source.type: \"udp\" is not known; known are: stdin, syslog"}},
+      {"StdinWithListen",
+       WithSource("{ type: stdin, listen: x }"),
+       {"f:3: streams[0].source.listen: is not known here; known are: type, max_event_size"}},
+      {"StdinTwice",
+       WithSource("[ { type: stdin }, { type: stdin } ]"),
+       {"f:3: streams[0].source[1]: reads the standard input, which another source reads already"}},
+      {"ListenMissing",
+       WithSource("{ type: syslog }"),
+       {"f:3: streams[0].source.listen: is missing"}},
+      {"ListenPortOutOfRange",
+       WithSource("{ type: syslog, listen: \"tcp://h:65536\" }"),
+       {"f:3: streams[0].source.listen: \"tcp://h:65536\" has a port out of range: 65536 is not 0 "
+        "to 65535"}},
+      {"ListenWithoutScheme",
+       WithSource("{ type: syslog, listen: \"h:514\" }"),
+       {"f:3: streams[0].source.listen: \"h:514\" is not tcp://HOST:PORT: it does not begin with "
+        "tcp://"}},
+      {"EventSizeTooSmall",
+       WithSource("{ type: stdin, max_event_size: 63 }"),
+       {"f:3: streams[0].source.max_event_size: is out of range: 63 bytes are not 64 to 16777216"}},
+      {"EventSizeTooLarge",
+       WithSource("{ type: stdin, max_event_size: 17MiB }"),
+       {"f:3: streams[0].source.max_event_size: is out of range: 17825792 bytes are not 64 to "
+        "16777216"}},
+      {"NoConnections",
+       WithSource("{ type: syslog, listen: \"tcp://h:1\", max_connections: 0 }"),
+       {"f:3: streams[0].source.max_connections: \"0\" is not a whole number from 1 to 1000000"}},
+      {"StagesEmpty",
+       WithStages("[]"),
+       {"f:4: streams[0].stages: is an empty list; a stream needs a stage"}},
+      {"StagesNoList", WithStages("{ module: M }"), {"f:4: streams[0].stages: must be a list"}},
+      {"ModuleMissing",
+       WithStages("[ { settings: { } } ]"),
+       {"f:4: streams[0].stages[0].module: is missing"}},
+      {"ModuleIsAPath",
+       WithStages("[ { module: ../x } ]"),
+       {"f:4: streams[0].stages[0].module: must be a module's name: letters, digits and "
+        "underscores only"}},
+      {"ModuleTwice",
+       WithStages("[ { module: M }, { module: M } ]"),
+       {"f:4: streams[0].stages[1].module: \"M\" is a stage of this stream already"}},
+      {"SettingUnknown",
+       WithStages("\n  - module: StoreAndForwardStage\n    settings:\n      DataChunkPeriod: 5\n"
+                  "      DataChunkingPeriod: 5"),
+       {"f:8: streams[0].stages[0].settings.DataChunkingPeriod: is not a setting of "
+        "StoreAndForwardStage; it has: DataChunkPeriod, DataProcessingPeriod, QueueHighWaterMark, "
+        "QueueLowWaterMark, Schedule.Enable, Schedule.Interval, Schedule.Invert"}},
+      {"SettingTwice",
+       WithStages("[ { module: M, settings: { A: 1, A: 2 } } ]"),
+       {"f:4: streams[0].stages[0].settings.A: stands here a second time; the first is in line "
+        "4"}},
+      {"SettingIsAMap",
+       WithStages("[ { module: M, settings: { A: { b: c } } } ]"),
+       {"f:4: streams[0].stages[0].settings.A: must be a single value"}},
+      {"SettingInAListIsAList",
+       WithStages("[ { module: M, settings: { A: [ 1, [ 2 ] ] } } ]"),
+       {"f:4: streams[0].stages[0].settings.A[1]: must be a single value"}},
+      {"SettingWithoutValue",
+       WithStages("[ { module: M, settings: { A: } } ]"),
+       {"f:4: streams[0].stages[0].settings.A: has no value"}},
+      {"DestinationIsAList",
+       WithDestination("[ { type: stdout } ]"),
+       {"f:5: streams[0].destination: must be a map of keys to values"}},
+      {"DestinationTypeUnknown",
+       WithDestination("{ type: mail }"),
+       {"f:5: streams[0].destination.type: \"mail\" is not known; known are: stdout, file, "
+        "syslog"}},
+      {"TargetPortZero",
+       WithDestination("{ type: syslog, target: \"tcp://h:0\" }"),
+       {"f:5: streams[0].destination.target: \"tcp://h:0\" has a port out of range: 0 is not 1 to "
+        "65535"}},
+      {"TargetMissingAndFramingUnknown",
+       WithDestination("{ type: syslog, framing: json }"),
+       {"f:5: streams[0].destination.target: is missing",
+        "f:5: streams[0].destination.framing: \"json\" is not known; known are: newline, "
+        "octet-counted"}},
+      {"SendTimeoutZero",
+       WithDestination("{ type: stdout, send_timeout: 0s }"),
+       {"f:5: streams[0].destination.send_timeout: is out of range: 0s is not 1ms to 1h"}},
+      {"PathMissing",
+       WithDestination("{ type: file }"),
+       {"f:5: streams[0].destination.path: is missing"}},
+      {"PathOnStdout",
+       WithDestination("{ type: stdout, path: x }"),
+       {"f:5: streams[0].destination.path: is not known here; known are: type, send_timeout"}},
+  };
+}
+
+class WrongConfiguration : public testing::TestWithParam<Wrong> {};
+
+TEST_P(WrongConfiguration, IsRefusedWithLineAndKey) {
+  EXPECT_EQ(Mistakes(GetParam().text), GetParam().mistakes);
+}
+
+const auto kNameOfCase = [](const testing::TestParamInfo<Wrong>& one) {
+  return std::string(one.param.name);
+};
+INSTANTIATE_TEST_SUITE_P(Document, WrongConfiguration, testing::ValuesIn(DocumentCases()),
+                         kNameOfCase);
+INSTANTIATE_TEST_SUITE_P(Stream, WrongConfiguration, testing::ValuesIn(StreamCases()), kNameOfCase);
+
+TEST(Configuration, AllMistakesAreNamedInOneGoInTheOrderOfTheFile) {
+  EXPECT_EQ(Mistakes("disk: { quota: x }\nnonsense: 1\nstreams:\n- name: A\n"
+                     "  source: { type: stdin }\n  stages: [ { module: M } ]\n"
+                     "  destination: { type: stdout }\n- name: a\n"
+                     "  source: { type: stdin }\n  stages: [ { module: M } ]\n"
+                     "  destination: { type: stdout }\n"),
+            (std::vector<std::string>{
+                "f:1: disk.quota: \"x\" is not a size such as 10GiB, 512KiB or 4096",
+                "f:2: nonsense: is not known here; known are: data_directory, disk, log, shutdown, "
+                "streams",
+                "f:8: streams[1].name: \"a\" differs only by letter case from the name of the "
+                "stream in line 4",
+                "f:9: streams[1].source: reads the standard input, which another source reads "
+                "already",
+                "f:11: streams[1].destination: writes to the standard output, which another "
+                "stream uses already"}));
+}
+
+TEST(Configuration, TwoStreamsMustNotAppendToOneFile) {
+  const auto mistakes = Mistakes(R"(streams:
+- { name: A, source: { type: stdin }, stages: [ { module: M } ], destination: { type: file, path: a/b } }
+- { name: B, source: { type: syslog, listen: "tcp://h:1" }, stages: [ { module: M } ], destination: { type: file, path: a/./b } }
+)");
+  EXPECT_EQ(mistakes, (std::vector<std::string>{"f:3: streams[1].destination.path: \"a/./b\" is "
+                                                "the file of another stream already"}));
+}
+
+TEST(Configuration, HugeNestingIsAMistakeAndNothingWorse) {
+  for (const char bracket : {'[', '{'}) {
+    EXPECT_EQ(Mistakes(std::string(500'000, bracket)).size(), 1u);
+  }
+  std::string lists;
+  for (int i = 0; i < 2'000; ++i) {
+    lists += "- ";
+  }
+  EXPECT_EQ(Mistakes(lists + "x").size(), 1u);
+}
+
+TEST(Configuration, ValuesMayBeAliases) {
+  EXPECT_EQ(Mistakes("disk: { quota: &size 1GiB, keep_free: *size }\n" + kStream),
+            std::vector<std::string>());
+  EXPECT_EQ(Mistakes("disk: &disk { quota: *disk }\n" + kStream),
+            std::vector<std::string>{"f:1: disk.quota: must be a single value"});
+}
+
+TEST(Configuration, FilesThatCannotBeReadAreAMistake) {
+  const TestSupport::TemporaryDirectory directory;
+  const auto missing = LoadConfiguration((directory.Path() / "none.yaml").string());
+  ASSERT_EQ(missing.mistakes.size(), 1u);
+  EXPECT_EQ(ToText(missing.mistakes[0], "none.yaml"),
+            "none.yaml: the file can't be read: No such file or directory");
+  const auto folder = LoadConfiguration(directory.Path().string());
+  ASSERT_EQ(folder.mistakes.size(), 1u);
+  EXPECT_EQ(ToText(folder.mistakes[0], "d"), "d: the file can't be read: it is a directory");
+}
+
+TEST(Configuration, AFileIsReadLikeItsText) {
+  const TestSupport::TemporaryDirectory directory;
+  const auto path = directory.Path() / "agent.yaml";
+  std::ofstream(path) << "data_directory: somewhere\n" << kStream;
+  const Configuration configuration = LoadConfiguration(path.string());
+  EXPECT_TRUE(configuration.mistakes.empty());
+  EXPECT_EQ(configuration.options.dataDirectory, "somewhere");
+}
+
+}  // namespace
