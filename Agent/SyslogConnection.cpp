@@ -58,6 +58,7 @@ SyslogConnection::ReadResult SyslogConnection::ReadOnce(std::size_t& size) {
   if (error) {
     return ReadResult::Ended;
   }
+  ++m_context.reads;
   m_receiveTime = GetReceiveTime();
   m_lastActivity = std::chrono::steady_clock::now();
   if (!m_reader.Feed({m_context.readBuffer.data(), size}, *this)) {

@@ -19,6 +19,8 @@ struct SyslogConnectionContext {
   FrameReaderOptions framing;
   // Every connection reads into it and is done with it before the next one reads.
   std::vector<char> readBuffer;
+  // Reads that gave something.
+  std::uint64_t reads = 0;
   std::atomic<std::uint64_t> cut{0};
   std::atomic<std::uint64_t> truncated{0};
   std::atomic<std::uint64_t> malformed{0};

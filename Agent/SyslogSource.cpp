@@ -26,6 +26,11 @@ constexpr std::size_t kReadSize = 256 * 1024;
 // How long no connection is accepted after the system refused one, for want of descriptors usually.
 constexpr std::chrono::milliseconds kAcceptPause{200};
 
+// What senders have handed to their systems before a stop is still read: until nothing has come for
+// so long, and not longer than that.
+constexpr std::chrono::milliseconds kQuiet{50};
+constexpr std::chrono::seconds kLongestEnd{1};
+
 FrameReaderOptions MakeFraming(const SyslogSourceOptions& options) {
   return {options.maxEventSize, FrameReaderOptions::Framing::Detect,
           FrameReaderOptions::TooLong::Cut};
@@ -41,7 +46,8 @@ class SyslogSource::Server {
         m_log(WindowsAgentCommon::LoggerFactory::GetLog(
             "Code.SyslogSource." + WindowsAgentCommon::ToUtf8(stream.GetName()))),
         m_poster(stream, m_log),
-        m_shared{m_poster, m_log, MakeFraming(options), std::vector<char>(kReadSize), {}, {}, {}} {}
+        m_shared{m_poster, m_log, MakeFraming(options), std::vector<char>(kReadSize), 0, {},
+                 {},       {}} {}
 
   ~Server() { Stop(); }
 
@@ -57,6 +63,8 @@ class SyslogSource::Server {
   void OnAccept(const error_code& error, tcp::socket socket);
   void Admit(tcp::socket socket);
   void CloseIdle();
+  void BeginEnd();
+  void AwaitQuiet(std::uint64_t readsBefore);
   void EndAll();
 
   const SyslogSourceOptions m_options;
@@ -70,6 +78,8 @@ class SyslogSource::Server {
   boost::asio::steady_timer m_acceptTimer{m_context};
   boost::asio::steady_timer m_idleTimer{m_context};
   std::unordered_set<std::shared_ptr<SyslogConnection>> m_connections;
+  std::chrono::steady_clock::time_point m_end{};  // of reading, once a stop has begun
+  bool m_ending = false;
   bool m_acceptFailed = false;
   bool m_tooMany = false;
 
@@ -112,7 +122,7 @@ void SyslogSource::Server::Stop() {
   if (!m_thread.joinable()) {
     return;
   }
-  boost::asio::post(m_context, [this] { EndAll(); });
+  boost::asio::post(m_context, [this] { BeginEnd(); });
   m_thread.join();
   m_port = 0;
   const SyslogSourceCounts counts = GetCounts();
@@ -130,8 +140,10 @@ SyslogSourceCounts SyslogSource::Server::GetCounts() const {
 
 void SyslogSource::Server::Accept() {
   m_acceptor.async_accept([this](const error_code& error, tcp::socket socket) {
-    if (m_acceptor.is_open()) {
+    if (!m_ending) {
       OnAccept(error, std::move(socket));
+    } else if (!error) {
+      Admit(std::move(socket));
     }
   });
 }
@@ -139,7 +151,6 @@ void SyslogSource::Server::Accept() {
 void SyslogSource::Server::OnAccept(const error_code& error, tcp::socket socket) {
   if (!error) {
     m_acceptFailed = false;
-    ++m_accepted;
     Admit(std::move(socket));
     Accept();
     return;
@@ -151,13 +162,14 @@ void SyslogSource::Server::OnAccept(const error_code& error, tcp::socket socket)
   }
   m_acceptTimer.expires_after(kAcceptPause);
   m_acceptTimer.async_wait([this](const error_code& stopped) {
-    if (!stopped && m_acceptor.is_open()) {
+    if (!stopped && !m_ending) {
       Accept();
     }
   });
 }
 
 void SyslogSource::Server::Admit(tcp::socket socket) {
+  ++m_accepted;
   error_code error;
   const tcp::endpoint peer = socket.remote_endpoint(error);
   if (error) {
@@ -196,17 +208,43 @@ void SyslogSource::Server::CloseIdle() {
   }
   m_idleTimer.expires_after(std::max(m_options.idleTimeout / 4, std::chrono::milliseconds(10)));
   m_idleTimer.async_wait([this](const error_code& stopped) {
-    if (!stopped && m_acceptor.is_open()) {
+    if (!stopped && !m_ending) {
       CloseIdle();
     }
   });
 }
 
-void SyslogSource::Server::EndAll() {
-  error_code ignored;
-  m_acceptor.close(ignored);
+void SyslogSource::Server::BeginEnd() {
+  m_ending = true;
+  m_end = std::chrono::steady_clock::now() + kLongestEnd;
   m_acceptTimer.cancel();
   m_idleTimer.cancel();
+  // Connections that wait to be accepted have senders who believe that they are heard.
+  error_code error;
+  while (std::chrono::steady_clock::now() < m_end) {
+    tcp::socket socket(m_context);
+    m_acceptor.accept(socket, error);
+    if (error) {
+      break;
+    }
+    Admit(std::move(socket));
+  }
+  m_acceptor.close(error);
+  AwaitQuiet(m_shared.reads);
+}
+
+void SyslogSource::Server::AwaitQuiet(std::uint64_t readsBefore) {
+  m_idleTimer.expires_after(kQuiet);
+  m_idleTimer.async_wait([this, readsBefore](const error_code&) {
+    if (m_shared.reads == readsBefore || std::chrono::steady_clock::now() >= m_end) {
+      EndAll();
+    } else {
+      AwaitQuiet(m_shared.reads);
+    }
+  });
+}
+
+void SyslogSource::Server::EndAll() {
   for (const auto& connection : m_connections) {
     connection->Drain();
   }

@@ -36,8 +36,8 @@ class SyslogSource : public Source {
   // Listens before it returns; a message tells the address with the port that the system chose.
   void Start(OrloStream::Stream& stream) override;
 
-  // Takes no more connections, reads what the present ones have already sent (at most 4 MiB each),
-  // and closes them.
+  // Takes no more connections, reads what the present ones have already sent (until they are quiet
+  // for 50 ms; at most for about a second), and closes them.
   void Stop() override;
 
   std::uint64_t GetNotMade() const override;

@@ -1,0 +1,254 @@
+"""What the integration tests share: a running agent, receivers, senders, a look into the cache.
+
+The tests run the real program as its users do: with a configuration file, over pipes and sockets,
+with signals. Each test has a directory of its own and lets the system choose ports, so that all of
+them can run at the same time.
+
+The program and its modules are named by the environment variables ORLO_AGENT and ORLO_MODULES.
+"""
+
+import os
+import pathlib
+import re
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import tempfile
+import threading
+import time
+import unittest
+
+AGENT = os.environ.get("ORLO_AGENT", "")
+MODULES = os.environ.get("ORLO_MODULES", "")
+
+# Longer than anything takes on a busy machine; a test that is good never waits for it.
+LIMIT = 120
+
+# The shortest period in which the stage decides about events, in seconds.
+CHUNK_PERIOD = 5
+
+
+def wait_until(condition, what, limit=LIMIT):
+    """Returns the first true value of the condition."""
+    end = time.monotonic() + limit
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > end:
+            raise AssertionError(f"{what}: not within {limit} s")
+        time.sleep(0.02)
+
+
+def free_port():
+    """A port on which nobody listens."""
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+class Agent:
+    """A running orlo-agent. Its messages are collected while it runs."""
+
+    def __init__(self, config, directory, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                 modules=None, arguments=None):
+        command = arguments or [AGENT, "run", "--config", str(config),
+                                "--modules", str(modules or MODULES)]
+        self.process = subprocess.Popen(command, cwd=directory, stdin=stdin, stdout=stdout,
+                                        stderr=subprocess.PIPE)
+        self.lines = []
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
+
+    def _read(self):
+        for line in self.process.stderr:
+            self.lines.append(line.decode("utf-8", "replace").rstrip("\n"))
+
+    def messages(self, level=None):
+        return [line for line in list(self.lines) if level is None or f" {level} " in line]
+
+    def find(self, pattern):
+        for line in list(self.lines):
+            found = re.search(pattern, line)
+            if found:
+                return found
+        return None
+
+    def wait_for(self, pattern, limit=LIMIT):
+        def look():
+            found = self.find(pattern)
+            if not found and self.process.poll() is not None and not self._reader.is_alive():
+                text = "\n".join(self.lines)
+                raise AssertionError(f"the agent ended without {pattern!r}:\n{text}")
+            return found
+        return wait_until(look, f"message {pattern!r}", limit)
+
+    def port(self, stream="Default"):
+        found = self.wait_for(rf"SyslogSource\.{stream}: Listening on tcp://.*:(\d+)\.")
+        return int(found.group(1))
+
+    def signal(self, number=signal.SIGTERM):
+        self.process.send_signal(number)
+
+    def wait(self, limit=LIMIT):
+        """Waits for the end; returns the exit code."""
+        code = self.process.wait(limit)
+        self._reader.join(limit)
+        return code
+
+    def stop(self, limit=LIMIT):
+        self.signal()
+        return self.wait(limit)
+
+    def summary(self, stream="Default"):
+        """The numbers of the last message: delivered, cached, lost, held."""
+        found = self.find(rf"Code\.Agent: Stream {stream}: (\d+) events delivered, (\d+) cached, "
+                          r"(\d+) lost, (\d+) held\.$")
+        if not found:
+            raise AssertionError("no summary:\n" + "\n".join(self.lines))
+        return tuple(int(number) for number in found.groups())
+
+    def close(self):
+        if self.process.poll() is None:
+            self.process.kill()
+            self.process.wait()
+        self._reader.join(LIMIT)
+        self.process.stderr.close()
+
+
+class Receiver:
+    """Listens and keeps every byte that arrives, in the order of connections."""
+
+    def __init__(self, port=0):
+        self.received = bytearray()
+        self.connections = 0
+        self._sockets = []
+        self._listener = socket.socket()
+        self._listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self._listener.bind(("127.0.0.1", port))
+        self._listener.listen()
+        self.port = self._listener.getsockname()[1]
+        self._thread = threading.Thread(target=self._accept, daemon=True)
+        self._thread.start()
+
+    def _accept(self):
+        while True:
+            try:
+                connection, _ = self._listener.accept()
+            except OSError:
+                return
+            self.connections += 1
+            self._sockets.append(connection)
+            with connection:
+                while True:
+                    try:
+                        data = connection.recv(1 << 16)
+                    except OSError:
+                        break
+                    if not data:
+                        break
+                    self.received += data
+
+    def lines(self):
+        return bytes(self.received).split(b"\n")[:-1]
+
+    def wait_for_lines(self, count, limit=LIMIT):
+        wait_until(lambda: self.received.count(b"\n") >= count, f"{count} lines", limit)
+        return self.lines()
+
+    def close(self):
+        # Wakes the accept as well.
+        try:
+            self._listener.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
+        self._listener.close()
+        for connection in self._sockets:
+            try:
+                connection.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass
+        self._thread.join(LIMIT)
+
+
+def send(port, data):
+    """Sends on a connection of its own and closes it."""
+    with socket.create_connection(("127.0.0.1", port)) as connection:
+        connection.sendall(data)
+
+
+def numbered(first, count):
+    return [b"event %08d of a numbered sequence" % number
+            for number in range(first, first + count)]
+
+
+def as_lines(events):
+    return b"".join(event + b"\n" for event in events)
+
+
+class AgentTest(unittest.TestCase):
+    """A test with a directory of its own, in which its agents run."""
+
+    longMessage = True
+
+    def setUp(self):
+        if not AGENT or not MODULES:
+            self.fail("ORLO_AGENT and ORLO_MODULES must name the program and its modules")
+        self.directory = pathlib.Path(tempfile.mkdtemp(prefix="orlo-integration-"))
+        self.addCleanup(shutil.rmtree, self.directory, ignore_errors=True)
+
+    def configure(self, streams, drain="30s", extra="", name="agent.yaml"):
+        """Writes a configuration file; the streams are YAML with an indent of two."""
+        path = self.directory / name
+        path.write_text(
+            "data_directory: ./data\n"
+            "disk: { keep_free: 0 }\n"
+            "log: { levels: { Code.StoreAndForward: debug } }\n"
+            f"shutdown: {{ drain_timeout: {drain} }}\n"
+            f"{extra}streams:\n{streams}")
+        return path
+
+    def stream(self, source, destination, name="Default", settings=None):
+        text = (f"  - name: {name}\n    source: {source}\n    stages:\n"
+                f"      - module: StoreAndForwardStage\n        settings:\n")
+        for key, value in {"DataChunkPeriod": CHUNK_PERIOD, **(settings or {})}.items():
+            text += f"          {key}: {value}\n"
+        return text + f"    destination: {destination}\n"
+
+    def start(self, config, **options):
+        agent = Agent(config, self.directory, **options)
+        self.addCleanup(agent.close)
+        return agent
+
+    def receiver(self, port=0):
+        receiver = Receiver(port)
+        self.addCleanup(receiver.close)
+        return receiver
+
+    def chunks(self, stream="Default"):
+        """Chunk files of the stream's cache, oldest first."""
+        return sorted((self.directory / "data" / "Events" / stream).glob("*/*"))
+
+    def cached(self, stream="Default"):
+        """How many events the chunk files say they hold."""
+        total = 0
+        for chunk in self.chunks(stream):
+            try:
+                head = chunk.open("rb").read(4)
+            except FileNotFoundError:
+                continue  # delivered in the meantime
+            if len(head) == 4:
+                total += struct.unpack("<I", head)[0]
+        return total
+
+    def wait_for_cached(self, count, stream="Default"):
+        wait_until(lambda: self.cached(stream) == count, f"{count} events in the cache")
+
+
+SYSLOG_SOURCE = '{ type: syslog, listen: "tcp://127.0.0.1:0" }'
+
+
+def syslog_target(port):
+    return f'{{ type: syslog, target: "tcp://127.0.0.1:{port}", connect_timeout: 1s }}'
