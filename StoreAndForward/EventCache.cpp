@@ -100,11 +100,9 @@ bool EventCache::PrepareMinuteDirectory(const std::wstring& directory, bool& cre
   if (isDirectory || error != ERROR_FILE_NOT_FOUND) {
     return false;
   }
-  if (CreateDirectoryW(directory.c_str(), nullptr) == FALSE && GetLastError() != ERROR_SUCCESS) {
-    return false;
-  }
-  created = true;
-  return true;
+  created = CreateDirectoryW(directory.c_str(), nullptr) != FALSE;
+  // A failure without an error counts as a directory that exists: it is not this push's to remove.
+  return created || GetLastError() == ERROR_SUCCESS;
 }
 
 bool EventCache::WriteChunkFile(const std::wstring& path, std::vector<ACE_Message_Block*>& events,

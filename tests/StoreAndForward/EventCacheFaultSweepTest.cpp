@@ -1,0 +1,360 @@
+// Every file call and every allocation of every operation of the event cache fails once: what is
+// reported, who owns the events, what the disk manager knows, what lies on disk, and that the cache
+// goes on working.
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+
+#include "Platform/Windows.h"
+#include "StoreAndForward/ChunkBuffer.h"
+#include "tests/StoreAndForward/FaultSweepFixture.h"
+
+namespace OrloStoreAndForward {
+namespace {
+
+constexpr std::uint64_t kPage = 4096;
+const std::string kMinute = "2016-03-07-14-05";
+// The data of three events of MakeEvents with one-digit names: head "head", payload "e0".
+constexpr std::size_t kEvents = 3;
+constexpr std::uint64_t kEventBytes = 4 + 4 + 4 + 2;
+
+class EventCacheFaults : public FaultSweepFixture {
+ protected:
+  ~EventCacheFaults() override { ChunkBuffer::SetReallocate(nullptr); }
+
+  void SweepPush(bool bMinuteExists);
+  void SweepPop(bool bLastOfItsMinute);
+  void SweepCreation(const std::function<void()>& prepare);
+
+  void ExpectUntouched(bool result, const Events& events, const Events& before) const {
+    EXPECT_FALSE(result);
+    EXPECT_EQ(events, before);
+    EXPECT_EQ(TestSupport::PayloadsOf(events), (Strings{"e0", "e1", "e2"}));
+  }
+
+  // The allocation that fails, counted from 0; the buffer's memory until then.
+  static inline int s_reallocations = 0;
+  static inline int s_failing = -1;
+  static void* Reallocate(void* memory, std::size_t size) {
+    return s_reallocations++ == s_failing ? nullptr : std::realloc(memory, size);
+  }
+};
+
+void EventCacheFaults::SweepPush(bool bMinuteExists) {
+  Sweep([&] {
+    const auto cache = Open();
+    if (bMinuteExists) {
+      SetTime(kStart - 1);
+      ASSERT_TRUE(PushEvents(*cache, 1, "earlier "));
+      SetTime(kStart);
+    }
+    const Strings treeBefore = Tree();
+    const std::uint64_t reservedBefore = Reserved();
+    Events events = TestSupport::MakeEvents(kEvents, "e");
+    const Events before = events;
+    bool result = false;
+    Meanwhile([&] { result = cache->Push(events); });
+
+    const bool untouched =
+        Failed(FileCall::CreateDirectory) ||
+        (Failed(FileCall::GetFileAttributes) &&
+         (m_failure->error != ERROR_FILE_NOT_FOUND || bMinuteExists || m_failure->bAndAllAfter));
+    const bool lost = Failed(FileCall::CreateFile);
+    if (untouched) {
+      ExpectUntouched(result, events, before);
+      EXPECT_EQ(Tree(), treeBefore);
+    } else {
+      EXPECT_EQ(result, !lost);
+      EXPECT_TRUE(events.empty());
+      EXPECT_TRUE(m_allocators.NothingAlive());
+    }
+    TestSupport::ReleaseAll(events);
+    EXPECT_EQ(Reserved() - reservedBefore, untouched ? 0 : kPage);
+    EXPECT_EQ(Released(), 0u);
+    if (lost && (bMinuteExists || !m_failure->bAndAllAfter)) {
+      EXPECT_EQ(Tree(), treeBefore);
+    } else if (lost) {
+      // Its removal failed too.
+      EXPECT_EQ(Tree(), Strings{kMinute});
+    }
+
+    if (bMinuteExists) {
+      EXPECT_EQ(Take(*cache), Strings{"earlier 0"});
+    }
+    if (result) {
+      const std::uint64_t size = Failed(FileCall::WriteFile) && m_failure->written >= 0
+                                     ? static_cast<std::uint64_t>(m_failure->written)
+                                     : kPage;
+      EXPECT_EQ(FileBytes(kMinute + "/07").size(), size);
+      cache->Pop();
+    }
+    ExpectToWork(*cache);
+    EXPECT_TRUE(Tree().empty());
+    EXPECT_EQ(m_disk->Balance(), static_cast<std::int64_t>(lost ? kPage : 0));
+  });
+}
+
+TEST_F(EventCacheFaults, EveryCallOfAPushThatMakesItsMinuteDirectory) { SweepPush(false); }
+
+TEST_F(EventCacheFaults, EveryCallOfAPushIntoAMinuteDirectoryThatIsThere) { SweepPush(true); }
+
+TEST_F(EventCacheFaults, ShortWriteOfEveryLengthIsReadFromTheBufferAndAfterARestartFromTheFile) {
+  Sweep([&] {
+    auto cache = Open();
+    Events events = TestSupport::MakeEvents(kEvents, "e");
+    bool result = false;
+    Meanwhile([&] { result = cache->Push(events); });
+    TestSupport::ReleaseAll(events);
+    if (!result) {
+      return;
+    }
+    // The buffer still holds what the push laid into it.
+    EXPECT_EQ(FrontPayloads(*cache), (Strings{"e0", "e1", "e2"}));
+
+    cache = Open();
+    Strings whole{"e0", "e1", "e2"};
+    if (Failed(FileCall::WriteFile) && m_failure->written >= 0) {
+      const auto written = static_cast<std::uint64_t>(m_failure->written);
+      whole.resize(std::min<std::uint64_t>(kEvents, written < 4 ? 0 : (written - 4) / kEventBytes));
+    }
+    EXPECT_EQ(Take(*cache), whole);
+    ExpectToWork(*cache);
+  });
+}
+
+TEST_F(EventCacheFaults, EveryCallOfAFront) {
+  Sweep([&] {
+    auto cache = Open();
+    ASSERT_TRUE(PushEvents(*cache, 3, "first "));
+    SetTime(kStart + 5);
+    ASSERT_TRUE(PushEvents(*cache, 1, "second "));
+    cache = Open();
+    const Strings tree = Tree();
+    const std::uint64_t reserved = Reserved();
+    Events events;
+    bool result = false;
+    Meanwhile([&] { result = cache->Front(events); });
+
+    EXPECT_EQ(result, !Failed(FileCall::CreateFile) && !Failed(FileCall::ReadFile));
+    EXPECT_EQ(TestSupport::PayloadsOf(events),
+              result ? (Strings{"first 0", "first 1", "first 2"}) : Strings());
+    TestSupport::ReleaseAll(events);
+    EXPECT_EQ(Tree(), tree);
+    EXPECT_EQ(Reserved(), reserved);
+    EXPECT_EQ(Released(), 0u);
+
+    EXPECT_EQ(Take(*cache), (Strings{"first 0", "first 1", "first 2"}));
+    EXPECT_EQ(Take(*cache), Strings{"second 0"});
+    ExpectToWork(*cache);
+    EXPECT_EQ(m_disk->Balance(), 0);
+  });
+}
+
+void EventCacheFaults::SweepPop(bool bLastOfItsMinute) {
+  Sweep([&] {
+    auto cache = Open();
+    ASSERT_TRUE(PushEvents(*cache, 1, "first "));
+    SetTime(kStart + (bLastOfItsMinute ? 60 : 5));
+    ASSERT_TRUE(PushEvents(*cache, 1, "second "));
+    Meanwhile([&] { cache->Pop(); });
+
+    EXPECT_EQ(m_disk->Released(), (std::vector<TestSupport::TestDiskManager::Call>{{0, kPage}}));
+    const Strings tree = Tree();
+    const auto has = [&](const std::string& path) {
+      return std::find(tree.begin(), tree.end(), path) != tree.end();
+    };
+    EXPECT_EQ(has(kMinute + "/07"), Failed(FileCall::Unlink));
+    // "File not found" of the listing is what the root of a volume answers when it is empty.
+    const bool listed = !Failed(FileCall::FindNextFile) &&
+                        (!Failed(FileCall::FindFirstFile) ||
+                         (m_failure->error == ERROR_FILE_NOT_FOUND && !m_failure->bAndAllAfter));
+    const bool removed = bLastOfItsMinute && listed && !Failed(FileCall::Unlink) &&
+                         !Failed(FileCall::RemoveDirectory);
+    EXPECT_EQ(has(kMinute), !removed);
+
+    EXPECT_EQ(FrontPayloads(*cache), Strings{"second 0"});
+    // What could not be deleted comes back with the next start, before the others.
+    cache = Open();
+    if (Failed(FileCall::Unlink)) {
+      EXPECT_EQ(Take(*cache), Strings{"first 0"});
+    }
+    EXPECT_EQ(Take(*cache), Strings{"second 0"});
+    ExpectToWork(*cache);
+    EXPECT_TRUE(Tree().empty());
+  });
+}
+
+TEST_F(EventCacheFaults, EveryCallOfAPopThatEmptiesItsMinuteDirectory) { SweepPop(true); }
+
+TEST_F(EventCacheFaults, EveryCallOfAPopThatLeavesAChunkInItsMinuteDirectory) { SweepPop(false); }
+
+TEST_F(EventCacheFaults, EveryCallOfTheScanAtStart) {
+  Sweep([&] {
+    Strings all;
+    {
+      const auto earlier = Open();
+      for (int chunk = 0; chunk < 6; ++chunk) {
+        SetTime(kStart + chunk * 30);
+        const std::string prefix = std::to_string(chunk) + " ";
+        ASSERT_TRUE(PushEvents(*earlier, 1, prefix));
+        all.push_back(prefix + "0");
+      }
+    }
+    const Strings tree = Tree();
+    const std::uint64_t reserved = Reserved();
+    std::unique_ptr<EventCache> cache;
+    Meanwhile(
+        [&] { cache = std::make_unique<EventCache>(m_directory.WidePath() + L"Events\\Test\\"); });
+    EXPECT_EQ(Tree(), tree);
+    EXPECT_EQ(Reserved(), reserved);
+    EXPECT_EQ(Released(), 0u);
+
+    Strings found;
+    while (!cache->Empty()) {
+      const Strings payloads = Take(*cache);
+      found.insert(found.end(), payloads.begin(), payloads.end());
+    }
+    // A listing that breaks off leaves some out; those that are found are in order.
+    EXPECT_TRUE(std::is_sorted(found.begin(), found.end()));
+    EXPECT_TRUE(std::includes(all.begin(), all.end(), found.begin(), found.end()));
+    if (!m_failure) {
+      EXPECT_EQ(found, all);
+    } else if (m_failure->position == 0) {
+      EXPECT_TRUE(found.empty());
+    } else if (Failed(FileCall::FindFirstFile) && !m_failure->bAndAllAfter) {
+      // One of the three minutes, with two chunks each.
+      EXPECT_EQ(found.size(), 4u);
+    }
+    EXPECT_EQ(Released(), found.size() * kPage);
+    ExpectToWork(*cache);
+  });
+}
+
+void EventCacheFaults::SweepCreation(const std::function<void()>& prepare) {
+  Sweep([&] {
+    prepare();
+    const std::uint64_t reserved = Reserved();
+    const auto before = std::make_shared<EventCache>(L"no such directory\\");
+    auto cache = before;
+    std::uint32_t result = 0;
+    Meanwhile([&] { result = CreateEventCache(L"Test", cache); });
+
+    if (!m_failure || Failed(FileCall::FindFirstFile) || Failed(FileCall::FindNextFile)) {
+      EXPECT_EQ(result, 0u);
+    } else if (m_failure->error != ERROR_FILE_NOT_FOUND &&
+               m_failure->error != ERROR_PATH_NOT_FOUND &&
+               m_failure->error != ERROR_ALREADY_EXISTS) {
+      // The others say something about a parent and have their own consequences.
+      EXPECT_EQ(result, m_failure->error);
+    }
+    EXPECT_EQ(cache == before, result != 0);
+    EXPECT_TRUE(before->Empty());
+    EXPECT_EQ(Reserved(), reserved);
+    EXPECT_EQ(Released(), 0u);
+    if (result != 0) {
+      ASSERT_EQ(CreateEventCache(L"Test", cache), 0u);
+    }
+    EXPECT_TRUE(std::filesystem::is_directory(InCache("")));
+    if (!Failed(FileCall::FindFirstFile) && !Failed(FileCall::FindNextFile)) {
+      while (!cache->Empty()) {
+        EXPECT_EQ(Take(*cache), Strings{"earlier 0"});
+      }
+      ExpectToWork(*cache);
+    }
+  });
+}
+
+TEST_F(EventCacheFaults, EveryCallOfACreationWhereNothingIsThere) {
+  SweepCreation([] {});
+}
+
+TEST_F(EventCacheFaults, EveryCallOfACreationWhereChunksAreThere) {
+  SweepCreation([this] { ASSERT_TRUE(PushEvents(*Open(), 1, "earlier ")); });
+}
+
+TEST_F(EventCacheFaults, EveryAllocationOfTheBufferInPushIsLikeARefusedReservation) {
+  ChunkBuffer::SetReallocate(&Reallocate);
+  // The buffer is made by the first push and grows in the second.
+  for (int failing = 0; failing < 2; ++failing) {
+    SCOPED_TRACE(failing);
+    const auto cache = Open();
+    s_reallocations = 0;
+    s_failing = failing;
+    if (failing == 1) {
+      SetTime(kStart - 60);
+      ASSERT_TRUE(PushEvents(*cache, 1, "earlier "));
+      SetTime(kStart);
+    }
+    const Strings tree = Tree();
+    const std::int64_t balance = m_disk->Balance();
+    Events events = TestSupport::MakeEvents(kEvents, "e");
+    events.push_back(TestSupport::MakeEvent("", std::string(2 * kPage, 'x')));
+    const Events before = events;
+    EXPECT_FALSE(cache->Push(events));
+    EXPECT_EQ(events, before);
+    EXPECT_EQ(m_disk->Balance(), balance);
+    EXPECT_EQ(Tree(), tree);
+    // The memory is there again, and the events are as they were.
+    EXPECT_TRUE(cache->Push(events));
+    EXPECT_TRUE(events.empty());
+    if (failing == 1) {
+      EXPECT_EQ(Take(*cache), Strings{"earlier 0"});
+    }
+    EXPECT_EQ(Take(*cache), (Strings{"e0", "e1", "e2", std::string(2 * kPage, 'x')}));
+    EXPECT_EQ(m_disk->Balance(), 0);
+    EXPECT_TRUE(m_allocators.NothingAlive());
+  }
+}
+
+TEST_F(EventCacheFaults, EveryAllocationOfTheBufferInFrontFailsTheFrontAndKeepsTheChunk) {
+  {
+    const auto cache = Open();
+    ASSERT_TRUE(PushEvents(*cache, 1, "small "));
+    SetTime(kStart + 5);
+    Events large{TestSupport::MakeEvent("", std::string(2 * kPage, 'x'))};
+    ASSERT_TRUE(cache->Push(large));
+  }
+  ChunkBuffer::SetReallocate(&Reallocate);
+  const std::vector<Strings> payloads{{"small 0"}, {std::string(2 * kPage, 'x')}};
+  for (int failing = 0; failing < 2; ++failing) {
+    SCOPED_TRACE(failing);
+    s_reallocations = 0;
+    s_failing = failing;
+    const auto cache = Open();
+    if (failing == 1) {
+      EXPECT_EQ(Take(*cache), payloads[0]);
+    }
+    Events events;
+    EXPECT_FALSE(cache->Front(events));
+    EXPECT_TRUE(events.empty());
+    EXPECT_EQ(FrontPayloads(*cache), payloads[static_cast<std::size_t>(failing)]);
+  }
+}
+
+TEST_F(EventCacheFaults, EveryAllocationOfABlockInFrontFailsTheFrontAndLeaksNothing) {
+  const auto cache = Open();
+  ASSERT_TRUE(PushEvents(*cache, 5, "event "));
+  for (TestSupport::CountingAllocator* const allocator :
+       {&m_allocators.Blocks(), &m_allocators.DataBlocks(), &m_allocators.Buffers()}) {
+    long allowed = 0;
+    for (bool result = false; !result; ++allowed) {
+      SCOPED_TRACE(allowed);
+      Events events;
+      allocator->FailAfter(allowed);
+      result = cache->Front(events);
+      allocator->FailAfter(-1);
+      EXPECT_EQ(events.size(), result ? 5u : 0u);
+      TestSupport::ReleaseAll(events);
+      EXPECT_TRUE(m_allocators.NothingAlive());
+      ASSERT_LE(allowed, 10);
+    }
+    // A head and a payload for each event.
+    EXPECT_EQ(allowed - 1, 10);
+  }
+  EXPECT_EQ(Take(*cache).size(), 5u);
+  EXPECT_EQ(m_disk->Balance(), 0);
+}
+
+}  // namespace
+}  // namespace OrloStoreAndForward
