@@ -3,16 +3,15 @@
 #include <ace/Guard_T.h>
 
 #include "OrloStream/Status.h"
+#include "StoreAndForward/ScheduleSettings.h"
 #include "StoreAndForward/StoreAndForwardStage.h"
 #include "StoreAndForward/TaskThread.h"
-#include "WindowsAgentCommon/EnvironmentBlockHelper.h"
 #include "WindowsAgentCommon/MessageBlockPtr.h"
 #include "WindowsAgentCommon/Text.h"
 
 namespace OrloStoreAndForward {
 
 using WindowsAgentCommon::EnvironmentBlock;
-using WindowsAgentCommon::EnvironmentBlockHelper;
 using WindowsAgentCommon::LogFacade;
 using WindowsAgentCommon::LoggerFactory;
 using WindowsAgentCommon::MessageBlockPtr;
@@ -45,44 +44,12 @@ StoreAndForwardOutgoing::~StoreAndForwardOutgoing() = default;
 void StoreAndForwardOutgoing::Initialize(const EnvironmentBlock& environment) {
   m_log = LoggerFactory::GetLog("Code.StoreAndForwardOutgoing." +
                                 WindowsAgentCommon::ToUtf8(m_stage->GetParentStreamName()));
-  CreateSchedule(environment);
+  m_schedule = ReadSchedule(environment, m_log);
   m_statistics = std::make_shared<StoreAndForwardOutgoingStatisticsProfile>();
   m_statistics->Initialize();
   ActivateOneThread(*this);
   m_running = true;
   LogFacade::Info(m_log, "Started");
-}
-
-void StoreAndForwardOutgoing::CreateSchedule(const EnvironmentBlock& environment) {
-  const EnvironmentBlockHelper helper(environment);
-  bool enabled = false;
-  if (!helper.GetBooleanValue("Schedule.Enable", enabled, false) || !enabled) {
-    return;
-  }
-  std::vector<std::string> texts;
-  helper.GetArrayValue("Schedule.Interval", texts);
-  std::vector<Schedule::Interval> intervals;
-  TIME_ZONE_INFORMATION tzInfo{};
-  if (!ReadIntervals(texts, intervals, tzInfo) || intervals.empty()) {
-    return;
-  }
-  bool invert = false;
-  helper.GetBooleanValue("Schedule.Invert", invert, false);
-  m_schedule = std::make_shared<Schedule>(std::move(intervals), tzInfo, invert);
-}
-
-bool StoreAndForwardOutgoing::ReadIntervals(const std::vector<std::string>& texts,
-                                            std::vector<Schedule::Interval>& intervals,
-                                            TIME_ZONE_INFORMATION& tzInfo) const {
-  for (const std::string& text : texts) {
-    Schedule::Interval interval{};
-    if (!Schedule::ParseInterval(text, interval, intervals.empty() ? &tzInfo : nullptr)) {
-      LogFacade::Error(m_log, "Invalid schedule interval detected (%s). Disabling Schedule.", text);
-      return false;
-    }
-    intervals.push_back(interval);
-  }
-  return true;
 }
 
 void StoreAndForwardOutgoing::Stop() {

@@ -51,10 +51,6 @@ class StoreAndForwardOutgoing : public WindowsAgentCommon::OrloTask {
   int svc() override;
 
  private:
-  void CreateSchedule(const WindowsAgentCommon::EnvironmentBlock& environment);
-  bool ReadIntervals(const std::vector<std::string>& texts,
-                     std::vector<Schedule::Interval>& intervals,
-                     TIME_ZONE_INFORMATION& tzInfo) const;
   void DeliverPending();
 
   WindowsAgentCommon::Log m_log;
