@@ -4,6 +4,7 @@
 
 #include "StoreAndForward/StoreAndForwardOutgoing.h"
 #include "StoreAndForward/StoreAndForwardStage.h"
+#include "StoreAndForward/StreamNameText.h"
 #include "StoreAndForward/TaskThread.h"
 #include "WindowsAgentCommon/EnvironmentBlockHelper.h"
 #include "WindowsAgentCommon/Exceptions.h"
@@ -34,7 +35,7 @@ StoreAndForwardIncoming::~StoreAndForwardIncoming() = default;
 
 void StoreAndForwardIncoming::Initialize(const EnvironmentBlock& environment) {
   m_log = LoggerFactory::GetLog("Code.StoreAndForwardIncoming." +
-                                WindowsAgentCommon::ToUtf8(m_stage->GetParentStreamName()));
+                                StreamNameText(m_stage->GetParentStreamName()));
   const EnvironmentBlockHelper helper(environment);
   int lowWaterMark = 0;
   helper.GetIntegerValue("QueueLowWaterMark", lowWaterMark, kDefaultLowWaterMark);

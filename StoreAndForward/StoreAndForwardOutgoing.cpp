@@ -5,9 +5,9 @@
 #include "OrloStream/Status.h"
 #include "StoreAndForward/ScheduleSettings.h"
 #include "StoreAndForward/StoreAndForwardStage.h"
+#include "StoreAndForward/StreamNameText.h"
 #include "StoreAndForward/TaskThread.h"
 #include "WindowsAgentCommon/MessageBlockPtr.h"
-#include "WindowsAgentCommon/Text.h"
 
 namespace OrloStoreAndForward {
 
@@ -43,7 +43,7 @@ StoreAndForwardOutgoing::~StoreAndForwardOutgoing() = default;
 
 void StoreAndForwardOutgoing::Initialize(const EnvironmentBlock& environment) {
   m_log = LoggerFactory::GetLog("Code.StoreAndForwardOutgoing." +
-                                WindowsAgentCommon::ToUtf8(m_stage->GetParentStreamName()));
+                                StreamNameText(m_stage->GetParentStreamName()));
   m_schedule = ReadSchedule(environment, m_log);
   m_statistics = std::make_shared<StoreAndForwardOutgoingStatisticsProfile>();
   m_statistics->Initialize();

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <ctime>
 #include <vector>
 
 namespace OrloStoreAndForward {
@@ -24,10 +26,14 @@ TEST(ChunkNames, EpochIsNamed) {
 
 TEST(ChunkNames, NamesDoNotFollowTheLocalClockAcrossADaylightChange) {
   // In local time, 2026-10-25 02:30 comes twice in Berlin; the names of both hours differ.
+  setenv("TZ", "Europe/Berlin", 1);
+  tzset();
   const ChunkName first = MakeChunkName(1792888200);   // 00:30 UTC
   const ChunkName second = MakeChunkName(1792891800);  // 01:30 UTC
   EXPECT_EQ(first.minute, L"2026-10-25-00-30");
   EXPECT_EQ(second.minute, L"2026-10-25-01-30");
+  unsetenv("TZ");
+  tzset();
 }
 
 TEST(ChunkNames, TimeBeforeTheEpochHasNoName) {

@@ -7,6 +7,7 @@
 #include "Platform/Windows.h"
 #include "StoreAndForward/ChunkBuffer.h"
 #include "tests/StoreAndForward/CacheFixture.h"
+#include "tests/support/LogCapture.h"
 
 namespace OrloStoreAndForward {
 namespace {
@@ -310,6 +311,16 @@ TEST_F(EventCacheOperations, FailuresToDeleteAreIgnored) {
   EXPECT_EQ(Tree(), (Strings{"2016-03-07-14-05", kChunk}));
 }
 
+TEST_F(EventCacheOperations, FailureToRemoveTheMinuteDirectoryIsIgnored) {
+  const auto cache = Open();
+  ASSERT_TRUE(PushEvents(*cache, 1, "event "));
+  Fail(FileCall::RemoveDirectory, ERROR_SHARING_VIOLATION);
+  cache->Pop();
+  EXPECT_TRUE(cache->Empty());
+  EXPECT_EQ(m_disk->Balance(), 0);
+  EXPECT_EQ(Tree(), Strings{"2016-03-07-14-05"});
+}
+
 TEST_F(EventCacheOperations, DestructionLeavesEveryChunkOnDisk) {
   {
     const auto cache = Open();
@@ -386,6 +397,24 @@ TEST_F(EventCacheOperations, AChunkIsOneWriteAndOneRead) {
   EXPECT_EQ(FrontPayloads(*cache).size(), 10000u);
   EXPECT_EQ(writes, 1);
   EXPECT_EQ(reads, 1);
+}
+
+TEST_F(EventCacheOperations, NothingIsLoggedWhateverFails) {
+  const TestSupport::LogCapture log;
+  const auto cache = Open();
+  ASSERT_TRUE(PushEvents(*cache, 1, "event "));
+  for (const FileCall call : {FileCall::CreateFile, FileCall::ReadFile, FileCall::WriteFile,
+                              FileCall::GetFileAttributes}) {
+    Fail(call, ERROR_ACCESS_DENIED);
+    Events events;
+    cache->Front(events);
+    TestSupport::ReleaseAll(events);
+    PushEvents(*cache, 1, "event ");
+  }
+  while (!cache->Empty()) {
+    cache->Pop();
+  }
+  EXPECT_TRUE(log.Lines().empty());
 }
 
 TEST_F(EventCacheOperations, WithoutADiskManagerChunksAreStillStored) {

@@ -129,7 +129,9 @@ TEST_F(IncomingSettings, TheStatisticsKeyIsNotASetting) {
 
 TEST_F(IncomingSettings, SettingsArePublishedWithTheFlagFalse) {
   m_incoming.Initialize({});
-  for (const auto& update : m_harness.Group("StoreAndForwardIncoming").Updates()) {
+  const auto updates = m_harness.Group("StoreAndForwardIncoming").Updates();
+  EXPECT_EQ(updates.size(), 4u);
+  for (const auto& update : updates) {
     EXPECT_FALSE(update.flag);
     EXPECT_EQ(update.value.GetKind(), 0x4106);
   }
@@ -142,6 +144,13 @@ TEST_F(IncomingSettings, LogsItsLifeUnderTheStreamsName) {
   EXPECT_TRUE(m_harness.Log().Contains(LogLevel::Info, kIncomingLogger, "Stopping..."));
   EXPECT_TRUE(m_harness.Log().Contains(LogLevel::Debug, kIncomingLogger,
                                        "Thread exiting (StoreAndForwardIncoming)."));
+}
+
+TEST_F(IncomingSettings, LoggerCarriesTheStreamsNameInUtf8) {
+  m_harness.Stage().SetParentStreamName(L"S\u00E4lzer");
+  m_incoming.Initialize({});
+  EXPECT_TRUE(m_harness.Log().Contains(LogLevel::Info, "Code.StoreAndForwardIncoming.S\xC3\xA4lzer",
+                                       "Started"));
 }
 
 TEST_F(IncomingSettings, StopWithoutInitializeAndASecondStopDoNothing) {
@@ -341,6 +350,21 @@ TEST_F(IncomingLoop, ABusyInputDrainsTheCacheOneChunkPerBlock) {
   EXPECT_EQ(Strings(delivered.begin(), delivered.begin() + 40), Numbered(40, "cached "));
 }
 
+TEST_F(IncomingLoop, ChunkThatIsDueInThePassThatEmptiesTheCacheGoesToDiskThoughSendingIsPossible) {
+  LeaveChunks(m_harness, 2);
+  // The posted event ends the first pass at once, with the first cached chunk. The second pass
+  // waits for six seconds; at its end the last cached chunk is handed over and the new one is due.
+  m_harness.Start({{"DataProcessingPeriod", "6000000"}});
+  m_harness.Post(1);
+  ASSERT_TRUE(WaitForStatistic("EventDiskCacheAccepts", 1));
+  EXPECT_EQ(Debugs("No remaining cached data."), 1u);
+  EXPECT_EQ(Statistic("OutgoingHandlerRejects"), 0);
+  EXPECT_EQ(Debugs("Processing accepted for message block (near). (1 records)"), 0u);
+  ASSERT_TRUE(WaitForStatistic("EventsOutgoing", 5));
+  EXPECT_EQ(m_harness.Destination().Delivered(),
+            (Strings{"cached 0", "cached 1", "cached 2", "cached 3", "event 0"}));
+}
+
 TEST_F(IncomingLoop, APeriodWithoutEventsHandsNothingOver) {
   m_harness.Start();
   // Into the second period: the first decision finds an empty chunk.
@@ -449,11 +473,14 @@ TEST_F(IncomingLoop, StopGoesAheadOfBlocksThatWaitInTheQueue) {
   std::thread stopper([this] { m_harness.Stop(); });
   ASSERT_TRUE(WaitUntil(
       [this] { return m_harness.Log().Contains(LogLevel::Info, kIncomingLogger, "Stopping..."); }));
-  // The hang-up block is in the queue once the stop has had time to put it there.
-  std::this_thread::sleep_for(milliseconds(300));
+  ASSERT_TRUE(WaitUntil([this] {
+    return StageTestAccess::Incoming(m_harness.Stage()).msg_queue()->message_count() == 11;
+  })) << "ten events and the hang-up";
   answer = true;
   stopper.join();
-  EXPECT_EQ(m_harness.Allocators().BlocksAlive(), 20u) << "ten events stay in the queue";
+  EXPECT_EQ(StageTestAccess::Incoming(m_harness.Stage()).msg_queue()->message_count(), 10u)
+      << "the hang-up was taken before them";
+  EXPECT_EQ(m_harness.Allocators().BlocksAlive(), 20u);
   EXPECT_EQ(m_harness.ChunkFiles(), 1u);
   m_harness.ExpectSum(10, 1);
 }
@@ -476,7 +503,9 @@ TEST(IncomingQueue, WhatIsLeftAtAStopIsReleasedWithTheStage) {
     ASSERT_TRUE(WaitUntil([&] { return asked.load(); }));
     harness.Post(10, "queued ");
     std::thread stopper([&] { harness.Stop(); });
-    std::this_thread::sleep_for(milliseconds(500));
+    ASSERT_TRUE(WaitUntil([&] {
+      return StageTestAccess::Incoming(harness.Stage()).msg_queue()->message_count() == 11;
+    }));
     answer = true;
     stopper.join();
   }
@@ -497,6 +526,28 @@ TEST_F(IncomingLoop, IntegerExceptionEndsTheThreadAbandonsTheChunkAndStopReturns
   EXPECT_EQ(Debugs("Thread exiting (StoreAndForwardIncoming)."), 1u);
 }
 
+TEST_F(IncomingLoop, PostersBlockAboveTheHighWaterMarkOnceAnIntegerExceptionEndedTheThread) {
+  m_harness.Disk().SetAnswer([](std::uint64_t) -> bool { throw 42; });
+  EnvironmentBlock settings = NeverSend();
+  settings.emplace("QueueHighWaterMark", "1000");
+  settings.emplace("QueueLowWaterMark", "500");
+  m_harness.Start(settings);
+  m_harness.Post(1);
+  ASSERT_TRUE(
+      WaitUntil([this] { return Debugs("Thread exiting (StoreAndForwardIncoming).") == 1; }));
+  std::atomic<int> posted{0};
+  std::thread poster([&] {
+    for (int i = 0; i < 5; ++i) {
+      m_harness.Post(1, std::string(300, 'x'));
+      ++posted;
+    }
+  });
+  ASSERT_TRUE(WaitUntil([&] { return posted == 4; }));
+  EXPECT_FALSE(WaitUntil([&] { return posted == 5; }, milliseconds(500)));
+  StageTestAccess::Incoming(m_harness.Stage()).msg_queue()->deactivate();
+  poster.join();
+}
+
 TEST_F(IncomingLoop, StopReturnsAfterAnIntegerExceptionEvenWithAFullQueue) {
   m_harness.Disk().SetAnswer([](std::uint64_t) -> bool { throw 7; });
   EnvironmentBlock settings = NeverSend();
@@ -508,6 +559,21 @@ TEST_F(IncomingLoop, StopReturnsAfterAnIntegerExceptionEvenWithAFullQueue) {
       WaitUntil([this] { return Debugs("Thread exiting (StoreAndForwardIncoming).") == 1; }));
   m_harness.Post(1, std::string(200, 'x'));
   m_harness.Stop();
+}
+
+using IncomingDeathTest = IncomingLoop;
+
+TEST_F(IncomingDeathTest, ExceptionOfAnotherTypeIsNotCaught) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  EXPECT_DEATH(
+      {
+        m_harness.Disk().SetAnswer(
+            [](std::uint64_t) -> bool { throw std::runtime_error("not an integer"); });
+        m_harness.Start(NeverSend());
+        m_harness.Post(1);
+        WaitForStatistic("EventDiskCacheRejects", 1);
+      },
+      "not an integer");
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include "Platform/posix/TestClock.h"
 #include "StoreAndForward/Schedule.h"
+#include "tests/support/LogCapture.h"
 
 namespace OrloStoreAndForward {
 namespace {
@@ -216,6 +217,18 @@ TEST(ScheduleEvaluation, FailedConversionKeepsTheCacheAndStartsANewPeriod) {
   // Within the period the kept result answers, which is still the one of construction.
   EXPECT_FALSE(schedule.IsSendingAllowed(ToSystemTime(kSunday + 19)));
   EXPECT_TRUE(schedule.IsSendingAllowed(ToSystemTime(kSunday + 20)));
+}
+
+TEST(ScheduleEvaluation, ImpossibleTimeCountsAsTheBeginningOfTime) {
+  SYSTEMTIME impossible = ToSystemTime(kSunday + 12 * kHour);
+  impossible.wMonth = 13;
+  const TestSupport::LogCapture log;
+  Schedule fresh = MakeSchedule({"0000-2359;7F;UTC"});
+  EXPECT_FALSE(fresh.IsSendingAllowed(impossible)) << "no time has passed: the kept result";
+  Schedule used = MakeSchedule({"0000-0001;7F;UTC"});
+  EXPECT_FALSE(used.IsSendingAllowed(ToSystemTime(kSunday + 12 * kHour)));
+  EXPECT_TRUE(used.IsSendingAllowed(impossible)) << "evaluated, and can't be converted";
+  EXPECT_TRUE(log.Lines().empty());
 }
 
 TEST(ScheduleEvaluation, CurrentTimeIsReadFromTheSystem) {

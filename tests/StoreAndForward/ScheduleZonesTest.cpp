@@ -138,6 +138,15 @@ TEST_F(ResolveTimeZone, NamesOutsideTheTableFail) {
   }
 }
 
+TEST_F(ResolveTimeZone, NamesOutsideTheTableAreNotLookedUpInTheRegistry) {
+  SetRegistryZone(L"Etc/UTC", std::vector<std::uint8_t>(44, 1));
+  SetRegistryZone(L"Central Standard Time", std::vector<std::uint8_t>(44, 1));
+  TIME_ZONE_INFORMATION zone = Marked();
+  EXPECT_FALSE(Schedule::ResolveTimeZone("Etc/UTC", zone));
+  EXPECT_FALSE(Schedule::ResolveTimeZone("Central Standard Time", zone));
+  EXPECT_TRUE(IsMarked(zone));
+}
+
 TEST_F(ResolveTimeZone, NamesAreComparedExactly) {
   for (const char* name : {"utc", "america/regina", " UTC", "UTC ", "America/Regina\t"}) {
     TIME_ZONE_INFORMATION zone = Marked();

@@ -18,6 +18,16 @@
 
 namespace OrloStoreAndForward {
 
+// Reaches the parts that a stage keeps to itself.
+struct StageTestAccess {
+  static StoreAndForwardIncoming& Incoming(StoreAndForwardStage& stage) {
+    return *stage.m_incoming;
+  }
+  static StoreAndForwardOutgoing& Outgoing(StoreAndForwardStage& stage) {
+    return *stage.m_outgoing;
+  }
+};
+
 // The next module of the stream: answers every event as it is told, and records those that it took.
 class ScriptedDestination : public ACE_Task<ACE_MT_SYNCH> {
  public:
@@ -53,6 +63,7 @@ class StageHarness {
   StoreAndForwardStage& Stage() { return *m_stage; }
   ScriptedDestination& Destination() { return *m_destination; }
   TestSupport::TestDiskManager& Disk() { return *m_disk; }
+  TestSupport::RecordingServer& Statistics() { return *m_server; }
   TestSupport::LogCapture& Log() { return m_log; }
   TestSupport::CountingAllocators& Allocators() { return m_allocators; }
 

@@ -12,16 +12,6 @@
 
 namespace OrloStoreAndForward {
 
-// Reaches the parts that a stage keeps to itself.
-struct StageTestAccess {
-  static StoreAndForwardIncoming& Incoming(StoreAndForwardStage& stage) {
-    return *stage.m_incoming;
-  }
-  static StoreAndForwardOutgoing& Outgoing(StoreAndForwardStage& stage) {
-    return *stage.m_outgoing;
-  }
-};
-
 namespace {
 
 using std::chrono::milliseconds;
@@ -61,36 +51,70 @@ TEST(Stage, StartsOutgoingBeforeIncomingAndStopsThemTheOtherWayRound) {
                        kIncomingLogger + " Stopping...", kOutgoingLogger + " Stopping..."}));
 }
 
-TEST(Stage, PosterWaitsAboveTheHighWaterMarkUntilTheQueueIsDownToTheLowOne) {
-  StageHarness harness;
-  // The disk manager keeps the Incoming thread away from its queue until it may answer.
-  std::atomic<bool> asked{false};
-  std::atomic<bool> answer{false};
-  harness.Disk().SetAnswer([&](std::uint64_t) {
-    asked = true;
-    WaitUntil([&] { return answer.load(); });
-    return true;
-  });
-  harness.Start({{"Schedule.Enable", "true"},
-                 {"Schedule.Interval", "0000-2359;00;UTC"},
-                 {"QueueHighWaterMark", "1000"},
-                 {"QueueLowWaterMark", "500"}});
-  harness.Post(1, "first ");
-  ASSERT_TRUE(WaitUntil([&] { return asked.load(); }));
+// A stage whose Incoming thread is kept away from its queue: it waits for the disk manager's
+// answer.
+class StageWithHeldQueue : public testing::Test {
+ protected:
+  StageWithHeldQueue() {
+    m_harness.Disk().SetAnswer([this](std::uint64_t) {
+      m_asked = true;
+      WaitUntil([this] { return m_answer.load(); });
+      return true;
+    });
+    m_harness.Start({{"Schedule.Enable", "true"},
+                     {"Schedule.Interval", "0000-2359;00;UTC"},
+                     {"QueueHighWaterMark", "1000"},
+                     {"QueueLowWaterMark", "500"}});
+    m_harness.Post(1, "first ");
+    EXPECT_TRUE(WaitUntil([this] { return m_asked.load(); }));
+  }
+  ~StageWithHeldQueue() override {
+    m_answer = true;
+    m_harness.Stop();
+  }
 
+  ACE_Message_Queue<ACE_MT_SYNCH>& Queue() {
+    return *StageTestAccess::Incoming(m_harness.Stage()).msg_queue();
+  }
+
+  std::atomic<bool> m_asked{false};
+  std::atomic<bool> m_answer{false};
+  StageHarness m_harness;
+};
+
+TEST_F(StageWithHeldQueue, PosterWaitsAboveTheHighWaterMarkUntilTheQueueIsDownToTheLowOne) {
   std::atomic<int> posted{0};
   std::thread poster([&] {
     for (int i = 0; i < 5; ++i) {
-      harness.Post(1, std::string(300, 'x'));
+      m_harness.Post(1, std::string(300, 'x'));
       ++posted;
     }
   });
   // Of about 300 bytes each, the fourth brings the queue above its mark; the fifth has to wait.
-  ASSERT_TRUE(WaitUntil([&] { return posted == 4; }));
+  EXPECT_TRUE(WaitUntil([&] { return posted == 4; }));
   EXPECT_FALSE(WaitUntil([&] { return posted == 5; }, milliseconds(500)));
-  answer = true;
+  const auto takeOne = [this] {
+    ACE_Message_Block* block = nullptr;
+    ASSERT_NE(Queue().dequeue_head(block), -1);
+    block->release();
+  };
+  takeOne();
+  takeOne();
+  EXPECT_GT(Queue().message_bytes(), 500u);
+  EXPECT_FALSE(WaitUntil([&] { return posted == 5; }, milliseconds(500)))
+      << "below the high mark, above the low one";
+  takeOne();
+  EXPECT_TRUE(WaitUntil([&] { return posted == 5; }));
   poster.join();
-  EXPECT_EQ(posted, 5);
+}
+
+TEST_F(StageWithHeldQueue, PostIsCountedAfterItWasQueued) {
+  std::size_t queuedAtUpdate = 0;
+  m_harness.Group("StoreAndForwardStage").OnUpdate([&](const std::string&) {
+    queuedAtUpdate = Queue().message_count();
+  });
+  m_harness.Post(1);
+  EXPECT_EQ(queuedAtUpdate, 1u);
 }
 
 TEST(Stage, BlockThatCannotBeQueuedFailsAndIsCounted) {
@@ -134,18 +158,6 @@ TEST(Stage, QueuedBlockIsADuplicateAndTheCallerKeepsItsOwn) {
   event->release();
 }
 
-TEST(Stage, PostIsCountedAfterItWasQueued) {
-  StageHarness harness;
-  harness.Start();
-  std::size_t queuedAtUpdate = 0;
-  // Held back by a processing pass at most: the block was queued before the count.
-  harness.Group("StoreAndForwardStage").OnUpdate([&](const std::string&) {
-    queuedAtUpdate = harness.Allocators().BlocksAlive();
-  });
-  harness.Post(1);
-  EXPECT_EQ(queuedAtUpdate, 4u) << "two blocks and their duplicates";
-}
-
 TEST(Stage, FailedIncomingLeavesOutgoingRunningAndStopEndsIt) {
   StageHarness harness;
   std::filesystem::create_directories(harness.CacheDirectory().parent_path());
@@ -157,6 +169,20 @@ TEST(Stage, FailedIncomingLeavesOutgoingRunningAndStopEndsIt) {
   EXPECT_FALSE(StageTestAccess::Outgoing(harness.Stage()).CanAccept());
   EXPECT_FALSE(harness.Log().Contains(LogLevel::Info, kIncomingLogger, "Stopping..."));
   EXPECT_TRUE(harness.Log().Contains(LogLevel::Info, kOutgoingLogger, "Stopping..."));
+}
+
+TEST(Stage, FailedOutgoingLeavesIncomingWithoutAThreadAndStopDoesNothing) {
+  StageHarness harness;
+  harness.Statistics().OnCreate([](const std::string& group) {
+    if (group == "StoreAndForwardOutgoing") {
+      throw InitializationException("file", "function", 1, "no group");
+    }
+  });
+  EXPECT_THROW(harness.Start(), InitializationException);
+  EXPECT_EQ(StageTestAccess::Incoming(harness.Stage()).thr_count(), 0u);
+  EXPECT_FALSE(StageTestAccess::Outgoing(harness.Stage()).CanAccept());
+  harness.Stop();
+  EXPECT_EQ(harness.Log().Count(LogLevel::Info, "Stopping..."), 0u);
 }
 
 TEST(Stage, StopBeforeInitializeDoesNothing) {

@@ -68,6 +68,9 @@ void RecordingGroup::OnUpdate(std::function<void(const std::string&)> action) {
 void RecordingServer::CreateGroup(const std::string& name, const std::string& categoryPath,
                                   std::shared_ptr<IStatisticsGroup>& group) {
   const std::lock_guard guard(m_lock);
+  if (m_onCreate) {
+    m_onCreate(name);
+  }
   m_groups.push_back(std::make_shared<RecordingGroup>(name, categoryPath));
   group = m_groups.back();
 }
@@ -75,6 +78,11 @@ void RecordingServer::CreateGroup(const std::string& name, const std::string& ca
 void RecordingServer::RegisterGroup(const std::shared_ptr<IStatisticsGroup>&) {
   const std::lock_guard guard(m_lock);
   ++m_registered;
+}
+
+void RecordingServer::OnCreate(std::function<void(const std::string&)> action) {
+  const std::lock_guard guard(m_lock);
+  m_onCreate = std::move(action);
 }
 
 std::vector<std::shared_ptr<RecordingGroup>> RecordingServer::Groups() const {

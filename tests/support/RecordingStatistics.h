@@ -63,6 +63,9 @@ class RecordingServer : public WindowsAgentCommon::IStatisticsServer {
                    std::shared_ptr<WindowsAgentCommon::IStatisticsGroup>& group) override;
   void RegisterGroup(const std::shared_ptr<WindowsAgentCommon::IStatisticsGroup>& group) override;
 
+  // Called with the name of every group before it is made; may throw.
+  void OnCreate(std::function<void(const std::string&)> action);
+
   // Every group that was created, in order.
   std::vector<std::shared_ptr<RecordingGroup>> Groups() const;
   // The last group of that name, or null.
@@ -71,6 +74,7 @@ class RecordingServer : public WindowsAgentCommon::IStatisticsServer {
 
  private:
   mutable std::mutex m_lock;
+  std::function<void(const std::string&)> m_onCreate;
   std::vector<std::shared_ptr<RecordingGroup>> m_groups;
   std::size_t m_registered = 0;
 };
