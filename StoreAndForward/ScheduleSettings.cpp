@@ -1,6 +1,7 @@
 #include "StoreAndForward/ScheduleSettings.h"
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace OrloStoreAndForward {

@@ -106,8 +106,11 @@ void StoreAndForwardOutgoing::DeliverPending() {
   const ACE_Guard<ACE_Recursive_Thread_Mutex> guard(m_lock);
   while (!m_pending.empty()) {
     ACE_Message_Block* const event = m_pending.front();
-    const auto status = OrloStream::Status::FromInt(m_stage->put_next(event->duplicate()));
-    if (status.Backpressure()) {
+    // Without memory for the reference, the event can't be sent now any more than under
+    // backpressure.
+    ACE_Message_Block* const reference = event->duplicate();
+    if (reference == nullptr ||
+        OrloStream::Status::FromInt(m_stage->put_next(reference)).Backpressure()) {
       m_statistics->UpdateNumberOfRequeues(1, false);
       // Under the lock, so that CanAccept answers no without looking further.
       Sleep(kBackOffMilliseconds);

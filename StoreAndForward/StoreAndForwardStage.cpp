@@ -47,7 +47,7 @@ std::string StoreAndForwardStage::GetVersionString() {
 Status StoreAndForwardStage::ProcessMessage(ACE_Message_Block* block) {
   Status status;
   MessageBlockPtr queued(block->duplicate());
-  const bool failed = m_incoming->putq(queued.get()) < 0;
+  const bool failed = !queued || m_incoming->putq(queued.get()) < 0;
   if (!failed) {
     queued.release();
   }

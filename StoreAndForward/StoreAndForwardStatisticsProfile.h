@@ -35,7 +35,7 @@ class StoreAndForwardIncomingStatisticsProfile final {
   void UpdateDataProcessingPeriod(const int& value, bool flag);
   void UpdateDataChunkingPeriod(const int& value, bool flag);
 
-  // Publishes the sample and the seven figures derived from it.
+  // Publishes the sample and the eight figures derived from it.
   void UpdateChunkSize(const std::int64_t& size, bool flag);
 
   void UpdateOutgoingHandlerAccepts(std::int64_t amount, bool flag);

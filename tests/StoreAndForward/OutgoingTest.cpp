@@ -216,6 +216,17 @@ TEST_F(Outgoing, BackpressureWithOtherBitsIsStillBackpressure) {
   EXPECT_EQ(Statistic("EventsOutgoing"), 0);
 }
 
+TEST_F(Outgoing, EventForWhoseReferenceThereIsNoMemoryStaysAtTheHead) {
+  m_outgoing->Initialize({});
+  std::vector<ACE_Message_Block*> events = TestSupport::MakeEvents(1);
+  m_harness.Allocators().Blocks().FailAfter(0);
+  m_outgoing->Accept(events);
+  EXPECT_TRUE(WaitUntil([this] { return Statistic("NumberOfRequeues") == 1; }));
+  m_harness.Allocators().Blocks().FailAfter(-1);
+  EXPECT_TRUE(m_harness.Destination().Offers().empty());
+  EXPECT_EQ(Statistic("EventsOutgoing"), 0);
+}
+
 TEST_F(Outgoing, BackpressureAndErrorsAreNotLogged) {
   int offers = 0;
   m_harness.Destination().SetAnswer(

@@ -111,13 +111,24 @@ std::filesystem::path StageHarness::CacheDirectory() const {
 }
 
 std::size_t StageHarness::ChunkFiles() const {
-  std::size_t files = 0;
-  std::error_code ignored;
-  for (const auto& entry :
-       std::filesystem::recursive_directory_iterator(CacheDirectory(), ignored)) {
-    files += entry.is_regular_file();
+  // The stage may remove a directory while it is listed: then the look is taken again.
+  for (;;) {
+    std::size_t files = 0;
+    std::error_code error;
+    std::filesystem::recursive_directory_iterator entry(CacheDirectory(), error);
+    if (error) {
+      return 0;
+    }
+    while (!error && entry != std::filesystem::recursive_directory_iterator()) {
+      files += entry->is_regular_file(error);
+      if (!error) {
+        entry.increment(error);
+      }
+    }
+    if (!error) {
+      return files;
+    }
   }
-  return files;
 }
 
 std::vector<std::string> Numbered(std::size_t count, const std::string& prefix, std::size_t first) {

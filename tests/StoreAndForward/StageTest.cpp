@@ -120,6 +120,8 @@ TEST_F(StageWithHeldQueue, PostIsCountedAfterItWasQueued) {
 TEST(Stage, BlockThatCannotBeQueuedFailsAndIsCounted) {
   StageHarness harness;
   harness.Start();
+  ASSERT_TRUE(
+      WaitUntil([&] { return harness.Log().Count(LogLevel::Info, "Thread running...") == 1; }));
   StageTestAccess::Incoming(harness.Stage()).msg_queue()->deactivate();
   harness.Log().Clear();
   ACE_Message_Block* const event = TestSupport::MakeEvent("head", "payload");
@@ -144,6 +146,30 @@ TEST(Stage, PutReturnsAFailureAsANegativeNumber) {
   EXPECT_EQ(harness.Post(3), 3u);
   EXPECT_EQ(harness.Statistic("TotalEventsPosted"), 3);
   EXPECT_EQ(harness.Statistic("TotalEventsFailedToQueue"), 3);
+  EXPECT_TRUE(harness.Allocators().NothingAlive());
+}
+
+TEST(Stage, StopEndsAProcessorWhoseQueueWasDeactivated) {
+  StageHarness harness;
+  harness.Start();
+  StageTestAccess::Incoming(harness.Stage()).msg_queue()->deactivate();
+  StageTestAccess::Outgoing(harness.Stage()).msg_queue()->deactivate();
+  harness.Stop();
+  EXPECT_EQ(StageTestAccess::Incoming(harness.Stage()).thr_count(), 0u);
+  EXPECT_EQ(StageTestAccess::Outgoing(harness.Stage()).thr_count(), 0u);
+}
+
+TEST(Stage, BlockForWhichThereIsNoMemoryFailsAndIsCounted) {
+  StageHarness harness;
+  harness.Start();
+  ACE_Message_Block* const event = TestSupport::MakeEvent("head", "payload");
+  harness.Allocators().Blocks().FailAfter(0);
+  const OrloStream::Status status = harness.Stage().ProcessMessage(event);
+  harness.Allocators().Blocks().FailAfter(-1);
+  EXPECT_TRUE(status.Failed());
+  EXPECT_EQ(harness.Statistic("TotalEventsPosted"), 1);
+  EXPECT_EQ(harness.Statistic("TotalEventsFailedToQueue"), 1);
+  event->release();
   EXPECT_TRUE(harness.Allocators().NothingAlive());
 }
 
