@@ -111,6 +111,7 @@ class Run {
   // What differs afterwards; nothing if all is well.
   std::string Do(const CacheOperation& operation);
   std::string CompareContents() const;
+  std::uint64_t PassedOver() const { return m_passedOver; }
 
  private:
   using Events = std::vector<ACE_Message_Block*>;
@@ -133,6 +134,7 @@ class Run {
   // Of the operation that is being done.
   const CacheOperation* m_operation = nullptr;
   std::int64_t m_listings = 0;
+  std::uint64_t m_passedOver = 0;
   std::shared_ptr<EventCache> m_cache;
 };
 
@@ -179,6 +181,7 @@ TestFaults::Fault Run::FaultAt(FileCall call) {
 
 std::string Run::Do(const CacheOperation& operation) {
   if (!m_model.IsPossible(operation)) {
+    ++m_passedOver;
     return {};
   }
   m_listings = 0;
@@ -389,6 +392,7 @@ std::optional<CacheDifference> RunCacheOperations(const CacheOperations& operati
     for (const auto& [what, times] : model->Met()) {
       (*met)[what] += times;
     }
+    (*met)[kPassedOver] += run.PassedOver();
   }
   return std::nullopt;
 }

@@ -18,13 +18,16 @@ struct CacheDifference {
 
 using MakeCacheModel = std::function<std::unique_ptr<CacheModel>(std::uint32_t pageSize)>;
 
+inline constexpr const char* kPassedOver = "passed over";
+
 // Does the operations with an event cache in a directory of its own and with a model, and compares
 // after each one: its result, the caller's vector, the events that Front gives, the files, what the
 // disk manager was asked and told, and that no message block is alive. Files are compared by size
 // after every operation, by content when they are written, at restarts and at the end.
 //
 // One run at a time: it uses the clock, the file faults, the message block allocators and the disk
-// manager service of the process. `met` takes up what the model met, if given.
+// manager service of the process. `met`, if given, takes up what the model met, and under
+// kPassedOver the operations that were not possible.
 std::optional<CacheDifference> RunCacheOperations(
     const CacheOperations& operations, const MakeCacheModel& makeModel,
     std::map<std::string, std::uint64_t>* met = nullptr);

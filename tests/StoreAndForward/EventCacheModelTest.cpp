@@ -91,6 +91,7 @@ Met RunRandomSequences(CacheModelProfile profile) {
       return {};
     }
   }
+  std::cout << met[kPassedOver] << " of them had nothing to be done with\n";
   return met;
 }
 
