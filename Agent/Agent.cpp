@@ -2,12 +2,12 @@
 
 #include <algorithm>
 #include <boost/asio/post.hpp>
-#include <boost/asio/steady_timer.hpp>
 
 #include "Agent/DataDirectoryLock.h"
 #include "Agent/Destination.h"
 #include "Agent/Process.h"
 #include "Agent/StdinSource.h"
+#include "Agent/StreamWatch.h"
 #include "Agent/SyslogSource.h"
 #include "Agent/Units.h"
 #include "WindowsAgentCommon/Exceptions.h"
@@ -20,12 +20,17 @@ using WindowsAgentCommon::LogFacade;
 
 namespace {
 
+constexpr char kStoreAndForward[] = "StoreAndForwardStage";
+
 constexpr std::chrono::milliseconds kBetweenLooks{100};
+
+// How often a running stream is looked at for a stall, unless it is to be noticed sooner.
+constexpr std::chrono::milliseconds kBetweenWatches{10'000};
 
 // Absolute, and with the separators that both the agent and the stage take for separators.
 std::filesystem::path MakeDataDirectory(std::string path) {
   std::replace(path.begin(), path.end(), '\\', '/');
-  return std::filesystem::absolute(path);
+  return std::filesystem::absolute(path).lexically_normal();
 }
 
 // The value that the stage will use for one of its numbers.
@@ -66,6 +71,8 @@ struct Agent::RunningStream {
   std::vector<const Source*> sources{};
   Destination* destination = nullptr;
   std::chrono::milliseconds processingPeriod{0};
+  // Null where there is no store-and-forward stage.
+  std::unique_ptr<StreamWatch> watch{};
 };
 
 Agent::Agent(AgentOptions options, std::string moduleDirectory)
@@ -123,6 +130,13 @@ void Agent::CreateStream(StreamOptions& options) {
   }
   WarnOfShortDrain(options);
 
+  for (const StageOptions& stage : options.stages) {
+    if (stage.module == kStoreAndForward) {
+      running->watch = std::make_unique<StreamWatch>(m_options.watch, options.name, stage,
+                                                     m_dataDirectory, *m_statistics);
+    }
+  }
+
   OrloStream::StreamDefinition definition;
   definition.name = WindowsAgentCommon::ToWide(options.name);
   for (StageOptions& stage : options.stages) {
@@ -149,7 +163,7 @@ void Agent::CreateStream(StreamOptions& options) {
 void Agent::WarnOfShortDrain(const StreamOptions& options) const {
   for (const StageOptions& stage : options.stages) {
     const std::chrono::seconds period = GetChunkPeriod(stage);
-    if (stage.module == "StoreAndForwardStage" && m_options.shutdown.drainTimeout <= period) {
+    if (stage.module == kStoreAndForward && m_options.shutdown.drainTimeout <= period) {
       LogFacade::Warn(m_log,
                       "Stream %s: shutdown.drain_timeout (%d ms) is not longer than "
                       "DataChunkPeriod (%d s); the newest events can be lost at a stop.",
@@ -181,7 +195,23 @@ void Agent::OnSignal() {
   });
 }
 
+void Agent::WatchStreams() {
+  m_watchTimer.expires_after(std::min(kBetweenWatches, m_options.watch.stallAfter / 2));
+  m_watchTimer.async_wait([this](const boost::system::error_code& error) {
+    if (error) {
+      return;
+    }
+    for (const auto& running : m_streams) {
+      if (running->watch) {
+        running->watch->Look(Look(*running), StallWatch::Clock::now());
+      }
+    }
+    WatchStreams();
+  });
+}
+
 void Agent::Wait() {
+  WatchStreams();
   while (!m_stopRequested) {
     m_control.restart();
     m_control.run();
@@ -189,6 +219,7 @@ void Agent::Wait() {
 }
 
 std::vector<StreamReport> Agent::Stop() {
+  m_watchTimer.cancel();
   for (const auto& running : m_streams) {
     m_manager->StopSources(*running->stream);
   }

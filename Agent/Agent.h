@@ -2,6 +2,7 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/signal_set.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -53,6 +54,7 @@ class Agent {
   void CreateStream(StreamOptions& options);
   void WarnOfShortDrain(const StreamOptions& options) const;
   void OnSourceEnded();
+  void WatchStreams();
   void OnSignal();
   void Drain();
   std::vector<StreamReport> CloseStreams();
@@ -66,6 +68,7 @@ class Agent {
 
   boost::asio::io_context m_control{1};
   boost::asio::signal_set m_signals{m_control};
+  boost::asio::steady_timer m_watchTimer{m_control};
   unsigned m_signalCount = 0;
   std::size_t m_sourcesRunning = 0;
   bool m_stopRequested = false;

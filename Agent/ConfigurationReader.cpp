@@ -57,6 +57,17 @@ void ReadShutdown(const ConfigurationEntry& entry, ValueReader& reader, Shutdown
   map.RefuseOthers();
 }
 
+void ReadWatch(const ConfigurationEntry& entry, ValueReader& reader, WatchOptions& watch) {
+  MapReader map(entry, reader);
+  if (const auto after = map.Find("stall_after")) {
+    reader.ReadDuration(*after, std::chrono::seconds(1), std::chrono::hours(24), watch.stallAfter);
+  }
+  if (const auto repeat = map.Find("repeat")) {
+    reader.ReadDuration(*repeat, std::chrono::seconds(1), std::chrono::hours(24), watch.repeat);
+  }
+  map.RefuseOthers();
+}
+
 void ReadDocument(const YAML::Node& document, Configuration& configuration) {
   ValueReader reader(configuration.mistakes);
   MapReader map({document, 1, ""}, reader);
@@ -72,6 +83,9 @@ void ReadDocument(const YAML::Node& document, Configuration& configuration) {
   }
   if (const auto shutdown = map.Find("shutdown")) {
     ReadShutdown(*shutdown, reader, options.shutdown);
+  }
+  if (const auto watch = map.Find("watch")) {
+    ReadWatch(*watch, reader, options.watch);
   }
   if (const auto streams = map.Require("streams")) {
     options.streams = ReadStreams(*streams, reader);

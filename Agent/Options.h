@@ -49,6 +49,16 @@ struct ShutdownOptions {
   std::chrono::milliseconds drainTimeout{30'000};
 };
 
+// When a stream is called stalled: its cache is not empty, its destination and its schedule would
+// let it send, and still nothing moves.
+struct WatchOptions {
+  // How long nothing has moved before the first warning. 1 s to a day.
+  std::chrono::milliseconds stallAfter{60'000};
+
+  // How long until the warning is repeated while it stays so. 1 s to a day.
+  std::chrono::milliseconds repeat{600'000};
+};
+
 // Lines of standard input. Its end stops the agent, unless another source goes on.
 struct StdinSourceOptions {
   // A longer line becomes several events, none of it is dropped. 64 bytes to 16 MiB.
@@ -139,6 +149,7 @@ struct AgentOptions {
   DiskOptions disk;
   LogOptions log;
   ShutdownOptions shutdown;
+  WatchOptions watch;
 
   // At least one.
   std::vector<StreamOptions> streams;

@@ -7,8 +7,8 @@
 namespace OrloAgent {
 
 // Writing to a reader that has gone becomes an error of the call instead of the end of the process,
-// and standard descriptors that are closed stay so: no file of ours gets their numbers. Called
-// first in main.
+// standard descriptors that are closed stay so (no file of ours gets their numbers), and as many
+// descriptors may be open as the system lets us have. Called first in main.
 void PrepareProcess();
 
 // Full path of the running program; empty if the system does not tell.

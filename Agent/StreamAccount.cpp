@@ -27,7 +27,6 @@ StreamAccount::StreamAccount(const WindowsAgentCommon::StatisticsServer& statist
 
 StreamReport StreamAccount::Look(std::uint64_t unsent, std::uint64_t notMade) {
   StreamReport report;
-  std::uint64_t outgoing = 0;
   for (const auto& group : m_statistics.GetSnapshot()) {
     if (group.instance != m_streamName) {
       continue;
@@ -38,13 +37,17 @@ StreamReport StreamAccount::Look(std::uint64_t unsent, std::uint64_t notMade) {
     } else if (group.name == "StoreAndForwardIncoming") {
       report.lost = GetCounter(group, "MessagesLost");
     } else if (group.name == "StoreAndForwardOutgoing") {
-      outgoing = GetCounter(group, "EventsOutgoing");
+      report.accepted = GetCounter(group, "EventsIncoming");
+      report.sent = GetCounter(group, "EventsOutgoing");
+      report.refusals = GetCounter(group, "NumberOfRequeues");
     }
   }
   // An event is in the buffer a moment before the stage counts it.
-  report.delivered = outgoing - std::min(outgoing, unsent);
+  report.delivered = report.sent - std::min(report.sent, unsent);
   report.cachedAtStart = m_atStart.events;
-  report.cached = m_inventory.Look().events;
+  const CacheContents contents = m_inventory.Look();
+  report.cached = contents.events;
+  report.cachedChunks = contents.chunks;
   report.held = static_cast<std::int64_t>(report.posted + report.cachedAtStart - report.failed -
                                           report.lost - report.delivered - report.cached);
   report.posted += notMade;

@@ -18,8 +18,16 @@ struct StreamReport {
   std::uint64_t failed = 0;
   // Given up by the stage because the cache refused them, and events that could not be made.
   std::uint64_t lost = 0;
+  // Handed to the stage's sender, from the queue or from the cache.
+  std::uint64_t accepted = 0;
+  // Of those, what the sender is rid of, the destination's buffer included.
+  std::uint64_t sent = 0;
+  // What has left the destination's buffer too.
   std::uint64_t delivered = 0;
+  // How often the destination refused an event for the moment.
+  std::uint64_t refusals = 0;
   std::uint64_t cached = 0;
+  std::uint64_t cachedChunks = 0;
   std::uint64_t cachedAtStart = 0;
   // Everything else: in the stage's queue, chunk or pending events, or in the destination's buffer.
   // Below zero for a moment while a chunk goes from the disk to the destination.

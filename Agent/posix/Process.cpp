@@ -1,6 +1,7 @@
 #include "Agent/Process.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -10,6 +11,12 @@ namespace OrloAgent {
 
 void PrepareProcess() {
   std::signal(SIGPIPE, SIG_IGN);
+  // Each connection takes a descriptor; the usual soft limit is there for programs that use select.
+  rlimit descriptors{};
+  if (getrlimit(RLIMIT_NOFILE, &descriptors) == 0) {
+    descriptors.rlim_cur = descriptors.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &descriptors);
+  }
   for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (fcntl(descriptor, F_GETFD) < 0) {
       // Opened the wrong way round, so that its use fails as it would have failed before. It gets

@@ -1,0 +1,113 @@
+"""A thousand slow and hostile clients at once; a good client is served all the same."""
+
+import resource
+import socket
+import threading
+import time
+import unittest
+
+import support
+
+CROWD = 1000
+EVENTS = 100_000
+
+
+class Crowd(support.AgentTest):
+    def setUp(self):
+        super().setUp()
+        limits = resource.getrlimit(resource.RLIMIT_NOFILE)
+        resource.setrlimit(resource.RLIMIT_NOFILE, (min(4096, limits[1]), limits[1]))
+        self.addCleanup(resource.setrlimit, resource.RLIMIT_NOFILE, limits)
+        self.output = self.directory / "out.log"
+        self.agent = self.start(self.configure(self.stream(
+            support.SYSLOG_SOURCE, "{ type: file, path: ./out.log }")))
+        self.port = self.agent.port()
+        self.crowd = []
+        self.addCleanup(self.leave)
+
+    def leave(self):
+        for connection in self.crowd:
+            connection.close()
+
+    def join(self, first):
+        """Connects the crowd; each has sent its first bytes."""
+        for number in range(CROWD):
+            connection = socket.create_connection(("127.0.0.1", self.port), timeout=support.LIMIT)
+            self.crowd.append(connection)
+            connection.sendall(first(number))
+
+    def status(self, key):
+        with open(f"/proc/{self.agent.process.pid}/status", encoding="utf-8") as status:
+            for line in status:
+                if line.startswith(key + ":"):
+                    return int(line.split()[1])
+        self.fail(f"the system does not tell {key} of the agent")
+
+    def good_client_is_served(self):
+        events = support.numbered(0, EVENTS)
+        support.send(self.port, support.as_lines(events))
+        wanted = set(events)
+        def arrived():
+            # Cheap to ask often: the file is read only once it is large enough.
+            if not self.output.exists() or self.output.stat().st_size < EVENTS * len(events[0]):
+                return None
+            lines = [line for line in self.output.read_bytes().split(b"\n") if line in wanted]
+            return lines if len(lines) >= EVENTS else None
+        lines = support.wait_until(arrived, "all events of the good client")
+        self.assertEqual(lines, events)
+
+    def test_clients_that_send_a_byte_a_second(self):
+        self.join(lambda number: b"<")
+        stop = threading.Event()
+        def trickle():
+            while not stop.wait(1):
+                for connection in self.crowd:
+                    connection.send(b"x")
+        trickler = threading.Thread(target=trickle)
+        trickler.start()
+        try:
+            self.good_client_is_served()
+            # A thousand connections take no thousand threads and no thousand event buffers.
+            self.assertLess(self.status("Threads"), 20)
+            self.assertLess(self.status("VmRSS"), 200 * 1024)
+        finally:
+            stop.set()
+            trickler.join()
+        self.leave()
+        self.assertEqual(self.agent.stop(), 0)
+        delivered = self.output.read_bytes().split(b"\n")
+        self.assertEqual(len([line for line in delivered if line.startswith(b"<x")]), CROWD)
+
+    def test_clients_that_announce_gigabytes_and_send_garbage(self):
+        kinds = [b"2147483648 ", b"4294967295 x", b"\0\0\0\0", b"\xff\xfe\xfd", b"<34>", b"7 half"]
+        self.join(lambda number: kinds[number % len(kinds)])
+        self.good_client_is_served()
+        self.assertLess(self.status("VmRSS"), 200 * 1024)
+        self.leave()
+        self.assertEqual(self.agent.stop(), 0)
+
+    def test_clients_that_vanish_without_a_word(self):
+        # Reset instead of closed: what a crashed or unplugged peer leaves once the network tells.
+        self.join(lambda number: b"<34>unfinished")
+        linger = b"\1\0\0\0\0\0\0\0"
+        for connection in self.crowd:
+            connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, linger)
+        self.leave()
+        self.good_client_is_served()
+        self.assertEqual(self.agent.stop(), 0)
+
+
+class IdleClients(support.AgentTest):
+    def test_a_client_that_stays_silent_is_closed_where_that_is_configured(self):
+        agent = self.start(self.configure(self.stream(
+            '{ type: syslog, listen: "tcp://127.0.0.1:0", idle_timeout: 1s }',
+            "{ type: file, path: ./out.log }")))
+        with socket.create_connection(("127.0.0.1", agent.port()), timeout=support.LIMIT) as silent:
+            started = time.monotonic()
+            self.assertEqual(silent.recv(1), b"")
+            self.assertGreater(time.monotonic() - started, 0.9)
+        self.assertEqual(agent.stop(), 0)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,87 @@
+"""A cache that could be emptied and is not: the agent says so, and says it of nothing else."""
+
+import time
+import unittest
+
+import support
+
+WATCH = "watch: { stall_after: 1s, repeat: 2s }\n"
+WARNING = r"Warn Code\.StreamWatch\.Default: The event cache has not moved for \d+ s"
+NEVER = {"Schedule.Enable": "true", "Schedule.Interval": '"0000-2359;00;UTC"'}
+
+
+def chunk(*payloads):
+    data = len(payloads).to_bytes(4, "little")
+    for payload in payloads:
+        data += (0).to_bytes(4, "little") + len(payload).to_bytes(4, "little") + payload
+    return data
+
+
+class Stall(support.AgentTest):
+    def leave(self, name, data):
+        path = self.directory / "data" / "Events" / "Default" / "2016-03-07-14-05" / name
+        path.parent.mkdir(parents=True, exist_ok=True)
+        if data is None:
+            path.mkdir()
+        else:
+            path.write_bytes(data)
+        return path
+
+    def start_with(self, destination="{ type: file, path: ./out.log }", settings=None):
+        config = self.configure(
+            self.stream(support.SYSLOG_SOURCE, destination, settings=settings),
+            drain="1s", extra=WATCH)
+        return self.start(config)
+
+    def warnings(self, agent):
+        return [line for line in agent.messages("Warn") if "StreamWatch" in line]
+
+    def test_oldest_chunk_that_cannot_be_read_is_named_and_named_again(self):
+        stuck = self.leave("07", None)
+        self.leave("08", chunk(b"behind it"))
+        agent = self.start_with()
+        agent.wait_for(WARNING)
+        support.wait_until(lambda: len(self.warnings(agent)) >= 3, "the warning is repeated")
+        for line in self.warnings(agent):
+            self.assertIn(str(stuck), line)
+            self.assertIn("it is a directory", line)
+        self.assertEqual(agent.stop(), 0)
+        self.assertFalse((self.directory / "out.log").exists()
+                         and (self.directory / "out.log").read_bytes())
+
+        # As the warning says: moved away and restarted, what was behind it comes out.
+        stuck.rmdir()
+        agent = self.start_with()
+        output = self.directory / "out.log"
+        support.wait_until(lambda: output.exists() and output.read_bytes() == b"behind it\n",
+                           "the chunk that was behind")
+        self.assertEqual(agent.stop(), 0)
+        self.assertEqual(self.warnings(agent), [])
+
+    def test_closed_schedule_is_no_stall_and_a_restart_skips_what_vanished(self):
+        first = self.leave("07", chunk(b"first"))
+        self.leave("08", chunk(b"second"))
+        agent = self.start_with(settings={**NEVER})
+        first.unlink()
+        time.sleep(3)
+        self.assertEqual(self.warnings(agent), [], "a closed schedule is no stall")
+        self.assertEqual(agent.stop(), 0)
+        agent = self.start_with()
+        output = self.directory / "out.log"
+        support.wait_until(lambda: output.exists() and output.read_bytes() == b"second\n",
+                           "the chunk that is left")
+        self.assertEqual(agent.stop(), 0)
+        self.assertEqual(self.warnings(agent), [])
+
+    def test_destination_that_is_away_is_no_stall(self):
+        self.leave("07", chunk(b"first"))
+        self.leave("08", chunk(b"second"))
+        agent = self.start_with(support.syslog_target(support.free_port()))
+        agent.wait_for("can't be reached")
+        time.sleep(4)
+        self.assertEqual(self.warnings(agent), [])
+        agent.stop()
+
+
+if __name__ == "__main__":
+    unittest.main()
