@@ -3,6 +3,9 @@
 set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
+# A clone in another place finds in the compiler cache what this one has built.
+export CCACHE_BASEDIR=$root CCACHE_NOHASHDIR=1
+
 # note TEXT...: to standard error, which never carries events.
 note() {
   echo "script/${0##*/}: $*" >&2
