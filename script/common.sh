@@ -24,8 +24,6 @@ build() {
   shift
   local directory=$root/build/$preset
   mkdir -p "$directory"
-  # Lets checkouts in different places share compilations.
-  export CCACHE_BASEDIR=$root
   if ! (
     flock 9
     exec > "$directory/build.log" 2>&1 < /dev/null
