@@ -17,10 +17,10 @@ class Shrinker {
 
   CacheOperations Shrink() {
     // Simpler operations may make others unnecessary, so both go round until nothing is won.
-    for (bool won = true; won;) {
-      const bool removed = RemoveOperations();
-      won = SimplifyOperations() || removed;
-    }
+    do {
+      while (RemoveOperations() || RemovePairs()) {
+      }
+    } while (SimplifyOperations());
     return m_failing;
   }
 
@@ -51,6 +51,22 @@ class Shrinker {
       }
     }
     return won;
+  }
+
+  // A push and its pop often can't go but together.
+  bool RemovePairs() {
+    constexpr std::size_t kFew = 24;
+    for (std::size_t second = 1; m_failing.size() <= kFew && second < m_failing.size(); ++second) {
+      for (std::size_t first = 0; first < second; ++first) {
+        CacheOperations candidate = m_failing;
+        candidate.erase(candidate.begin() + static_cast<std::ptrdiff_t>(second));
+        candidate.erase(candidate.begin() + static_cast<std::ptrdiff_t>(first));
+        if (Accept(std::move(candidate))) {
+          return true;
+        }
+      }
+    }
+    return false;
   }
 
   bool SimplifyOperations() {
@@ -88,11 +104,10 @@ class Shrinker {
       add([i](CacheOperation& o) {
         o.events.erase(o.events.begin() + static_cast<std::ptrdiff_t>(i));
       });
-      const auto halve = [](std::uint32_t& size) { size /= 2; };
-      const auto decrease = [](std::uint32_t& size) { size -= size == 0 ? 0 : 1; };
-      for (const std::function<void(std::uint32_t&)>& less :
-           {std::function<void(std::uint32_t&)>(halve),
-            std::function<void(std::uint32_t&)>(decrease)}) {
+      for (const std::uint32_t part : {1u, 2u, 8u, 64u, 512u, 1u << 31}) {
+        const auto less = [part](std::uint32_t& size) {
+          size -= size == 0 ? 0 : std::max(1u, size / part);
+        };
         add([&](CacheOperation& o) { less(o.events[i].head.length); });
         add([&](CacheOperation& o) { less(o.events[i].head.read); });
         if (operation.events[i].payload) {
