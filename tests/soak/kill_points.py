@@ -51,7 +51,7 @@ class KillPoints(unittest.TestCase):
         lane.finish()
         return account, chunks
 
-    def visit_while_draining(self, at, how, delay_ms=1500):
+    def visit_while_draining(self, at, how, delay_ms=3000):
         """With the delay the receiver has got what was handed over when the agent dies."""
         lane = self.lane()
         lane.live(LOAD)
@@ -101,6 +101,7 @@ class KillPoints(unittest.TestCase):
         handed_over = place == "pop.Unlink" or (place == "front.CloseHandle" and how)
         handed_over = handed_over and not (place == "pop.Unlink" and how)
         self.assertEqual(sum(account.repeats.values()) > 0, bool(handed_over), account.repeats)
+        self.assertEqual(account.lost_in_sender, [], "a chunk that had left the disk")
         if place.startswith("front.") or not how and place == "pop.Unlink":
             self.assertEqual(popped, int(number) - 1)
         else:

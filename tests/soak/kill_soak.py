@@ -18,8 +18,9 @@ import traceback
 
 from lane import Lane, Plan
 
+TORN = "push.WriteFile (torn)"
 PUSH = ["push.GetFileAttributes", "push.CreateDirectory", "push.CreateFile", "push.WriteFile",
-        "push.CloseHandle"]
+        TORN, "push.CloseHandle"]
 FRONT_AND_POP = ["front.CreateFile", "front.ReadFile", "front.CloseHandle", "pop.Unlink",
                  "pop.FindFirstFile", "pop.FindNextFile", "pop.RemoveDirectory"]
 
@@ -93,9 +94,9 @@ class Soak:
             number = 1  # the chunk that it holds
         else:
             number = self.random.randint(1, max(1, min(chunks, 4)))
-        plan.at = f"{place}:{number}"
+        plan.at = f"{place.split()[0]}:{number}"
         plan.seconds = 13 if plan.load else 4 + number
-        if place == "push.WriteFile" and self.random.random() < 0.6:
+        if place == TORN:
             plan.how = f"torn={self.random.choice([0, 2, 4, 11, 500, 4096, 20000])}"
         elif self.random.random() < 0.2:
             plan.how = "after"

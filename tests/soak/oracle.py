@@ -235,18 +235,22 @@ class Ledger:
             require(event in known or self.allowed[event] > 0, f"{show(event)} was never sent")
 
     def figures(self):
-        doubles = sum(self.received[event] - 1 for event in self.sent if self.received[event] > 1)
+        """Numbers of events. Sent is the sum of received, less the two kinds of surplus, and of
+        the three kinds of lost."""
         known = set(self.sent)
-        return {
+        figures = {
             "sent": len(self.sent),
             "received": sum(self.received.values()),
-            "came more than once": doubles,
-            "mixed by a torn file": sum(count for event, count in self.received.items()
-                                        if event not in known),
-            "lost with the sending side": self._never_received("sender"),
-            "lost in queue and chunk": self._never_received("memory"),
-            "lost in a torn file": self._never_received("torn file"),
+            "of these again, though received before": sum(
+                self.received[event] - 1 for event in known if self.received[event] > 1),
+            "of these never sent, but made by a torn file": sum(
+                count for event, count in self.received.items() if event not in known),
         }
-
-    def _never_received(self, where):
-        return len({event for event in self.lost[where] if self.received[event] == 0})
+        counted = set(self.received)
+        for where, name in (("torn file", "lost in a torn file"),
+                            ("memory", "lost in queue and chunk"),
+                            ("sender", "lost with the sending side")):
+            lost = (set(self.lost[where]) & known) - counted
+            counted |= lost
+            figures[name] = len(lost)
+        return figures
