@@ -216,6 +216,8 @@ struct WrongRule {
   MakeCacheModel makeModel;
 };
 
+void PrintTo(const WrongRule& rule, std::ostream* text) { *text << rule.name; }
+
 template <typename Model>
 WrongRule Wrong(const char* name) {
   return {name, [](std::uint32_t pageSize) { return std::make_unique<Model>(pageSize); }};
