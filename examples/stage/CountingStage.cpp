@@ -70,14 +70,8 @@ class CountingStage : public OrloStream::StreamStageBase {
 
 }  // namespace
 
-#ifdef _MSC_VER
-#define EXAMPLE_EXPORT __declspec(dllexport)
-#else
-#define EXAMPLE_EXPORT __attribute__((visibility("default")))
-#endif
-
 // The module owns the stage and deletes it when the stream is closed.
-extern "C" EXAMPLE_EXPORT ACE_Module<ACE_MT_SYNCH>* make_CountingStage() {
+extern "C" ACE_Module<ACE_MT_SYNCH>* make_CountingStage() {
   using Module = ACE_Module<ACE_MT_SYNCH>;
   return new (std::nothrow)
       Module(ACE_TEXT("CountingStage"), new CountingStage, nullptr, nullptr, Module::M_DELETE);
