@@ -236,7 +236,8 @@ class AgentTest(unittest.TestCase):
         total = 0
         for chunk in self.chunks(stream):
             try:
-                head = chunk.open("rb").read(4)
+                with chunk.open("rb") as file:
+                    head = file.read(4)
             except FileNotFoundError:
                 continue  # delivered in the meantime
             if len(head) == 4:
