@@ -56,6 +56,7 @@ log:
   levels: { Code.A: debug, Code.B: off }
   file: /var/log/orlo.log
 shutdown: { drain_timeout: 5m }
+watch: { stall_after: 2s, repeat: 3h }
 streams:
   - name: One
     source:
@@ -85,6 +86,8 @@ streams:
             (std::map<std::string, std::string>{{"Code.A", "debug"}, {"Code.B", "off"}}));
   EXPECT_EQ(options.log.file, "/var/log/orlo.log");
   EXPECT_EQ(options.shutdown.drainTimeout, milliseconds(300'000));
+  EXPECT_EQ(options.watch.stallAfter, milliseconds(2'000));
+  EXPECT_EQ(options.watch.repeat, milliseconds(10'800'000));
   ASSERT_EQ(options.streams.size(), 2u);
 
   const auto& one = options.streams[0];
@@ -193,14 +196,15 @@ std::vector<Wrong> DocumentCases() {
       {"UnknownKey",
        "data_dir: x\n" + kStream,
        {"f:1: data_dir: is not known here; known are: data_directory, disk, log, shutdown, "
-        "streams"}},
+        "watch, streams"}},
       {"KeyTwice",
        "data_directory: x\n\ndata_directory: y\n" + kStream,
        {"f:3: data_directory: stands here a second time; the first is in line 1"}},
       {"KeyIsAList", "? [a, b]\n: c\n" + kStream, {"f:1: has a key that is not plain text"}},
       {"LineEndInAKey",
        "\"a\\nb\": x\n" + kStream,
-       {"f:1: a?b: is not known here; known are: data_directory, disk, log, shutdown, streams"}},
+       {"f:1: a?b: is not known here; known are: data_directory, disk, log, shutdown, "
+        "watch, streams"}},
       {"SizeWithoutSense",
        "disk:\n  quota: lots\n  keep_free: 1.5GiB\n" + kStream,
        {"f:2: disk.quota: \"lots\" is not a size such as 10GiB, 512KiB or 4096",
@@ -383,7 +387,7 @@ TEST(Configuration, AllMistakesAreNamedInOneGoInTheOrderOfTheFile) {
             (std::vector<std::string>{
                 "f:1: disk.quota: \"x\" is not a size such as 10GiB, 512KiB or 4096",
                 "f:2: nonsense: is not known here; known are: data_directory, disk, log, shutdown, "
-                "streams",
+                "watch, streams",
                 "f:8: streams[1].name: \"a\" differs only by letter case from the name of the "
                 "stream in line 4",
                 "f:9: streams[1].source: reads the standard input, which another source reads "
