@@ -8,6 +8,8 @@ namespace OrloAgent {
 
 namespace {
 
+constexpr std::size_t kLongestKey = 255;
+
 std::string Join(const std::vector<std::string>& words) {
   std::string text;
   for (const std::string& word : words) {
@@ -173,25 +175,30 @@ void MapReader::Add(const YAML::Node& key, const YAML::Node& value) {
     return;
   }
   const std::string& name = key.Scalar();
+  // Paths of keys are kept for every value below.
+  if (name.size() > kLongestKey) {
+    m_reader.Note({key, keyLine, m_entry.key},
+                  "has a key that is longer than " + std::to_string(kLongestKey) + " bytes");
+    return;
+  }
   ConfigurationEntry added{value, keyLine, m_entry.key.empty() ? name : m_entry.key + "." + name};
-  for (const auto& [other, entry] : m_keys) {
-    if (other == name) {
-      m_reader.Note(
-          added, "stands here a second time; the first is in line " + std::to_string(entry.line));
-      return;
-    }
+  const auto [position, isNew] = m_positions.emplace(name, m_keys.size());
+  if (!isNew) {
+    const int first = m_keys[position->second].second.line;
+    m_reader.Note(added,
+                  "stands here a second time; the first is in line " + std::to_string(first));
+    return;
   }
   m_keys.emplace_back(name, std::move(added));
 }
 
 std::optional<ConfigurationEntry> MapReader::Find(const std::string& key) {
   m_known.push_back(key);
-  for (const auto& [name, entry] : m_keys) {
-    if (name == key) {
-      return entry;
-    }
+  const auto position = m_positions.find(key);
+  if (position == m_positions.end()) {
+    return std::nullopt;
   }
-  return std::nullopt;
+  return m_keys[position->second].second;
 }
 
 std::optional<ConfigurationEntry> MapReader::Require(const std::string& key) {

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "Agent/ConfigurationReader.h"
@@ -77,6 +78,8 @@ class MapReader {
   ValueReader& m_reader;
   bool m_isMap = false;
   std::vector<std::pair<std::string, ConfigurationEntry>> m_keys;
+  // Where in m_keys a key stands: a file may hold very many.
+  std::unordered_map<std::string, std::size_t> m_positions;
   std::vector<std::string> m_known;
 };
 

@@ -7,6 +7,7 @@
 #include <system_error>
 
 #include "Agent/ConfigurationNodes.h"
+#include "Agent/ConfigurationShape.h"
 #include "Agent/StreamSection.h"
 
 namespace OrloAgent {
@@ -103,16 +104,17 @@ void ReadText(std::string_view text, Configuration& configuration) {
     configuration.mistakes.push_back({LineAt(text, nul), "", "there is a NUL byte in the file"});
     return;
   }
-  const std::vector<YAML::Node> documents = YAML::LoadAll(std::string(text));
-  if (documents.empty() || documents.front().IsNull()) {
+  const std::string copy(text);
+  if (auto problem = FindProblemOfShape(copy)) {
+    configuration.mistakes.push_back(std::move(*problem));
+    return;
+  }
+  const YAML::Node document = YAML::Load(copy);
+  if (document.IsNull()) {
     configuration.mistakes.push_back({1, "", "the file is empty; the agent needs a stream"});
     return;
   }
-  if (documents.size() > 1) {
-    configuration.mistakes.push_back(
-        {documents[1].Mark().line + 1, "", "a second document begins; the file must hold one"});
-  }
-  ReadDocument(documents.front(), configuration);
+  ReadDocument(document, configuration);
 }
 
 }  // namespace

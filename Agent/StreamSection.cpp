@@ -225,7 +225,7 @@ void ReadSettings(const ConfigurationEntry& entry, ValueReader& reader, StageOpt
 }
 
 void ReadStage(const ConfigurationEntry& entry, ValueReader& reader,
-               std::vector<StageOptions>& stages) {
+               std::vector<StageOptions>& stages, std::set<std::string>& modules) {
   MapReader map(entry, reader);
   StageOptions stage;
   if (const auto module = map.Require("module"); module && reader.ReadText(*module, stage.module)) {
@@ -237,10 +237,8 @@ void ReadStage(const ConfigurationEntry& entry, ValueReader& reader,
     if (!isName) {
       reader.Note(*module, "must be a module's name: letters, digits and underscores only");
     }
-    for (const StageOptions& other : stages) {
-      if (other.module == stage.module) {
-        reader.Note(*module, "\"" + stage.module + "\" is a stage of this stream already");
-      }
+    if (!modules.insert(stage.module).second) {
+      reader.Note(*module, "\"" + stage.module + "\" is a stage of this stream already");
     }
   }
   if (const auto settings = map.Find("settings")) {
@@ -266,8 +264,9 @@ StreamOptions ReadStream(const ConfigurationEntry& entry, ValueReader& reader, S
     }
   }
   if (const auto list = map.Require("stages")) {
+    std::set<std::string> modules;
     for (const ConfigurationEntry& stage : reader.ReadList(*list, false)) {
-      ReadStage(stage, reader, stream.stages);
+      ReadStage(stage, reader, stream.stages, modules);
     }
     if (list->value.IsSequence() && list->value.size() == 0) {
       reader.Note(*list, "is an empty list; a stream needs a stage");

@@ -420,7 +420,7 @@ TEST(Configuration, ValuesMayBeAliases) {
   EXPECT_EQ(Mistakes("disk: { quota: &size 1GiB, keep_free: *size }\n" + kStream),
             std::vector<std::string>());
   EXPECT_EQ(Mistakes("disk: &disk { quota: *disk }\n" + kStream),
-            std::vector<std::string>{"f:1: disk.quota: must be a single value"});
+            std::vector<std::string>{"f:1: a list or map contains itself"});
 }
 
 TEST(Configuration, FilesThatCannotBeReadAreAMistake) {
