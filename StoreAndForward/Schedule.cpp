@@ -34,7 +34,7 @@ bool Schedule::ParseInterval(const std::string& text, Interval& interval,
   // ^((?:[01][0-9]|2[0-3])[0-5][0-9])-((?:[01][0-9]|2[0-3])[0-5][0-9]);([0-7][0-9A-F]);(.+)$ The
   // zone, (.+), is matched by hand: regular expression engines recurse once per character, and the
   // length of a setting has no limit.
-  const std::regex prefix(
+  static const std::regex prefix(
       "((?:[01][0-9]|2[0-3])[0-5][0-9])-((?:[01][0-9]|2[0-3])[0-5][0-9]);([0-7][0-9A-F]);");
   if (text.size() <= kPrefixLength) {
     return false;

@@ -1,0 +1,138 @@
+#include <algorithm>
+#include <set>
+#include <string>
+#include <string_view>
+
+#include "Agent/ConfigurationReader.h"
+#include "fuzz/FuzzTarget.h"
+
+// The input is the text of a configuration file.
+
+namespace {
+
+using Fuzz::Require;
+using namespace OrloAgent;
+using std::chrono::hours;
+using std::chrono::milliseconds;
+
+bool IsIn(milliseconds value, milliseconds lowest, milliseconds highest) {
+  return value >= lowest && value <= highest;
+}
+
+bool IsLevel(const std::string& level) {
+  return level == "debug" || level == "info" || level == "warn" || level == "error" ||
+         level == "off";
+}
+
+bool HasControlCharacter(std::string_view text) {
+  return std::any_of(text.begin(), text.end(),
+                     [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; });
+}
+
+// Each Check* says what the comments of Agent/Options.h promise.
+
+void CheckEventSize(std::size_t size) {
+  Require(size >= 64 && size <= 16 * 1024 * 1024, "the event size is in range");
+}
+
+void CheckSource(const StdinSourceOptions& source) { CheckEventSize(source.maxEventSize); }
+
+void CheckSource(const SyslogSourceOptions& source) {
+  CheckEventSize(source.maxEventSize);
+  Require(!source.listen.host.empty(), "a listening address has a host");
+  Require(source.maxConnections >= 1 && source.maxConnections <= 1'000'000,
+          "the number of connections is in range");
+  Require(IsIn(source.idleTimeout, milliseconds(0), hours(24)), "the idle timeout is in range");
+}
+
+void CheckDestination(const StdoutDestinationOptions& destination) {
+  Require(IsIn(destination.sendTimeout, milliseconds(1), hours(1)), "the send timeout is in range");
+}
+
+void CheckDestination(const FileDestinationOptions& destination) {
+  Require(IsIn(destination.sendTimeout, milliseconds(1), hours(1)), "the send timeout is in range");
+  Require(!destination.path.empty() && !HasControlCharacter(destination.path),
+          "a destination's file has a usable path");
+}
+
+void CheckDestination(const SyslogDestinationOptions& destination) {
+  Require(IsIn(destination.sendTimeout, milliseconds(1), hours(1)), "the send timeout is in range");
+  Require(IsIn(destination.connectTimeout, milliseconds(1), hours(1)),
+          "the connect timeout is in range");
+  Require(!destination.target.host.empty() && destination.target.port != 0,
+          "a target has a host and a port");
+}
+
+void CheckName(const std::string& name) {
+  Require(!name.empty() && name.size() <= 255 && name != "." && name != ".." &&
+              !HasControlCharacter(name) && name.find_first_of("/\\") == name.npos,
+          "a stream's name is a possible file name");
+}
+
+void CheckStages(const std::vector<StageOptions>& stages) {
+  Require(!stages.empty(), "a stream has a stage");
+  std::set<std::string> modules;
+  for (const StageOptions& stage : stages) {
+    Require(!stage.module.empty() && modules.insert(stage.module).second,
+            "each module is named and stands there once");
+  }
+}
+
+void CheckStreams(const std::vector<StreamOptions>& streams) {
+  Require(!streams.empty(), "there is a stream");
+  std::set<std::string> names;
+  long standardInputs = 0;
+  long standardOutputs = 0;
+  for (const StreamOptions& stream : streams) {
+    CheckName(stream.name);
+    Require(names.insert(stream.name).second, "names of streams differ");
+    Require(!stream.sources.empty(), "a stream has a source");
+    for (const SourceOptions& source : stream.sources) {
+      std::visit([](const auto& one) { CheckSource(one); }, source);
+      standardInputs += std::holds_alternative<StdinSourceOptions>(source) ? 1 : 0;
+    }
+    CheckStages(stream.stages);
+    std::visit([](const auto& one) { CheckDestination(one); }, stream.destination);
+    standardOutputs += std::holds_alternative<StdoutDestinationOptions>(stream.destination) ? 1 : 0;
+  }
+  Require(standardInputs <= 1, "one source reads the standard input");
+  Require(standardOutputs <= 1, "one destination writes to the standard output");
+}
+
+void CheckOptions(const AgentOptions& options) {
+  Require(!options.dataDirectory.empty() && !HasControlCharacter(options.dataDirectory),
+          "the data directory is a usable path");
+  Require(IsLevel(options.log.level), "the level is known");
+  for (const auto& [prefix, level] : options.log.levels) {
+    Require(IsLevel(level), "the level of a prefix is known");
+  }
+  Require(!HasControlCharacter(options.log.file), "the log file is a usable path");
+  Require(IsIn(options.shutdown.drainTimeout, milliseconds(0), hours(24)),
+          "the drain timeout is in range");
+  CheckStreams(options.streams);
+}
+
+void CheckMistakes(const std::vector<ConfigurationMistake>& mistakes, std::string_view text) {
+  const auto lines = 1 + std::count(text.begin(), text.end(), '\n');
+  int last = 0;
+  for (const ConfigurationMistake& mistake : mistakes) {
+    Require(mistake.line >= 1 && mistake.line <= lines, "a mistake's line is one of the text");
+    Require(mistake.line >= last, "mistakes stand in the order of the text");
+    last = mistake.line;
+    Require(!mistake.problem.empty(), "a mistake says what is wrong");
+    Require(!HasControlCharacter(ToText(mistake, "f")), "a mistake is told in one line");
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::string_view text(reinterpret_cast<const char*>(data), size);
+  const Configuration configuration = ParseConfiguration(text);
+  if (configuration.mistakes.empty()) {
+    CheckOptions(configuration.options);
+  } else {
+    CheckMistakes(configuration.mistakes, text);
+  }
+  return 0;
+}
