@@ -96,6 +96,7 @@ Round Measure(StageRun& run, const Options& options) {
 double Median(const std::vector<Round>& rounds,
               const std::function<double(const Round&)>& seconds) {
   std::vector<double> values;
+  values.reserve(rounds.size());
   for (const Round& round : rounds) {
     values.push_back(seconds(round));
   }
