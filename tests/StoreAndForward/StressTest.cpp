@@ -124,9 +124,8 @@ class Round {
     if (m_random() % 2 == 0) {
       settings.emplace("Schedule.Enable", "true");
       for (int hour = 0; hour < 24; hour += 2) {
-        char interval[32];
-        std::snprintf(interval, sizeof(interval), "%02d00-%02d59;7F;UTC", hour, hour);
-        settings.emplace("Schedule.Interval", interval);
+        const std::string digits = (hour < 10 ? "0" : "") + std::to_string(hour);
+        settings.emplace("Schedule.Interval", digits + "00-" + digits + "59;7F;UTC");
       }
       settings.emplace("Schedule.Invert", m_random() % 2 == 0 ? "true" : "false");
     }
