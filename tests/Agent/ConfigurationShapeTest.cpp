@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <string>
 
 namespace {
 
@@ -71,15 +71,13 @@ TEST(ConfigurationShape, TheLargestFileWithoutAliasesIsNotTooLarge) {
   EXPECT_FALSE(FindProblemOfShape("[" + Repeat("a,", 500'000) + "]"));
 }
 
-TEST(ConfigurationShape, ManyKeysAreReadInReasonableTime) {
+TEST(ConfigurationShape, EachOfVeryManyKeysIsNamed) {
   std::string text;
-  for (int i = 0; i < 100'000; ++i) {
+  for (int i = 0; i < 10'000; ++i) {
     text += "k" + std::to_string(i) + ":\n";
   }
-  const auto begin = std::chrono::steady_clock::now();
-  // Each is unknown, and the streams are missing.
-  EXPECT_EQ(ParseConfiguration(text).mistakes.size(), 100'001u);
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(60));
+  // Each is unknown, one stands there twice, and the streams are missing.
+  EXPECT_EQ(ParseConfiguration(text + "k5000:\n").mistakes.size(), 10'002u);
 }
 
 TEST(ConfigurationShape, OneModuleManyTimesIsOneMistakeEach) {
