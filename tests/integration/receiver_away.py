@@ -12,7 +12,7 @@ class ReceiverAway(support.AgentTest):
         config = self.configure(
             self.stream(support.SYSLOG_SOURCE, support.syslog_target(port)), drain="1s")
 
-        agent = self.start(config)
+        agent = self.start(config, abandons=True)
         # Goes to the sender, which holds it from then on: what follows must go to the disk.
         support.send(agent.port(), b"held\n")
         agent.wait_for(r"\(near\)")
@@ -79,7 +79,7 @@ class ReceiverAway(support.AgentTest):
                         name="Away") +
             self.stream(support.SYSLOG_SOURCE, support.syslog_target(good.port), name="There"),
             drain="1s")
-        agent = self.start(config)
+        agent = self.start(config, abandons=True)
         support.send(agent.port("Away"), b"held\n")
         agent.wait_for(r"Incoming\.Away: .*\(near\)")
         events = support.numbered(0, 3_000)

@@ -66,7 +66,7 @@ class StandardStreams(support.AgentTest):
     def test_a_reader_that_has_gone_is_reported_once_and_events_are_held(self):
         config = self.configure(self.stream("{ type: stdin }", "{ type: stdout }"), drain="7s")
         read_end, write_end = os.pipe()
-        agent = self.start(config, stdin=subprocess.PIPE, stdout=write_end)
+        agent = self.start(config, stdin=subprocess.PIPE, stdout=write_end, abandons=True)
         os.close(write_end)
         os.close(read_end)
         with agent.process.stdin as given:
@@ -94,7 +94,7 @@ class StandardStreams(support.AgentTest):
         port = support.free_port()
         config = self.configure(self.stream("{ type: stdin }", support.syslog_target(port)),
                                 drain="10m")
-        agent = self.start(config, stdin=subprocess.PIPE)
+        agent = self.start(config, stdin=subprocess.PIPE, abandons=True)
         with agent.process.stdin as given:
             given.write(b"nobody wants it\n")
             given.flush()

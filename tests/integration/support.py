@@ -50,14 +50,22 @@ def free_port():
 
 
 class Agent:
-    """A running orlo-agent. Its messages are collected while it runs."""
+    """A running orlo-agent. Its messages are collected while it runs.
+
+    An agent that abandons events is one that is stopped while its stage holds some: they are left
+    to the end of the process, which LeakSanitizer need not report.
+    """
 
     def __init__(self, config, directory, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                 modules=None, arguments=None):
+                 modules=None, arguments=None, abandons=False):
         command = arguments or [AGENT, "run", "--config", str(config),
                                 "--modules", str(modules or MODULES)]
+        environment = dict(os.environ)
+        if abandons:
+            environment["ASAN_OPTIONS"] = ":".join(
+                filter(None, [environment.get("ASAN_OPTIONS"), "detect_leaks=0"]))
         self.process = subprocess.Popen(command, cwd=directory, stdin=stdin, stdout=stdout,
-                                        stderr=subprocess.PIPE)
+                                        stderr=subprocess.PIPE, env=environment)
         self.lines = []
         self._reader = threading.Thread(target=self._read, daemon=True)
         self._reader.start()
