@@ -109,6 +109,9 @@ class Clients(support.AgentTest):
         events = [support.numbered(first, 20_000) for first in (0, 20_000, 40_000)]
         for part in events:
             support.send(self.port, support.as_lines(part))
+        # A stop listens to senders for a second only; what was sent is let arrive first.
+        support.wait_until(lambda: self.output.exists()
+                           and self.output.read_bytes().count(b"\n") >= 60_000, "every event")
         lines = self.delivered().split(b"\n")[:-1]
         self.assertEqual(sorted(lines), events[0] + events[1] + events[2])
         for part in events:

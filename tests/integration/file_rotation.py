@@ -35,6 +35,10 @@ class FileRotation(support.AgentTest):
         finally:
             stopped.set()
             producer.join()
+        # A stop listens to senders for a second only; what was sent is let arrive first.
+        support.wait_until(
+            lambda: sum(each.read_bytes().count(b"\n") for each in [*rotated, path])
+            >= len(events), "every event")
         self.assertEqual(agent.stop(), 0)
         lines = b"".join(each.read_bytes() for each in [*rotated, path]).split(b"\n")[:-1]
         self.assertEqual(sorted(lines), events)
