@@ -2,14 +2,12 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <stdlib.h>
-#include <sys/mman.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <csignal>
-#include <limits>
 #include <string>
 #include <thread>
 
@@ -122,21 +120,6 @@ TEST(ReadWriteTest, WriteThatMeetsTheSizeLimitReportsTheBytesWrittenBefore) {
   EXPECT_EQ(count, 100u);
   EXPECT_TRUE(CloseHandle(file));
   EXPECT_EQ(path.Content().size(), 100u);
-}
-
-TEST(ReadWriteTest, LargestPossibleWriteIsMadeInOneCall) {
-  constexpr DWORD kSize = std::numeric_limits<DWORD>::max();
-  // The null device never looks at the pages, so they take no memory.
-  void* pages =
-      ::mmap(nullptr, kSize, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  ASSERT_NE(pages, MAP_FAILED);
-  const HANDLE file = OpenForWriting(L"\\dev\\null");
-  ASSERT_NE(file, INVALID_HANDLE_VALUE);
-  DWORD count = 0;
-  EXPECT_TRUE(WriteFile(file, pages, kSize, &count, nullptr));
-  EXPECT_EQ(count, kSize);
-  EXPECT_TRUE(CloseHandle(file));
-  ::munmap(pages, kSize);
 }
 
 // A terminal hands out its input line by line, so one ReadFile needs several reads.
