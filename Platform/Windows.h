@@ -83,14 +83,17 @@ constexpr DWORD ERROR_DISK_FULL = 112;
 constexpr DWORD ERROR_INSUFFICIENT_BUFFER = 122;
 constexpr DWORD ERROR_INVALID_NAME = 123;
 constexpr DWORD ERROR_DIR_NOT_EMPTY = 145;
+constexpr DWORD ERROR_BAD_PATHNAME = 161;
 constexpr DWORD ERROR_BUSY = 170;
 constexpr DWORD ERROR_ALREADY_EXISTS = 183;
 constexpr DWORD ERROR_FILENAME_EXCED_RANGE = 206;
 constexpr DWORD ERROR_FILE_TOO_LARGE = 223;
 constexpr DWORD ERROR_MORE_DATA = 234;
 constexpr DWORD ERROR_DIRECTORY = 267;
+constexpr DWORD ERROR_NOACCESS = 998;
 constexpr DWORD ERROR_NO_UNICODE_TRANSLATION = 1113;
 constexpr DWORD ERROR_IO_DEVICE = 1117;
+constexpr DWORD ERROR_INVALID_USER_BUFFER = 1784;
 constexpr DWORD ERROR_NOT_ENOUGH_QUOTA = 1816;
 constexpr DWORD ERROR_CANT_RESOLVE_FILENAME = 1921;
 
@@ -200,7 +203,7 @@ BOOL CreateDirectoryW(LPCWSTR pathName, SECURITY_ATTRIBUTES* securityAttributes)
 BOOL RemoveDirectoryW(LPCWSTR pathName);
 
 // FILE_ATTRIBUTE_DIRECTORY, or for anything else FILE_ATTRIBUTE_READONLY or FILE_ATTRIBUTE_NORMAL;
-// those of its target for a link. A file's path with a separator behind it gives ERROR_DIRECTORY.
+// those of its target for a link. A file's path with a separator behind it gives ERROR_INVALID_NAME.
 DWORD GetFileAttributesW(LPCWSTR fileName);
 
 // The C runtime's: 0, or -1 with errno set. A directory or a read-only file is not deleted

@@ -282,7 +282,7 @@ BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD numberOfBytesToRead, LPDWORD num
              return error;
            }
            if (buffer == nullptr && numberOfBytesToRead != 0) {
-             return ERROR_INVALID_PARAMETER;
+             return ERROR_NOACCESS;
            }
            if (const TestFaults::Fault fault = AskFault(TestFaults::FileCall::ReadFile);
                fault.error != 0) {
@@ -307,7 +307,7 @@ BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD numberOfBytesToWrite,
              return error;
            }
            if (buffer == nullptr && numberOfBytesToWrite != 0) {
-             return ERROR_INVALID_PARAMETER;
+             return ERROR_INVALID_USER_BUFFER;
            }
            return WriteWithFault(descriptor, static_cast<const char*>(buffer), numberOfBytesToWrite,
                                  *numberOfBytesWritten);

@@ -108,7 +108,10 @@ DWORD OpenDirectory(const std::string& path, DirectoryStream& stream) {
       RetryInterrupted([&] { return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
   if (!directory.IsOpen()) {
     const DWORD error = PathError(errno, path);
-    return error == ERROR_FILE_NOT_FOUND ? ERROR_PATH_NOT_FOUND : error;
+    // The separator belongs between the directory and the pattern.
+    return error == ERROR_FILE_NOT_FOUND ? ERROR_PATH_NOT_FOUND
+           : error == ERROR_INVALID_NAME ? ERROR_DIRECTORY
+                                         : error;
   }
   stream.reset(::fdopendir(directory.Get()));
   if (!stream) {

@@ -42,6 +42,13 @@ bool Exists(const std::string& native) {
   return ::lstat(WithoutTrailingSeparators(native).c_str(), &status) == 0;
 }
 
+// A separator behind something that is no directory, or would become none.
+bool HasStraySeparator(const std::string& native) {
+  struct stat status;
+  return native.size() > 1 && native.back() == '/' &&
+         !(::stat(native.c_str(), &status) == 0 && S_ISDIR(status.st_mode));
+}
+
 }  // namespace
 
 DWORD ToNativePath(LPCWSTR path, std::string& native) {
@@ -90,7 +97,11 @@ std::wstring FromNativeName(std::string_view name) {
 }
 
 DWORD PathError(int error, const std::string& native) {
-  if (error == ENOTDIR && Exists(native)) {
+  const bool bUsedAsDirectory = error == ENOTDIR && Exists(native);
+  if ((bUsedAsDirectory || error == EISDIR) && HasStraySeparator(native)) {
+    return ERROR_INVALID_NAME;
+  }
+  if (bUsedAsDirectory) {
     return ERROR_DIRECTORY;
   }
   if (error == ENOENT || error == ENOTDIR) {

@@ -22,7 +22,7 @@ std::wstring FromNativeName(std::string_view name);
 // The Windows code for an errno value that a call on `native` gave. This is the one place that
 // tells ERROR_FILE_NOT_FOUND (the parent is a directory) from ERROR_PATH_NOT_FOUND (it is not, or
 // does not exist). Something that exists and is used as a directory without being one is
-// ERROR_DIRECTORY.
+// ERROR_DIRECTORY; a separator behind the name of a file is ERROR_INVALID_NAME.
 DWORD PathError(int error, const std::string& native);
 
 // A file without any write permission is read-only, whoever asks. A directory carries

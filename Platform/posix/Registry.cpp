@@ -135,6 +135,9 @@ DWORD OpenKey(HKEY parent, LPCWSTR subKey, PHKEY result) {
   if (!parentKey) {
     return ERROR_INVALID_HANDLE;
   }
+  if (subKey != nullptr && subKey[0] == L'\\') {
+    return ERROR_BAD_PATHNAME;
+  }
   auto key = std::make_shared<Key>();
   key->path = Join(parentKey->path, subKey);
   std::optional<Values> values = ReadKey(key->path);

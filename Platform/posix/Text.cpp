@@ -53,12 +53,12 @@ DWORD FinalSize(std::size_t size, int& converted) {
   return ERROR_SUCCESS;
 }
 
+// A buffer that is too small is reported before text that is not well-formed, as on Windows.
 DWORD ToMultiByte(std::wstring_view text, bool strict, Output<char> output, int& converted) {
+  bool bInvalid = false;
   while (!text.empty()) {
     const Step step = DecodeWide(text);
-    if (!step.valid && strict) {
-      return ERROR_NO_UNICODE_TRANSLATION;
-    }
+    bInvalid = bInvalid || !step.valid;
     char bytes[4];
     const std::size_t count = EncodeUtf8(step.valid ? step.character : kReplacement, bytes);
     if (!output.Append(bytes, count)) {
@@ -66,20 +66,25 @@ DWORD ToMultiByte(std::wstring_view text, bool strict, Output<char> output, int&
     }
     text.remove_prefix(step.length);
   }
+  if (bInvalid && strict) {
+    return ERROR_NO_UNICODE_TRANSLATION;
+  }
   return FinalSize(output.Size(), converted);
 }
 
 DWORD ToWide(std::string_view text, bool strict, Output<wchar_t> output, int& converted) {
+  bool bInvalid = false;
   while (!text.empty()) {
     const Step step = DecodeUtf8(text);
-    if (!step.valid && strict) {
-      return ERROR_NO_UNICODE_TRANSLATION;
-    }
+    bInvalid = bInvalid || !step.valid;
     const auto unit = static_cast<wchar_t>(step.valid ? step.character : kReplacement);
     if (!output.Append(&unit, 1)) {
       return ERROR_INSUFFICIENT_BUFFER;
     }
     text.remove_prefix(step.length);
+  }
+  if (bInvalid && strict) {
+    return ERROR_NO_UNICODE_TRANSLATION;
   }
   return FinalSize(output.Size(), converted);
 }

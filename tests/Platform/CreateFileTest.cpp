@@ -242,12 +242,22 @@ TEST(CreateFileTest, LinkToNowhereIsNotFoundUnderEveryDisposition) {
   }
 }
 
-TEST(CreateFileTest, FileWithSeparatorBehindItIsAnInvalidDirectory) {
+TEST(CreateFileTest, FileWithSeparatorBehindItIsAnInvalidName) {
   const PathInState path(State::File);
   EXPECT_EQ(CreateFileW((path.WidePath() + L"\\").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING,
                         0, nullptr),
             INVALID_HANDLE_VALUE);
-  EXPECT_EQ(GetLastError(), ERROR_DIRECTORY);
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_NAME);
+}
+
+TEST(CreateFileTest, NewFileWithSeparatorBehindItIsAnInvalidName) {
+  const PathInState path(State::Missing);
+  for (const DWORD disposition : {CREATE_NEW, CREATE_ALWAYS, OPEN_ALWAYS}) {
+    EXPECT_EQ(CreateFileW((path.WidePath() + L"\\").c_str(), GENERIC_WRITE, 0, nullptr, disposition,
+                          0, nullptr),
+              INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_NAME) << "disposition " << disposition;
+  }
 }
 
 }  // namespace

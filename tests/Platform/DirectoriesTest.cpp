@@ -106,7 +106,7 @@ TEST(DirectoriesTest, AttributesInEveryState) {
 TEST(DirectoriesTest, AttributesWithASeparatorAtTheEnd) {
   const PathInState file(State::File);
   EXPECT_EQ(GetFileAttributesW((file.WidePath() + L"\\").c_str()), INVALID_FILE_ATTRIBUTES);
-  EXPECT_EQ(GetLastError(), ERROR_DIRECTORY);
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_NAME);
   const PathInState directory(State::Directory);
   EXPECT_EQ(GetFileAttributesW((directory.WidePath() + L"\\").c_str()), FILE_ATTRIBUTE_DIRECTORY);
   const PathInState missing(State::Missing);

@@ -26,9 +26,9 @@ TEST(ErrorTest, LastErrorBelongsToTheThread) {
 
 TEST(ErrorTest, EveryErrorCodeHasATextOfItsOwn) {
   std::set<std::string> texts;
-  const DWORD codes[] = {0,   1,   2,   3,   4,   5,   6,    8,    18,   19,
-                         31,  32,  50,  80,  87,  109, 112,  122,  123,  145,
-                         170, 183, 206, 223, 234, 267, 1113, 1117, 1816, 1921};
+  const DWORD codes[] = {0,   1,    2,   3,   4,   5,   6,   8,    18,   19,   161,
+                         998, 1784, 31,  32,  50,  80,  87,  109,  112,  122,  123,
+                         145, 170,  183, 206, 223, 234, 267, 1113, 1117, 1816, 1921};
   for (const DWORD code : codes) {
     const std::string text = Platform::ErrorText(code);
     EXPECT_TRUE(texts.insert(text).second) << text;
@@ -57,6 +57,7 @@ TEST(ErrorTest, ErrnoValuesHaveTheirWindowsCode) {
       {ENFILE, ERROR_TOO_MANY_OPEN_FILES},
       {EROFS, ERROR_WRITE_PROTECT},
       {EIO, ERROR_IO_DEVICE},
+      {EFAULT, ERROR_NOACCESS},
       {EFBIG, ERROR_FILE_TOO_LARGE},
       {EBUSY, ERROR_BUSY},
       {EEXIST, ERROR_ALREADY_EXISTS},
@@ -84,6 +85,7 @@ TEST(ErrorTest, WindowsCodesHaveTheErrnoOfTheCRuntime) {
   EXPECT_EQ(Platform::ErrnoFromError(ERROR_SHARING_VIOLATION), EACCES);
   EXPECT_EQ(Platform::ErrnoFromError(ERROR_DISK_FULL), ENOSPC);
   EXPECT_EQ(Platform::ErrnoFromError(ERROR_INVALID_HANDLE), EBADF);
+  EXPECT_EQ(Platform::ErrnoFromError(ERROR_INVALID_NAME), EINVAL);
   EXPECT_EQ(Platform::ErrnoFromError(4711), EINVAL);
 }
 

@@ -83,9 +83,9 @@ TEST(ReadWriteTest, BadArgumentsAreRefused) {
   EXPECT_FALSE(WriteFile(file, buffer, 4, nullptr, nullptr));
   EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
   EXPECT_FALSE(ReadFile(file, nullptr, 4, &count, nullptr));
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(GetLastError(), ERROR_NOACCESS);
   EXPECT_FALSE(WriteFile(file, nullptr, 4, &count, nullptr));
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_USER_BUFFER);
   EXPECT_TRUE(CloseHandle(file));
   EXPECT_EQ(path.Content(), kContent);
 }

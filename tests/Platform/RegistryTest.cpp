@@ -111,6 +111,11 @@ TEST_F(RegistryTest, UnknownKeysAndValuesAreNotFound) {
   EXPECT_EQ(Query(HKEY_LOCAL_MACHINE, L"TZI", data), LSTATUS{ERROR_FILE_NOT_FOUND});
 }
 
+TEST_F(RegistryTest, KeyWithASeparatorBeforeItIsABadPath) {
+  EXPECT_FALSE(Exists(L"\\" + kBerlin));
+  EXPECT_EQ(m_error, LSTATUS{ERROR_BAD_PATHNAME});
+}
+
 TEST_F(RegistryTest, OptionsAndOtherAccessRightsAreRefused) {
   HKEY key = nullptr;
   EXPECT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SOFTWARE", 1, KEY_READ, &key),
