@@ -1,7 +1,6 @@
 #include "OrloStream/StageModule.h"
 
 #include <ace/DLL.h>
-#include <ace/Default_Constants.h>
 
 #include <filesystem>
 #include <system_error>
@@ -23,8 +22,8 @@ std::filesystem::path FromUtf8(const std::string& text) {
 }
 
 std::string GetFileName(const std::string& directory, const std::string& moduleName) {
-  return directory + "/" + ACE_TEXT_ALWAYS_CHAR(ACE_DLL_PREFIX) + moduleName +
-         ACE_TEXT_ALWAYS_CHAR(ACE_DLL_SUFFIX);
+  // As the build names modules; ACE's own idea of a prefix is another one with some compilers.
+  return directory + "/" + ORLO_MODULE_PREFIX + moduleName + ORLO_MODULE_SUFFIX;
 }
 
 using Factory = Module* (*)();

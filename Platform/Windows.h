@@ -233,7 +233,7 @@ void Sleep(DWORD milliseconds);
 
 // ---- Time --------------------------------------------------------------------------------------
 //
-// All of these read one replaceable clock (Platform/posix/TestClock.h); it is the system's
+// All of these read one replaceable clock (Platform/testing/TestClock.h); it is the system's
 // real-time clock unless a test replaced it.
 
 struct SYSTEMTIME {
@@ -282,7 +282,7 @@ std::tm* _gmtime64(const __time64_t* sourceTime);
 // HKEY_LOCAL_MACHINE\SOFTWARE\Microsoft\Windows NT\CurrentVersion\Time Zones\<Windows zone name>
 // with the value "TZI", made from the system's tzdata when the key is opened. Key and value names
 // are compared without regard to case. Tests may add, replace and remove keys and values
-// (Platform/posix/TestRegistry.h).
+// (Platform/testing/TestRegistry.h).
 
 struct HKEY__;
 using HKEY = HKEY__*;

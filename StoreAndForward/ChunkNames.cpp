@@ -1,6 +1,7 @@
 #include "StoreAndForward/ChunkNames.h"
 
 #include <array>
+#include <ctime>
 #include <cwchar>
 
 #include "Platform/Windows.h"

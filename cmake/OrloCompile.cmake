@@ -6,6 +6,10 @@ function(orlo_target target)
   target_compile_features(${target} PUBLIC cxx_std_20)
   target_include_directories(${target} PUBLIC
     "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>" "$<INSTALL_INTERFACE:include/orlo>")
+  if(WIN32)
+    # Whichever library includes the system's headers first, it leaves the names min and max alone.
+    target_compile_definitions(${target} PUBLIC NOMINMAX WIN32_LEAN_AND_MEAN)
+  endif()
   if(MSVC)
     target_compile_options(${target} PRIVATE /W4 /WX /utf-8)
   else()

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <limits>
 
-#include "Platform/posix/TestClock.h"
+#include "Platform/testing/TestClock.h"
 
 namespace Platform {
 

@@ -28,7 +28,7 @@ DWORD MakeDirectory(LPCWSTR path, SECURITY_ATTRIBUTES* securityAttributes) {
     return ERROR_INVALID_PARAMETER;
   }
   std::string native;
-  if (const DWORD error = Prepare(path, FileCall::CreateDirectory, native);
+  if (const DWORD error = Prepare(path, FileCall::CreateDirectoryW, native);
       error != ERROR_SUCCESS) {
     return error;
   }
@@ -37,7 +37,7 @@ DWORD MakeDirectory(LPCWSTR path, SECURITY_ATTRIBUTES* securityAttributes) {
 
 DWORD DeleteDirectory(LPCWSTR path) {
   std::string native;
-  if (const DWORD error = Prepare(path, FileCall::RemoveDirectory, native);
+  if (const DWORD error = Prepare(path, FileCall::RemoveDirectoryW, native);
       error != ERROR_SUCCESS) {
     return error;
   }
@@ -50,7 +50,7 @@ DWORD DeleteDirectory(LPCWSTR path) {
 
 DWORD ReadAttributes(LPCWSTR path, DWORD& attributes) {
   std::string native;
-  if (const DWORD error = Prepare(path, FileCall::GetFileAttributes, native);
+  if (const DWORD error = Prepare(path, FileCall::GetFileAttributesW, native);
       error != ERROR_SUCCESS) {
     return error;
   }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Platform/posix/TestFaults.h"
+#include "Platform/testing/TestFaults.h"
 
 namespace Platform {
 

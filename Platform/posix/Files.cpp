@@ -143,7 +143,7 @@ DWORD AcceptExisting(const OpenRequest& request, const Descriptor& file) {
 
 // ERROR_ALREADY_EXISTS together with a handle is a success.
 DWORD Open(const OpenRequest& request, DWORD creationDisposition, HANDLE& handle) {
-  if (const Fault fault = AskFault(FileCall::CreateFile); fault.error != 0) {
+  if (const Fault fault = AskFault(FileCall::CreateFileW); fault.error != 0) {
     return fault.error;
   }
   Descriptor file;

@@ -135,7 +135,7 @@ DWORD FindFirst(LPCWSTR fileName, LPWIN32_FIND_DATAW data, HANDLE& handle) {
   if (!bWithoutDot && !bAll && pattern.name.find_first_of("*?<>\"") != std::string::npos) {
     return ERROR_INVALID_PARAMETER;
   }
-  if (const DWORD error = AskFault(FileCall::FindFirstFile).error; error != ERROR_SUCCESS) {
+  if (const DWORD error = AskFault(FileCall::FindFirstFileW).error; error != ERROR_SUCCESS) {
     return error;
   }
   auto listing = std::make_shared<Listing>();
@@ -169,7 +169,7 @@ DWORD FindNext(HANDLE handle, LPWIN32_FIND_DATAW data) {
   if (data == nullptr) {
     return ERROR_INVALID_PARAMETER;
   }
-  if (const DWORD error = AskFault(FileCall::FindNextFile).error; error != ERROR_SUCCESS) {
+  if (const DWORD error = AskFault(FileCall::FindNextFileW).error; error != ERROR_SUCCESS) {
     return error;
   }
   return Advance(**listing, *data);

@@ -13,8 +13,8 @@
 #include "Platform/posix/Errors.h"
 #include "Platform/posix/Handles.h"
 #include "Platform/posix/Names.h"
-#include "Platform/posix/TestRegistry.h"
 #include "Platform/posix/TimeZones.h"
+#include "Platform/testing/TestRegistry.h"
 
 namespace Platform {
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "Platform/Windows.h"
-#include "Platform/posix/TestFaults.h"
+#include "Platform/testing/TestFaults.h"
 #include "tests/Platform/PathStates.h"
 
 namespace PlatformTest {
@@ -50,11 +50,11 @@ TEST_F(FaultsTest, HookIsAskedOnceByEveryFileCallWithItsKind) {
   EXPECT_TRUE(RemoveDirectoryW(m_missing.WidePath().c_str()));
   EXPECT_NE(GetFileAttributesW(m_file.WidePath().c_str()), INVALID_FILE_ATTRIBUTES);
   EXPECT_EQ(_wunlink(m_file.WidePath().c_str()), 0);
-  EXPECT_EQ(calls, (std::vector<FileCall>{FileCall::CreateFile, FileCall::ReadFile,
+  EXPECT_EQ(calls, (std::vector<FileCall>{FileCall::CreateFileW, FileCall::ReadFile,
                                           FileCall::WriteFile, FileCall::CloseHandle,
-                                          FileCall::FindFirstFile, FileCall::FindNextFile,
-                                          FileCall::CreateDirectory, FileCall::RemoveDirectory,
-                                          FileCall::GetFileAttributes, FileCall::Unlink}));
+                                          FileCall::FindFirstFileW, FileCall::FindNextFileW,
+                                          FileCall::CreateDirectoryW, FileCall::RemoveDirectoryW,
+                                          FileCall::GetFileAttributesW, FileCall::Unlink}));
   EXPECT_EQ(Platform::TestFaults::CallCount(), calls.size());
 }
 

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "Platform/Windows.h"
-#include "Platform/posix/TestRegistry.h"
+#include "Platform/testing/TestRegistry.h"
 
 namespace PlatformTest {
 namespace {

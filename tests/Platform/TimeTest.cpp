@@ -5,7 +5,7 @@
 #include <cstdint>
 
 #include "Platform/Windows.h"
-#include "Platform/posix/TestClock.h"
+#include "Platform/testing/TestClock.h"
 
 namespace PlatformTest {
 namespace {

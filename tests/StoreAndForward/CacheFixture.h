@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "Platform/posix/TestClock.h"
-#include "Platform/posix/TestFaults.h"
+#include "Platform/testing/TestClock.h"
+#include "Platform/testing/TestFaults.h"
 #include "StoreAndForward/EventCache.h"
 #include "WindowsAgentCommon/Services.h"
 #include "tests/support/CountingAllocators.h"

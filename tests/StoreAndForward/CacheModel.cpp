@@ -20,7 +20,7 @@ bool Faults(const CacheOperation& operation, FileCall call) {
 
 // Whether the listing fails that is the n-th of the operation, counted from 0.
 bool FaultsListing(const CacheOperation& operation, std::int64_t n) {
-  return Faults(operation, FileCall::FindFirstFile) &&
+  return Faults(operation, FileCall::FindFirstFileW) &&
          (operation.fault->detail < 0 || operation.fault->detail == n);
 }
 
@@ -150,15 +150,15 @@ CacheModel::PushOutcome CacheModel::Push(const CacheOperation& operation) {
 
 bool CacheModel::PrepareMinute(const CacheOperation& operation, const std::string& minute,
                                bool& made) {
-  if (Faults(operation, FileCall::GetFileAttributes)) {
+  if (Faults(operation, FileCall::GetFileAttributesW)) {
     if (operation.fault->error != kFileNotFound) {
       return false;
     }
   } else if (m_tree.contains(minute)) {
     return IsDirectory(minute);
   }
-  if (!IsDirectory("") || m_tree.contains(minute) || Faults(operation, FileCall::CreateDirectory) ||
-      m_readOnly) {
+  if (!IsDirectory("") || m_tree.contains(minute) ||
+      Faults(operation, FileCall::CreateDirectoryW) || m_readOnly) {
     return false;
   }
   m_tree[minute] = std::nullopt;
@@ -196,7 +196,7 @@ bool CacheModel::StoreChunk(const CacheOperation& operation, const std::string& 
   m_buffer = image.size() >= m_buffer.size() ? image : image + m_buffer.substr(image.size());
   const auto existing = m_tree.find(path);
   const bool isDirectory = existing != m_tree.end() && !existing->second;
-  if (isDirectory || Faults(operation, FileCall::CreateFile) || m_readOnly) {
+  if (isDirectory || Faults(operation, FileCall::CreateFileW) || m_readOnly) {
     m_released += KeepsRoomOfLostChunk() ? 0 : image.size();
     ++m_met["push without a file"];
     return false;
@@ -225,7 +225,7 @@ bool CacheModel::GrowBuffer(std::uint64_t size) {
 CacheModel::FrontOutcome CacheModel::Front(const CacheOperation& operation) {
   const Entry& entry = m_queue.front();
   const std::string path = entry.Path();
-  if (Faults(operation, FileCall::CreateFile) || !IsFile(path)) {
+  if (Faults(operation, FileCall::CreateFileW) || !IsFile(path)) {
     ++m_met["front without its file"];
     return {};
   }
@@ -257,20 +257,20 @@ void CacheModel::Pop(const CacheOperation& operation) {
   }
   m_released += SizeReleased(entry);
   if (IsDirectory(entry.minute) && !HasChildren(entry.minute) && !m_readOnly &&
-      !FaultsListing(operation, 0) && !Faults(operation, FileCall::FindNextFile) &&
-      !Faults(operation, FileCall::RemoveDirectory)) {
+      !FaultsListing(operation, 0) && !Faults(operation, FileCall::FindNextFileW) &&
+      !Faults(operation, FileCall::RemoveDirectoryW)) {
     m_tree.erase(entry.minute);
     ++m_met["directory of the last chunk removed"];
   }
 }
 
 std::uint32_t CacheModel::Restart(const CacheOperation& operation) {
-  if (Faults(operation, FileCall::GetFileAttributes)) {
+  if (Faults(operation, FileCall::GetFileAttributesW)) {
     ++m_met["creation that fails"];
     return operation.fault->error;
   }
   if (!IsDirectory("")) {
-    const bool faults = Faults(operation, FileCall::CreateDirectory);
+    const bool faults = Faults(operation, FileCall::CreateDirectoryW);
     if (faults || m_readOnly) {
       ++m_met["creation that fails"];
       return faults ? operation.fault->error : kAccessDenied;

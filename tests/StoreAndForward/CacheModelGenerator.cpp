@@ -163,11 +163,11 @@ void CacheModelGenerator::AddFault(CacheOperation& operation) {
   CacheFault fault{{}, kErrors[Below(kErrors.size())], -1};
   switch (operation.kind) {
     case Kind::Push: {
-      constexpr std::array kCalls{FileCall::GetFileAttributes, FileCall::CreateDirectory,
-                                  FileCall::CreateFile,        FileCall::WriteFile,
-                                  FileCall::CloseHandle,       FileCall::WriteFile};
+      constexpr std::array kCalls{FileCall::GetFileAttributesW, FileCall::CreateDirectoryW,
+                                  FileCall::CreateFileW,        FileCall::WriteFile,
+                                  FileCall::CloseHandle,        FileCall::WriteFile};
       fault.call = kCalls[Below(kCalls.size())];
-      if (fault.call == FileCall::GetFileAttributes && Below(2) == 0) {
+      if (fault.call == FileCall::GetFileAttributesW && Below(2) == 0) {
         fault.error = Below(2) == 0 ? ERROR_FILE_NOT_FOUND : ERROR_PATH_NOT_FOUND;
       }
       if (fault.call == FileCall::WriteFile) {
@@ -177,7 +177,7 @@ void CacheModelGenerator::AddFault(CacheOperation& operation) {
       break;
     }
     case Kind::Front: {
-      constexpr std::array kCalls{FileCall::CreateFile, FileCall::ReadFile, FileCall::CloseHandle};
+      constexpr std::array kCalls{FileCall::CreateFileW, FileCall::ReadFile, FileCall::CloseHandle};
       const std::uint64_t chosen = Below(kCalls.size() + 1);
       if (chosen == kCalls.size()) {
         operation.blocks = static_cast<std::int64_t>(Below(8));
@@ -187,16 +187,16 @@ void CacheModelGenerator::AddFault(CacheOperation& operation) {
       break;
     }
     case Kind::Pop: {
-      constexpr std::array kCalls{FileCall::Unlink, FileCall::FindFirstFile, FileCall::FindNextFile,
-                                  FileCall::RemoveDirectory};
+      constexpr std::array kCalls{FileCall::Unlink, FileCall::FindFirstFileW,
+                                  FileCall::FindNextFileW, FileCall::RemoveDirectoryW};
       fault.call = kCalls[Below(kCalls.size())];
       break;
     }
     case Kind::Restart: {
-      constexpr std::array kCalls{FileCall::FindFirstFile, FileCall::FindFirstFile,
-                                  FileCall::GetFileAttributes, FileCall::CreateDirectory};
+      constexpr std::array kCalls{FileCall::FindFirstFileW, FileCall::FindFirstFileW,
+                                  FileCall::GetFileAttributesW, FileCall::CreateDirectoryW};
       fault.call = kCalls[Below(kCalls.size())];
-      if (fault.call == FileCall::FindFirstFile) {
+      if (fault.call == FileCall::FindFirstFileW) {
         fault.detail = static_cast<std::int64_t>(Below(4));
       }
       break;

@@ -40,15 +40,15 @@ struct CallText {
   std::string_view name;
 };
 
-constexpr std::array kCalls{CallText{FileCall::CreateFile, "CreateFile"},
+constexpr std::array kCalls{CallText{FileCall::CreateFileW, "CreateFile"},
                             CallText{FileCall::ReadFile, "ReadFile"},
                             CallText{FileCall::WriteFile, "WriteFile"},
                             CallText{FileCall::CloseHandle, "CloseHandle"},
-                            CallText{FileCall::FindFirstFile, "FindFirstFile"},
-                            CallText{FileCall::FindNextFile, "FindNextFile"},
-                            CallText{FileCall::CreateDirectory, "CreateDirectory"},
-                            CallText{FileCall::RemoveDirectory, "RemoveDirectory"},
-                            CallText{FileCall::GetFileAttributes, "GetFileAttributes"},
+                            CallText{FileCall::FindFirstFileW, "FindFirstFile"},
+                            CallText{FileCall::FindNextFileW, "FindNextFile"},
+                            CallText{FileCall::CreateDirectoryW, "CreateDirectory"},
+                            CallText{FileCall::RemoveDirectoryW, "RemoveDirectory"},
+                            CallText{FileCall::GetFileAttributesW, "GetFileAttributes"},
                             CallText{FileCall::Unlink, "Unlink"}};
 
 constexpr std::string_view kBlock = "Block";
@@ -117,8 +117,8 @@ void RefuseUnforeseeable(const CacheOperation& operation) {
   const CacheFault& fault = *operation.fault;
   const bool isRestart = operation.kind == Kind::Restart;
   if ((fault.error == 0 && fault.call != FileCall::WriteFile) ||
-      (isRestart && fault.call == FileCall::FindNextFile) ||
-      (isRestart && fault.call == FileCall::GetFileAttributes && fault.error <= kPathNotFound)) {
+      (isRestart && fault.call == FileCall::FindNextFileW) ||
+      (isRestart && fault.call == FileCall::GetFileAttributesW && fault.error <= kPathNotFound)) {
     throw std::invalid_argument("a fault whose result is not defined");
   }
 }

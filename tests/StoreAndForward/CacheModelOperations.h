@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Platform/posix/TestFaults.h"
+#include "Platform/testing/TestFaults.h"
 
 // What a sequence of the event cache's model test is made of, and its text: one operation a line,
 // so that a sequence that found something can be kept in a file and replayed.

@@ -8,8 +8,8 @@
 #include <sstream>
 
 #include "Platform/Windows.h"
-#include "Platform/posix/TestClock.h"
-#include "Platform/posix/TestFaults.h"
+#include "Platform/testing/TestClock.h"
+#include "Platform/testing/TestFaults.h"
 #include "StoreAndForward/ChunkBuffer.h"
 #include "StoreAndForward/EventCache.h"
 #include "WindowsAgentCommon/DiskManager.h"
@@ -169,13 +169,13 @@ TestFaults::Fault Run::FaultAt(FileCall call) {
     if (call == FileCall::WriteFile) {
       return {fault.error, fault.detail};
     }
-    if (call != FileCall::FindFirstFile || fault.detail < 0 || fault.detail == m_listings++) {
+    if (call != FileCall::FindFirstFileW || fault.detail < 0 || fault.detail == m_listings++) {
       return {fault.error};
     }
   }
-  const bool makesOrRemoves = call == FileCall::CreateDirectory ||
-                              call == FileCall::RemoveDirectory || call == FileCall::Unlink ||
-                              (call == FileCall::CreateFile && m_operation->kind == Kind::Push);
+  const bool makesOrRemoves = call == FileCall::CreateDirectoryW ||
+                              call == FileCall::RemoveDirectoryW || call == FileCall::Unlink ||
+                              (call == FileCall::CreateFileW && m_operation->kind == Kind::Push);
   return {makesOrRemoves && m_model.IsReadOnly() ? ERROR_ACCESS_DENIED : 0u};
 }
 

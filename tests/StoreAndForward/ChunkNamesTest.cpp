@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <ctime>
 #include <vector>
+
+#include "tests/support/LocalTimeZone.h"
 
 namespace OrloStoreAndForward {
 namespace {
@@ -26,14 +26,11 @@ TEST(ChunkNames, EpochIsNamed) {
 
 TEST(ChunkNames, NamesDoNotFollowTheLocalClockAcrossADaylightChange) {
   // In local time, 2026-10-25 02:30 comes twice in Berlin; the names of both hours differ.
-  setenv("TZ", "Europe/Berlin", 1);
-  tzset();
+  const TestSupport::LocalTimeZone berlin("CET-1CEST,M3.5.0,M10.5.0/3");
   const ChunkName first = MakeChunkName(1792888200);   // 00:30 UTC
   const ChunkName second = MakeChunkName(1792891800);  // 01:30 UTC
   EXPECT_EQ(first.minute, L"2026-10-25-00-30");
   EXPECT_EQ(second.minute, L"2026-10-25-01-30");
-  unsetenv("TZ");
-  tzset();
 }
 
 TEST(ChunkNames, TimeBeforeTheEpochHasNoName) {

@@ -76,8 +76,8 @@ TEST_F(EventCacheBounds, StartWithTenThousandChunksOpensNoneOfThem) {
   int opened = 0;
   int listed = 0;
   Platform::TestFaults::SetHook([&](FileCall call) {
-    opened += call == FileCall::CreateFile || call == FileCall::ReadFile ? 1 : 0;
-    listed += call == FileCall::FindFirstFile ? 1 : 0;
+    opened += call == FileCall::CreateFileW || call == FileCall::ReadFile ? 1 : 0;
+    listed += call == FileCall::FindFirstFileW ? 1 : 0;
     return Fault{};
   });
   const auto start = std::chrono::steady_clock::now();

@@ -37,7 +37,7 @@ TEST_F(EventCacheDirectory, ThatCannotBeMadeGivesTheErrorAndLeavesTheCacheAlone)
 TEST_F(EventCacheDirectory, ErrorOfTheFileSystemIsPassedOn) {
   Platform::TestFaults::SetHook([](Platform::TestFaults::FileCall call) {
     Platform::TestFaults::Fault fault;
-    if (call == Platform::TestFaults::FileCall::CreateDirectory) {
+    if (call == Platform::TestFaults::FileCall::CreateDirectoryW) {
       fault.error = ERROR_DISK_FULL;
     }
     return fault;
@@ -122,7 +122,7 @@ TEST_F(EventCacheDirectory, MinuteDirectoryThatAppearsInBetweenMakesPushFail) {
   std::filesystem::create_directory(InCache("2016-03-07-14-05"));
   Platform::TestFaults::SetHook([](Platform::TestFaults::FileCall call) {
     Platform::TestFaults::Fault fault;
-    if (call == Platform::TestFaults::FileCall::GetFileAttributes) {
+    if (call == Platform::TestFaults::FileCall::GetFileAttributesW) {
       fault.error = ERROR_FILE_NOT_FOUND;
     }
     return fault;
@@ -169,7 +169,7 @@ TEST_F(EventCacheDirectory, ChunksOfEarlierRunsComeBeforeThoseOfThisRunWhateverT
 TEST_F(EventCacheDirectory, StartReadsNoChunkAndAccountsForNone) {
   WriteFileBytes("2016-03-07-14-05/07", std::string(4096, '\0'));
   Platform::TestFaults::SetHook([](Platform::TestFaults::FileCall call) {
-    EXPECT_NE(call, Platform::TestFaults::FileCall::CreateFile);
+    EXPECT_NE(call, Platform::TestFaults::FileCall::CreateFileW);
     EXPECT_NE(call, Platform::TestFaults::FileCall::ReadFile);
     EXPECT_NE(call, Platform::TestFaults::FileCall::Unlink);
     return Platform::TestFaults::Fault{};
@@ -243,7 +243,7 @@ TEST_F(EventCacheDirectory, ListingThatFailsGivesAnEmptyCache) {
   WriteFileBytes("2016-03-07-14-05/07", std::string(4096, '\0'));
   Platform::TestFaults::SetHook([](Platform::TestFaults::FileCall call) {
     Platform::TestFaults::Fault fault;
-    if (call == Platform::TestFaults::FileCall::FindFirstFile) {
+    if (call == Platform::TestFaults::FileCall::FindFirstFileW) {
       fault.error = ERROR_ACCESS_DENIED;
     }
     return fault;
@@ -259,7 +259,7 @@ TEST_F(EventCacheDirectory, MinuteThatCannotBeListedIsSkipped) {
   int listings = 0;
   Platform::TestFaults::SetHook([&listings](Platform::TestFaults::FileCall call) {
     Platform::TestFaults::Fault fault;
-    if (call == Platform::TestFaults::FileCall::FindFirstFile && ++listings == 2) {
+    if (call == Platform::TestFaults::FileCall::FindFirstFileW && ++listings == 2) {
       fault.error = ERROR_ACCESS_DENIED;
     }
     return fault;

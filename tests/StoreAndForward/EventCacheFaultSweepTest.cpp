@@ -57,10 +57,10 @@ void EventCacheFaults::SweepPush(bool bMinuteExists) {
     Meanwhile([&] { result = cache->Push(events); });
 
     const bool untouched =
-        Failed(FileCall::CreateDirectory) ||
-        (Failed(FileCall::GetFileAttributes) &&
+        Failed(FileCall::CreateDirectoryW) ||
+        (Failed(FileCall::GetFileAttributesW) &&
          (m_failure->error != ERROR_FILE_NOT_FOUND || bMinuteExists || m_failure->bAndAllAfter));
-    const bool lost = Failed(FileCall::CreateFile);
+    const bool lost = Failed(FileCall::CreateFileW);
     if (untouched) {
       ExpectUntouched(result, events, before);
       EXPECT_EQ(Tree(), treeBefore);
@@ -136,7 +136,7 @@ TEST_F(EventCacheFaults, EveryCallOfAFront) {
     bool result = false;
     Meanwhile([&] { result = cache->Front(events); });
 
-    EXPECT_EQ(result, !Failed(FileCall::CreateFile) && !Failed(FileCall::ReadFile));
+    EXPECT_EQ(result, !Failed(FileCall::CreateFileW) && !Failed(FileCall::ReadFile));
     EXPECT_EQ(TestSupport::PayloadsOf(events),
               result ? (Strings{"first 0", "first 1", "first 2"}) : Strings());
     TestSupport::ReleaseAll(events);
@@ -166,11 +166,11 @@ void EventCacheFaults::SweepPop(bool bLastOfItsMinute) {
     };
     EXPECT_EQ(has(kMinute + "/07"), Failed(FileCall::Unlink));
     // "File not found" of the listing is what the root of a volume answers when it is empty.
-    const bool listed = !Failed(FileCall::FindNextFile) &&
-                        (!Failed(FileCall::FindFirstFile) ||
+    const bool listed = !Failed(FileCall::FindNextFileW) &&
+                        (!Failed(FileCall::FindFirstFileW) ||
                          (m_failure->error == ERROR_FILE_NOT_FOUND && !m_failure->bAndAllAfter));
     const bool removed = bLastOfItsMinute && listed && !Failed(FileCall::Unlink) &&
-                         !Failed(FileCall::RemoveDirectory);
+                         !Failed(FileCall::RemoveDirectoryW);
     EXPECT_EQ(has(kMinute), !removed);
 
     EXPECT_EQ(FrontPayloads(*cache), Strings{"second 0"});
@@ -222,7 +222,7 @@ TEST_F(EventCacheFaults, EveryCallOfTheScanAtStart) {
       EXPECT_EQ(found, all);
     } else if (m_failure->position == 0) {
       EXPECT_TRUE(found.empty());
-    } else if (Failed(FileCall::FindFirstFile) && !m_failure->bAndAllAfter) {
+    } else if (Failed(FileCall::FindFirstFileW) && !m_failure->bAndAllAfter) {
       // One of the three minutes, with two chunks each.
       EXPECT_EQ(found.size(), 4u);
     }
@@ -240,7 +240,7 @@ void EventCacheFaults::SweepCreation(const std::function<void()>& prepare) {
     std::uint32_t result = 0;
     Meanwhile([&] { result = CreateEventCache(L"Test", cache); });
 
-    if (!m_failure || Failed(FileCall::FindFirstFile) || Failed(FileCall::FindNextFile)) {
+    if (!m_failure || Failed(FileCall::FindFirstFileW) || Failed(FileCall::FindNextFileW)) {
       EXPECT_EQ(result, 0u);
     } else if (m_failure->error != ERROR_FILE_NOT_FOUND &&
                m_failure->error != ERROR_PATH_NOT_FOUND &&
@@ -256,7 +256,7 @@ void EventCacheFaults::SweepCreation(const std::function<void()>& prepare) {
       ASSERT_EQ(CreateEventCache(L"Test", cache), 0u);
     }
     EXPECT_TRUE(std::filesystem::is_directory(InCache("")));
-    if (!Failed(FileCall::FindFirstFile) && !Failed(FileCall::FindNextFile)) {
+    if (!Failed(FileCall::FindFirstFileW) && !Failed(FileCall::FindNextFileW)) {
       while (!cache->Empty()) {
         EXPECT_EQ(Take(*cache), Strings{"earlier 0"});
       }

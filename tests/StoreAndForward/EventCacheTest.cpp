@@ -127,7 +127,7 @@ TEST_F(EventCacheOperations, RefusedReservationLeavesAMinuteDirectoryThatWasTher
 
 TEST_F(EventCacheOperations, ChunkFileThatCannotBeCreatedLosesTheEventsAndKeepsTheReservation) {
   const auto cache = Open();
-  Fail(FileCall::CreateFile, ERROR_ACCESS_DENIED);
+  Fail(FileCall::CreateFileW, ERROR_ACCESS_DENIED);
   Events events = TestSupport::MakeEvents(3);
   EXPECT_FALSE(cache->Push(events));
   EXPECT_TRUE(events.empty()) << "no pointer to a released block may stay behind";
@@ -190,7 +190,7 @@ TEST_F(EventCacheOperations, ChunkFileThatWasDeletedFailsEveryFrontUntilPopRelea
 TEST_F(EventCacheOperations, FileThatCannotBeOpenedStaysAtTheFront) {
   const auto cache = Open();
   ASSERT_TRUE(PushEvents(*cache, 1, "event "));
-  Fail(FileCall::CreateFile, ERROR_SHARING_VIOLATION);
+  Fail(FileCall::CreateFileW, ERROR_SHARING_VIOLATION);
   Events events;
   EXPECT_FALSE(cache->Front(events));
   Platform::TestFaults::Reset();
@@ -314,7 +314,7 @@ TEST_F(EventCacheOperations, FailuresToDeleteAreIgnored) {
 TEST_F(EventCacheOperations, FailureToRemoveTheMinuteDirectoryIsIgnored) {
   const auto cache = Open();
   ASSERT_TRUE(PushEvents(*cache, 1, "event "));
-  Fail(FileCall::RemoveDirectory, ERROR_SHARING_VIOLATION);
+  Fail(FileCall::RemoveDirectoryW, ERROR_SHARING_VIOLATION);
   cache->Pop();
   EXPECT_TRUE(cache->Empty());
   EXPECT_EQ(m_disk->Balance(), 0);
@@ -403,8 +403,8 @@ TEST_F(EventCacheOperations, NothingIsLoggedWhateverFails) {
   const TestSupport::LogCapture log;
   const auto cache = Open();
   ASSERT_TRUE(PushEvents(*cache, 1, "event "));
-  for (const FileCall call : {FileCall::CreateFile, FileCall::ReadFile, FileCall::WriteFile,
-                              FileCall::GetFileAttributes}) {
+  for (const FileCall call : {FileCall::CreateFileW, FileCall::ReadFile, FileCall::WriteFile,
+                              FileCall::GetFileAttributesW}) {
     Fail(call, ERROR_ACCESS_DENIED);
     Events events;
     cache->Front(events);

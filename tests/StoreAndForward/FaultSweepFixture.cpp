@@ -15,7 +15,7 @@ using Platform::TestFaults::FileCall;
 
 std::vector<std::uint32_t> ErrorsOf(FileCall call) {
   switch (call) {
-    case FileCall::CreateFile:
+    case FileCall::CreateFileW:
       return {ERROR_FILE_NOT_FOUND,      ERROR_PATH_NOT_FOUND, ERROR_ACCESS_DENIED,
               ERROR_TOO_MANY_OPEN_FILES, ERROR_DISK_FULL,      ERROR_SHARING_VIOLATION,
               ERROR_IO_DEVICE,           ERROR_WRITE_PROTECT};
@@ -25,17 +25,17 @@ std::vector<std::uint32_t> ErrorsOf(FileCall call) {
       return {ERROR_SUCCESS, ERROR_DISK_FULL, ERROR_IO_DEVICE, ERROR_ACCESS_DENIED};
     case FileCall::CloseHandle:
       return {ERROR_IO_DEVICE, ERROR_DISK_FULL, ERROR_INVALID_HANDLE};
-    case FileCall::FindFirstFile:
+    case FileCall::FindFirstFileW:
       return {ERROR_FILE_NOT_FOUND, ERROR_PATH_NOT_FOUND, ERROR_ACCESS_DENIED,
               ERROR_TOO_MANY_OPEN_FILES, ERROR_IO_DEVICE};
-    case FileCall::FindNextFile:
+    case FileCall::FindNextFileW:
       return {ERROR_IO_DEVICE, ERROR_ACCESS_DENIED, ERROR_NOT_ENOUGH_MEMORY};
-    case FileCall::CreateDirectory:
+    case FileCall::CreateDirectoryW:
       return {ERROR_PATH_NOT_FOUND, ERROR_ACCESS_DENIED, ERROR_DISK_FULL,
               ERROR_ALREADY_EXISTS, ERROR_WRITE_PROTECT, ERROR_IO_DEVICE};
-    case FileCall::RemoveDirectory:
+    case FileCall::RemoveDirectoryW:
       return {ERROR_ACCESS_DENIED, ERROR_DIR_NOT_EMPTY, ERROR_SHARING_VIOLATION};
-    case FileCall::GetFileAttributes:
+    case FileCall::GetFileAttributesW:
       return {ERROR_FILE_NOT_FOUND, ERROR_PATH_NOT_FOUND, ERROR_ACCESS_DENIED,
               ERROR_SHARING_VIOLATION, ERROR_IO_DEVICE};
     case FileCall::Unlink:

@@ -11,7 +11,7 @@
 #include <fstream>
 #include <thread>
 
-#include "Platform/posix/TestFaults.h"
+#include "Platform/testing/TestFaults.h"
 #include "WindowsAgentCommon/Exceptions.h"
 #include "WindowsAgentCommon/MessageBlocks.h"
 #include "WindowsAgentCommon/Text.h"
@@ -399,7 +399,7 @@ TEST_F(IncomingLoop, ChunkWhoseFileCannotBeCreatedIsLostAndReleasedOnce) {
   m_harness.Start(NeverSend());
   Platform::TestFaults::SetHook([](Platform::TestFaults::FileCall call) {
     Platform::TestFaults::Fault fault;
-    fault.error = call == Platform::TestFaults::FileCall::CreateFile ? 5 : 0;
+    fault.error = call == Platform::TestFaults::FileCall::CreateFileW ? 5 : 0;
     return fault;
   });
   m_harness.Post(3);

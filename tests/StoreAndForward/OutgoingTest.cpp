@@ -8,7 +8,7 @@
 #include <atomic>
 #include <thread>
 
-#include "Platform/posix/TestClock.h"
+#include "Platform/testing/TestClock.h"
 #include "tests/StoreAndForward/StageHarness.h"
 
 namespace OrloStoreAndForward {

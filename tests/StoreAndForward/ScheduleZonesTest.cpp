@@ -6,7 +6,7 @@
 #include <set>
 #include <string>
 
-#include "Platform/posix/TestRegistry.h"
+#include "Platform/testing/TestRegistry.h"
 #include "StoreAndForward/Schedule.h"
 
 namespace OrloStoreAndForward {

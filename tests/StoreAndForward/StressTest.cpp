@@ -20,7 +20,7 @@
 #include <thread>
 
 #include "Platform/Windows.h"
-#include "Platform/posix/TestClock.h"
+#include "Platform/testing/TestClock.h"
 #include "StoreAndForward/ChunkFormat.h"
 #include "StoreAndForward/StoreAndForwardStage.h"
 #include "WindowsAgentCommon/MessageBlockPtr.h"

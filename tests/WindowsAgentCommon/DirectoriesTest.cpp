@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "Platform/Windows.h"
-#include "Platform/posix/TestFaults.h"
+#include "Platform/testing/TestFaults.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace WindowsAgentCommon {
@@ -82,10 +82,10 @@ TEST_F(DirectoriesTest, AnEmptyPathCannotBeCreated) {
 }
 
 TEST_F(DirectoriesTest, CreatingPassesOtherErrorsOn) {
-  FailCall(TestFaults::FileCall::CreateDirectory, ERROR_ACCESS_DENIED);
+  FailCall(TestFaults::FileCall::CreateDirectoryW, ERROR_ACCESS_DENIED);
   EXPECT_EQ(CreateDirectoryRecursive(Path(L"a")), ERROR_ACCESS_DENIED);
   EXPECT_EQ(CreateDirectoryRecursive(Path(L"a\\b\\c")), ERROR_ACCESS_DENIED);
-  FailCall(TestFaults::FileCall::GetFileAttributes, ERROR_IO_DEVICE);
+  FailCall(TestFaults::FileCall::GetFileAttributesW, ERROR_IO_DEVICE);
   EXPECT_EQ(CreateDirectoryRecursive(Path(L"a")), ERROR_IO_DEVICE);
   TestFaults::Reset();
   EXPECT_FALSE(Exists("a"));
@@ -180,7 +180,7 @@ TEST_F(DirectoriesTest, EmptinessOfWhatIsNoDirectoryIsAnErrorAndLeavesTheResultA
 
 TEST_F(DirectoriesTest, AListingThatBreaksOffIsAnErrorAndLeavesTheResultAlone) {
   MakeDirectory("there");
-  FailCall(TestFaults::FileCall::FindNextFile, ERROR_IO_DEVICE);
+  FailCall(TestFaults::FileCall::FindNextFileW, ERROR_IO_DEVICE);
   bool isEmpty = false;
   EXPECT_EQ(IsDirectoryEmpty(Path(L"there"), isEmpty), ERROR_IO_DEVICE);
   EXPECT_FALSE(isEmpty);

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "Platform/Windows.h"
-#include "Platform/posix/TestFaults.h"
+#include "Platform/testing/TestFaults.h"
 #include "WindowsAgentCommon/Exceptions.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -100,7 +100,7 @@ TEST_F(DiskManagerTest, AnEmptyDirectoryNameIsRefused) {
 
 TEST_F(DiskManagerTest, ADirectoryThatCannotBeWrittenToIsNamedWithTheReason) {
   TestFaults::SetHook([](TestFaults::FileCall call) {
-    return TestFaults::Fault{call == TestFaults::FileCall::CreateFile ? ERROR_WRITE_PROTECT : 0,
+    return TestFaults::Fault{call == TestFaults::FileCall::CreateFileW ? ERROR_WRITE_PROTECT : 0,
                              -1};
   });
   const std::string message = FailureOf(Options());

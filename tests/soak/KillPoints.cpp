@@ -26,7 +26,7 @@
 #include <string_view>
 #include <thread>
 
-#include "Platform/posix/TestFaults.h"
+#include "Platform/testing/TestFaults.h"
 
 namespace {
 
@@ -49,15 +49,15 @@ struct NamedCall {
   FileCall call;
 };
 
-constexpr std::array kCalls{NamedCall{"CreateFile", FileCall::CreateFile},
+constexpr std::array kCalls{NamedCall{"CreateFile", FileCall::CreateFileW},
                             NamedCall{"ReadFile", FileCall::ReadFile},
                             NamedCall{"WriteFile", FileCall::WriteFile},
                             NamedCall{"CloseHandle", FileCall::CloseHandle},
-                            NamedCall{"FindFirstFile", FileCall::FindFirstFile},
-                            NamedCall{"FindNextFile", FileCall::FindNextFile},
-                            NamedCall{"CreateDirectory", FileCall::CreateDirectory},
-                            NamedCall{"RemoveDirectory", FileCall::RemoveDirectory},
-                            NamedCall{"GetFileAttributes", FileCall::GetFileAttributes},
+                            NamedCall{"FindFirstFile", FileCall::FindFirstFileW},
+                            NamedCall{"FindNextFile", FileCall::FindNextFileW},
+                            NamedCall{"CreateDirectory", FileCall::CreateDirectoryW},
+                            NamedCall{"RemoveDirectory", FileCall::RemoveDirectoryW},
+                            NamedCall{"GetFileAttributes", FileCall::GetFileAttributesW},
                             NamedCall{"Unlink", FileCall::Unlink}};
 
 // A kill that silently never comes would make its test pass for nothing.
@@ -155,12 +155,12 @@ class KillPoint {
   // Which operation the cache is in, from the calls with which each begins: a push asks for the
   // minute directory, a front opens a file without having asked, a pop deletes.
   void Follow(FileCall call) {
-    if (call == FileCall::GetFileAttributes) {
+    if (call == FileCall::GetFileAttributesW) {
       m_current = Operation::Push;
     } else if (call == FileCall::Unlink) {
       m_current = Operation::Pop;
-    } else if (call == FileCall::CreateFile && m_last != FileCall::GetFileAttributes &&
-               m_last != FileCall::CreateDirectory) {
+    } else if (call == FileCall::CreateFileW && m_last != FileCall::GetFileAttributesW &&
+               m_last != FileCall::CreateDirectoryW) {
       m_current = Operation::Front;
     }
     m_last = call;
@@ -168,7 +168,7 @@ class KillPoint {
 
   const std::thread::id m_mainThread;
   Operation m_operation = Operation::None;
-  FileCall m_call = FileCall::CreateFile;
+  FileCall m_call = FileCall::CreateFileW;
   bool m_after = false;
   std::int64_t m_torn = -1;
   std::chrono::milliseconds m_delay{0};

@@ -3,22 +3,23 @@
 #include <cstdint>
 #include <functional>
 
-// For tests only: lets file calls of the platform layer fail. A fault stands in for the system
+// For tests only: lets the file calls of Platform/Windows.h fail. A fault stands in for the system
 // call, so what the caller sees is what a failing kernel would give. Any thread, though a hook is
-// shared by all of them.
+// shared by all of them. On Windows only calls made by this project's own modules are seen.
 namespace Platform::TestFaults {
 
+// Named as the calls are.
 enum class FileCall {
-  CreateFile,  // CreateFileW
+  CreateFileW,
   ReadFile,
   WriteFile,
   CloseHandle,
-  FindFirstFile,
-  FindNextFile,
-  CreateDirectory,
-  RemoveDirectory,
-  GetFileAttributes,
-  Unlink
+  FindFirstFileW,
+  FindNextFileW,
+  CreateDirectoryW,
+  RemoveDirectoryW,
+  GetFileAttributesW,
+  Unlink  // _wunlink
 };
 
 struct Fault {
