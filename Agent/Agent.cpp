@@ -4,6 +4,7 @@
 #include <boost/asio/post.hpp>
 
 #include "Agent/DataDirectoryLock.h"
+#include "Agent/DatagramSource.h"
 #include "Agent/Destination.h"
 #include "Agent/Process.h"
 #include "Agent/StdinSource.h"
@@ -68,7 +69,7 @@ struct Agent::RunningStream {
   std::string name;
   StreamAccount account;
   OrloStream::Stream* stream = nullptr;
-  std::vector<const Source*> sources{};
+  std::vector<Source*> sources{};
   Destination* destination = nullptr;
   std::chrono::milliseconds processingPeriod{0};
   // Null where there is no store-and-forward stage.
@@ -85,7 +86,7 @@ Agent::~Agent() { TearDown(); }
 
 void Agent::Start() {
   try {
-    for (const int signal : GetStopSignals()) {
+    for (const int signal : GetSignals()) {
       m_signals.add(signal);
     }
     OnSignal();
@@ -151,7 +152,12 @@ void Agent::CreateStream(StreamOptions& options) {
       made = std::make_unique<StdinSource>(
           *standardInput, [this] { boost::asio::post(m_control, [this] { OnSourceEnded(); }); });
     } else {
-      made = std::make_unique<SyslogSource>(std::get<SyslogSourceOptions>(source));
+      const auto& syslog = std::get<SyslogSourceOptions>(source);
+      if (syslog.listen.transport == Transport::Udp) {
+        made = std::make_unique<DatagramSource>(syslog);
+      } else {
+        made = std::make_unique<SyslogSource>(syslog);
+      }
     }
     running->sources.push_back(made.get());
     definition.sources.push_back(std::move(made));
@@ -184,6 +190,16 @@ void Agent::OnSourceEnded() {
 void Agent::OnSignal() {
   m_signals.async_wait([this](const boost::system::error_code& error, int signal) {
     if (error) {
+      return;
+    }
+    if (IsReload(signal)) {
+      LogFacade::Info(m_log, "Signal %d received; reading certificates again.", signal);
+      for (const auto& running : m_streams) {
+        for (Source* source : running->sources) {
+          source->Reload();
+        }
+      }
+      OnSignal();
       return;
     }
     ++m_signalCount;

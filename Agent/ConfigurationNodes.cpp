@@ -69,6 +69,18 @@ bool ValueReader::ReadPath(const ConfigurationEntry& entry, std::string& value) 
   return true;
 }
 
+void ValueReader::ReadFlag(const ConfigurationEntry& entry, bool& value) {
+  std::string text;
+  if (!ReadText(entry, text)) {
+    return;
+  }
+  if (text != "true" && text != "false") {
+    Note(entry, "\"" + text + "\" is neither true nor false");
+    return;
+  }
+  value = text == "true";
+}
+
 void ValueReader::ReadLevel(const ConfigurationEntry& entry, std::string& value) {
   static const std::vector<std::string> kLevels{"debug", "info", "warn", "error", "off"};
   std::string text;

@@ -34,6 +34,7 @@ class ValueReader {
   // Each leaves `value` alone and notes a mistake when the entry does not hold such a value.
   bool ReadText(const ConfigurationEntry& entry, std::string& value);
   bool ReadPath(const ConfigurationEntry& entry, std::string& value);
+  void ReadFlag(const ConfigurationEntry& entry, bool& value);
   void ReadLevel(const ConfigurationEntry& entry, std::string& value);
   void ReadSize(const ConfigurationEntry& entry, std::uint64_t& value);
   void ReadSize(const ConfigurationEntry& entry, std::uint64_t lowest, std::uint64_t highest,

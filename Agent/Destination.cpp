@@ -1,109 +1,45 @@
 #include "Agent/Destination.h"
 
-#include <ace/Message_Block.h>
-
-#include <charconv>
-#include <system_error>
-#include <vector>
-
-#include "Agent/EventHeader.h"
+#include "Agent/BufferedDestination.h"
+#include "Agent/DatagramDestination.h"
 #include "Agent/FileChannel.h"
 #include "Agent/StdoutChannel.h"
 #include "Agent/TcpChannel.h"
-#include "OrloStream/Status.h"
-#include "WindowsAgentCommon/Exceptions.h"
-#include "WindowsAgentCommon/MessageBlockPtr.h"
 
 namespace OrloAgent {
 
 namespace {
 
-std::string_view GetBytes(const ACE_Message_Block& block) {
-  return {block.rd_ptr(), block.length()};
-}
-
-bool HasNoLineEnd(const ACE_Message_Block& head) {
-  const auto header = ParseEventHeader(GetBytes(head));
-  return header && (header->flags & EventFlags::kNoLineEnd) != 0;
-}
-
-// "LENGTH " in the caller's memory.
-std::string_view FormatLength(std::size_t length, std::array<char, 24>& memory) {
-  char* const end = std::to_chars(memory.data(), memory.data() + memory.size() - 1, length).ptr;
-  *end = ' ';
-  return {memory.data(), static_cast<std::size_t>(end + 1 - memory.data())};
+std::unique_ptr<Destination> MakeSyslogDestination(const SyslogDestinationOptions& options,
+                                                   const std::string& streamName) {
+  if (options.target.transport == Transport::Udp) {
+    return std::make_unique<DatagramDestination>(options, streamName);
+  }
+  BufferedWriterOptions writer;
+  writer.sendTimeout = options.sendTimeout;
+  return std::make_unique<BufferedDestination>(std::make_unique<TcpChannel>(options, streamName),
+                                               options.framing == SyslogFraming::OctetCounted
+                                                   ? OutputFraming::OctetCounted
+                                                   : OutputFraming::Newline,
+                                               writer);
 }
 
 }  // namespace
 
-Destination::Destination(std::unique_ptr<IChannel> channel, OutputFraming framing,
-                         const BufferedWriterOptions& options)
-    : m_framing(framing), m_writer(std::move(channel), options) {}
-
-Destination::~Destination() { m_writer.Stop(); }
-
-void Destination::Initialize(const WindowsAgentCommon::EnvironmentBlock&) {
-  try {
-    m_writer.Start();
-  } catch (const std::system_error& error) {
-    throw WindowsAgentCommon::InitializationException(
-        "Destination", "OrloAgent::Destination::Initialize", __LINE__,
-        std::string("The destination can't start its thread (") + error.what() + ")");
-  }
-}
-
-void Destination::Stop() { m_writer.Stop(); }
-
-int Destination::put(ACE_Message_Block* block, ACE_Time_Value*) {
-  const WindowsAgentCommon::MessageBlockPtr event(block);
-  const ACE_Message_Block* const payload = event->cont();
-  const std::string_view lineEnd =
-      m_framing == OutputFraming::OctetCounted ||
-              (m_framing == OutputFraming::Lines && HasNoLineEnd(*event))
-          ? std::string_view()
-          : std::string_view("\n");
-  std::array<char, 24> memory;
-  bool taken = false;
-  if (payload == nullptr || payload->cont() == nullptr) {
-    const std::string_view message = payload == nullptr ? std::string_view() : GetBytes(*payload);
-    const std::string_view length = m_framing == OutputFraming::OctetCounted
-                                        ? FormatLength(message.size(), memory)
-                                        : std::string_view();
-    const std::array<std::string_view, 3> parts{length, message, lineEnd};
-    taken = m_writer.Append(parts.data(), parts.size());
-  } else {
-    // Some stage has split the payload.
-    std::vector<std::string_view> parts{std::string_view()};
-    for (const ACE_Message_Block* part = payload; part != nullptr; part = part->cont()) {
-      parts.push_back(GetBytes(*part));
-    }
-    if (m_framing == OutputFraming::OctetCounted) {
-      parts.front() = FormatLength(payload->total_length(), memory);
-    }
-    parts.push_back(lineEnd);
-    taken = m_writer.Append(parts.data(), parts.size());
-  }
-  return taken ? 0 : OrloStream::Status(OrloStream::Status::kBackpressure).ToInt();
-}
-
 std::unique_ptr<Destination> MakeDestination(const DestinationOptions& options,
                                              const std::string& streamName) {
+  if (const auto* syslog = std::get_if<SyslogDestinationOptions>(&options)) {
+    return MakeSyslogDestination(*syslog, streamName);
+  }
   BufferedWriterOptions writer;
   if (const auto* file = std::get_if<FileDestinationOptions>(&options)) {
     writer.sendTimeout = file->sendTimeout;
-    return std::make_unique<Destination>(MakeFileChannel(file->path, streamName),
-                                         OutputFraming::Lines, writer);
-  }
-  if (const auto* syslog = std::get_if<SyslogDestinationOptions>(&options)) {
-    writer.sendTimeout = syslog->sendTimeout;
-    return std::make_unique<Destination>(
-        std::make_unique<TcpChannel>(syslog->target, syslog->connectTimeout, streamName),
-        syslog->framing == SyslogFraming::OctetCounted ? OutputFraming::OctetCounted
-                                                       : OutputFraming::Newline,
-        writer);
+    return std::make_unique<BufferedDestination>(MakeFileChannel(file->path, streamName),
+                                                 OutputFraming::Lines, writer);
   }
   writer.sendTimeout = std::get<StdoutDestinationOptions>(options).sendTimeout;
-  return std::make_unique<Destination>(MakeStdoutChannel(streamName), OutputFraming::Lines, writer);
+  return std::make_unique<BufferedDestination>(MakeStdoutChannel(streamName), OutputFraming::Lines,
+                                               writer);
 }
 
 }  // namespace OrloAgent

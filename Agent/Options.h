@@ -13,12 +13,16 @@
 // the file and what the rest of the agent is built from. Paths and texts are UTF-8.
 namespace OrloAgent {
 
-// A TCP address as written in the file: tcp://HOST:PORT, an IPv6 address in brackets.
+enum class Transport { Tcp, Udp, Tls };
+
+// An address as written in the file: SCHEME://HOST:PORT, the scheme one of tcp, udp and tls, an
+// IPv6 address in brackets.
 struct Endpoint {
   // A name or an address, without brackets.
   std::string host;
   // 0 is accepted for listening only and lets the system choose.
   std::uint16_t port = 0;
+  Transport transport = Transport::Tcp;
 };
 
 struct DiskOptions {
@@ -65,9 +69,46 @@ struct StdinSourceOptions {
   std::size_t maxEventSize = 64 * 1024;
 };
 
-// Syslog over TCP, framed as RFC 6587 describes.
+// What a server shows its clients, and what it demands of them.
+struct TlsServerOptions {
+  // PEM files: the certificate, followed by those between it and its root, and its key.
+  std::string certificate;
+  std::string key;
+
+  // PEM file. If it is set, a client must show a certificate that one of these has signed.
+  std::string clientCa;
+
+  // How long a client may take until its connection is secured. 100 ms to 1 h.
+  std::chrono::milliseconds handshakeTimeout{10'000};
+};
+
+// What a client demands of its server, and what it shows.
+struct TlsClientOptions {
+  // PEM file with the roots to trust. Empty: those that the system trusts.
+  std::string ca;
+
+  // PEM files of our own certificate and its key; empty: none is shown.
+  std::string certificate;
+  std::string key;
+
+  // The name or address that the server's certificate must be for. Empty: the target's host.
+  std::string serverName;
+
+  // False: whoever answers is believed to be the server.
+  bool verify = true;
+};
+
+// Syslog over UDP (a message per datagram, RFC 5426), over TCP (framed as RFC 6587 describes) or
+// over TLS (RFC 5425).
 struct SyslogSourceOptions {
   Endpoint listen;
+
+  // For tls:// only.
+  TlsServerOptions tls;
+
+  // For udp:// only: how many bytes of datagrams the system is asked to keep while they can't be
+  // taken. 4 KiB to 1 GiB.
+  std::size_t receiveBuffer = 8 * 1024 * 1024;
 
   // A longer message is cut to this size and counted. It is also what one connection may make the
   // agent keep in memory. 64 bytes to 16 MiB.
@@ -114,6 +155,11 @@ enum class SyslogFraming {
 
 struct SyslogDestinationOptions {
   Endpoint target;
+
+  // For tls:// only.
+  TlsClientOptions tls;
+
+  // Of no meaning for udp://, where each message is a datagram.
   SyslogFraming framing = SyslogFraming::Newline;
 
   // How long one event may wait for a receiver that is behind (its and our buffers are full) before

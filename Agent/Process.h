@@ -14,7 +14,10 @@ void PrepareProcess();
 // Full path of the running program; empty if the system does not tell.
 std::filesystem::path GetProgramPath();
 
-// Signals that ask the agent to stop.
-const std::vector<int>& GetStopSignals();
+// Signals that ask the agent for something: to stop, all but those that IsReload names.
+const std::vector<int>& GetSignals();
+
+// Whether the signal, which has just come, asks to read again what may have changed.
+bool IsReload(int signal);
 
 }  // namespace OrloAgent

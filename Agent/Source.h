@@ -12,6 +12,10 @@ class Source : public OrloStream::IStreamSource {
  public:
   // Events that this source has received and could not even offer to its stream. Any thread.
   virtual std::uint64_t GetNotMade() const = 0;
+
+  // Reads again what the administrator may have replaced without a change of the configuration:
+  // certificates and keys. Control thread.
+  virtual void Reload() {}
 };
 
 // Called once, on the source's thread, when its input has ended and its last event is posted.

@@ -5,6 +5,7 @@
 #include <locale>
 #include <set>
 
+#include "Agent/Tls.h"
 #include "Agent/Units.h"
 #include "WindowsAgentCommon/Text.h"
 
@@ -76,18 +77,114 @@ void ReadName(const ConfigurationEntry& entry, ValueReader& reader, Shared& shar
   name = std::move(text);
 }
 
-void ReadEndpoint(const ConfigurationEntry& entry, bool mayBePortZero, ValueReader& reader,
+// False if there is no usable endpoint.
+bool ReadEndpoint(const ConfigurationEntry& entry, bool mayBePortZero, ValueReader& reader,
                   Endpoint& endpoint) {
   std::string text;
   if (!reader.ReadText(entry, text)) {
-    return;
+    return false;
   }
   std::string problem;
-  if (auto parsed = ParseEndpoint(text, mayBePortZero, problem)) {
-    endpoint = std::move(*parsed);
-  } else {
+  auto parsed = ParseEndpoint(text, mayBePortZero, problem);
+  if (!parsed) {
     reader.Note(entry, "\"" + text + "\" " + problem);
+    return false;
   }
+  if (parsed->transport == Transport::Tls && !IsTlsAvailable()) {
+    reader.Note(entry, "\"" + text + "\" can't be used: this program was built without TLS");
+    return false;
+  }
+  endpoint = std::move(*parsed);
+  return true;
+}
+
+// The keys of a certificate and its key stand together.
+void ReadCertificate(MapReader& map, ValueReader& reader, std::string& certificate,
+                     std::string& key) {
+  const auto certificateEntry = map.Find("certificate");
+  const auto keyEntry = map.Find("key");
+  if (certificateEntry) {
+    reader.ReadPath(*certificateEntry, certificate);
+  }
+  if (keyEntry) {
+    reader.ReadPath(*keyEntry, key);
+  }
+  if (certificateEntry && !keyEntry) {
+    reader.Note(*certificateEntry, "needs \"key\" beside it, the file of its private key");
+  } else if (keyEntry && !certificateEntry) {
+    reader.Note(*keyEntry, "needs \"certificate\" beside it, the certificate that it belongs to");
+  }
+}
+
+void ReadTlsServer(const ConfigurationEntry& entry, ValueReader& reader, TlsServerOptions& tls) {
+  MapReader map(entry, reader);
+  ReadCertificate(map, reader, tls.certificate, tls.key);
+  if (map.IsMap() && !map.Find("certificate") && !map.Find("key")) {
+    reader.Note(entry, "has no \"certificate\" and no \"key\", which a server needs");
+  }
+  if (const auto ca = map.Find("client_ca")) {
+    reader.ReadPath(*ca, tls.clientCa);
+  }
+  if (const auto timeout = map.Find("handshake_timeout")) {
+    reader.ReadDuration(*timeout, milliseconds(100), hours(1), tls.handshakeTimeout);
+  }
+  map.RefuseOthers();
+}
+
+void ReadTlsClient(const ConfigurationEntry& entry, ValueReader& reader, TlsClientOptions& tls) {
+  MapReader map(entry, reader);
+  ReadCertificate(map, reader, tls.certificate, tls.key);
+  if (const auto ca = map.Find("ca")) {
+    reader.ReadPath(*ca, tls.ca);
+  }
+  if (const auto name = map.Find("server_name")) {
+    reader.ReadText(*name, tls.serverName);
+  }
+  if (const auto verify = map.Find("verify")) {
+    reader.ReadFlag(*verify, tls.verify);
+  }
+  map.RefuseOthers();
+}
+
+// A key that the address's transport has no use for is a mistake: who wrote it expects something.
+void RefuseForTransport(MapReader& map, ValueReader& reader, const char* key,
+                        const Endpoint& endpoint) {
+  if (const auto entry = map.Find(key)) {
+    reader.Note(*entry, "has no meaning for " + ToText(endpoint));
+  }
+}
+
+SyslogSourceOptions ReadSyslogSource(MapReader& map, ValueReader& reader) {
+  SyslogSourceOptions options;
+  const auto listen = map.Require("listen");
+  const bool isKnown = listen && ReadEndpoint(*listen, true, reader, options.listen);
+  if (const auto size = map.Find("max_event_size")) {
+    reader.ReadSize(*size, kSmallestEvent, kLargestEvent, options.maxEventSize);
+  }
+  if (const auto count = map.Find("max_connections")) {
+    reader.ReadCount(*count, 1, 1'000'000, options.maxConnections);
+  }
+  if (const auto timeout = map.Find("idle_timeout")) {
+    reader.ReadDuration(*timeout, milliseconds(0), hours(24), options.idleTimeout);
+  }
+  if (const auto buffer = map.Find("receive_buffer")) {
+    reader.ReadSize(*buffer, 4096, std::uint64_t{1} << 30, options.receiveBuffer);
+  }
+  if (const auto tls = map.Find("tls")) {
+    ReadTlsServer(*tls, reader, options.tls);
+  } else if (isKnown && options.listen.transport == Transport::Tls) {
+    reader.Note(*listen, "needs \"tls\" beside it, with the server's certificate and key");
+  }
+  if (isKnown && options.listen.transport == Transport::Udp) {
+    RefuseForTransport(map, reader, "max_connections", options.listen);
+    RefuseForTransport(map, reader, "idle_timeout", options.listen);
+  } else if (isKnown) {
+    RefuseForTransport(map, reader, "receive_buffer", options.listen);
+  }
+  if (isKnown && options.listen.transport != Transport::Tls) {
+    RefuseForTransport(map, reader, "tls", options.listen);
+  }
+  return options;
 }
 
 // The value of "type", if it is one of those.
@@ -127,20 +224,7 @@ void ReadSource(const ConfigurationEntry& entry, ValueReader& reader, Shared& sh
     shared.standardInput = true;
     sources.emplace_back(options);
   } else {
-    SyslogSourceOptions options;
-    if (const auto listen = map.Require("listen")) {
-      ReadEndpoint(*listen, true, reader, options.listen);
-    }
-    if (const auto size = map.Find("max_event_size")) {
-      reader.ReadSize(*size, kSmallestEvent, kLargestEvent, options.maxEventSize);
-    }
-    if (const auto count = map.Find("max_connections")) {
-      reader.ReadCount(*count, 1, 1'000'000, options.maxConnections);
-    }
-    if (const auto timeout = map.Find("idle_timeout")) {
-      reader.ReadDuration(*timeout, milliseconds(0), hours(24), options.idleTimeout);
-    }
-    sources.emplace_back(std::move(options));
+    sources.emplace_back(ReadSyslogSource(map, reader));
   }
   map.RefuseOthers();
 }
@@ -153,8 +237,10 @@ void ReadSendTimeout(MapReader& map, ValueReader& reader, milliseconds& timeout)
 
 SyslogDestinationOptions ReadSyslogDestination(MapReader& map, ValueReader& reader) {
   SyslogDestinationOptions options;
-  if (const auto target = map.Require("target")) {
-    ReadEndpoint(*target, false, reader, options.target);
+  const auto target = map.Require("target");
+  const bool isKnown = target && ReadEndpoint(*target, false, reader, options.target);
+  if (const auto tls = map.Find("tls")) {
+    ReadTlsClient(*tls, reader, options.tls);
   }
   std::string framing;
   if (const auto entry = map.Find("framing"); entry && reader.ReadText(*entry, framing)) {
@@ -168,6 +254,13 @@ SyslogDestinationOptions ReadSyslogDestination(MapReader& map, ValueReader& read
     reader.ReadDuration(*entry, milliseconds(1), hours(1), options.connectTimeout);
   }
   ReadSendTimeout(map, reader, options.sendTimeout);
+  if (isKnown && options.target.transport == Transport::Udp) {
+    RefuseForTransport(map, reader, "framing", options.target);
+    RefuseForTransport(map, reader, "connect_timeout", options.target);
+  }
+  if (isKnown && options.target.transport != Transport::Tls) {
+    RefuseForTransport(map, reader, "tls", options.target);
+  }
   return options;
 }
 

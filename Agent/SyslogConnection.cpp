@@ -1,6 +1,7 @@
 #include "Agent/SyslogConnection.h"
 
 #include <boost/asio/buffer.hpp>
+#include <boost/asio/post.hpp>
 
 #include "Agent/ReceiveTime.h"
 
@@ -20,10 +21,11 @@ void CountOne(std::atomic<std::uint64_t>& counter) {
 }  // namespace
 
 SyslogConnection::SyslogConnection(boost::asio::ip::tcp::socket socket, std::string peer,
-                                   SyslogConnectionContext& context)
+                                   SyslogConnectionContext& context, const TlsContext* tls)
     : m_socket(std::move(socket)),
+      m_tls(tls == nullptr ? nullptr : std::make_unique<TlsSession>(*tls, m_socket)),
       m_peer(std::move(peer)),
-      m_header("tcp:" + m_peer),
+      m_header((tls == nullptr ? "tcp:" : "tls:") + m_peer),
       m_context(context),
       m_reader(context.framing),
       m_lastActivity(std::chrono::steady_clock::now()) {}
@@ -34,29 +36,101 @@ void SyslogConnection::Run(std::function<void(const std::shared_ptr<SyslogConnec
 }
 
 void SyslogConnection::Wait() {
-  m_socket.async_wait(boost::asio::ip::tcp::socket::wait_read,
+  if (m_tls && m_tls->HasPending()) {
+    // Others have their turn first, as they have it between two reads of a socket.
+    boost::asio::post(m_socket.get_executor(), [self = shared_from_this()] {
+      if (self->m_socket.is_open()) {
+        self->OnReady();
+      }
+    });
+    return;
+  }
+  m_socket.async_wait(m_wantsWrite ? boost::asio::ip::tcp::socket::wait_write
+                                   : boost::asio::ip::tcp::socket::wait_read,
                       [self = shared_from_this()](const boost::system::error_code& error) {
-                        std::size_t size = 0;
-                        if (error) {
-                          return;  // closed by Drain or Close
-                        }
-                        if (self->ReadOnce(size) == ReadResult::Ended) {
-                          self->Close();
-                          self->m_onEnd(self);
-                        } else {
-                          self->Wait();
+                        if (!error) {  // else closed by Drain or Close
+                          self->OnReady();
                         }
                       });
 }
 
-SyslogConnection::ReadResult SyslogConnection::ReadOnce(std::size_t& size) {
+void SyslogConnection::OnReady() {
+  std::size_t size = 0;
+  if (ReadOnce(size) == ReadResult::Ended) {
+    Close();
+    m_onEnd(shared_from_this());
+  } else {
+    Wait();
+  }
+}
+
+SyslogConnection::ReadResult SyslogConnection::ReadPlain(std::size_t& size) {
   boost::system::error_code error;
   size = m_socket.read_some(boost::asio::buffer(m_context.readBuffer), error);
   if (error == boost::asio::error::would_block || error == boost::asio::error::interrupted) {
     return ReadResult::Nothing;
   }
-  if (error) {
-    return ReadResult::Ended;
+  return error ? ReadResult::Ended : ReadResult::Data;
+}
+
+SyslogConnection::ReadResult SyslogConnection::ReadSecured(std::size_t& size) {
+  if (!m_secured) {
+    return ContinueHandshake();
+  }
+  const TlsSession::Result result =
+      m_tls->Read(m_context.readBuffer.data(), m_context.readBuffer.size(), size);
+  m_wantsWrite = result == TlsSession::Result::WantWrite;
+  switch (result) {
+    case TlsSession::Result::Done:
+      return ReadResult::Data;
+    case TlsSession::Result::WantRead:
+    case TlsSession::Result::WantWrite:
+      return ReadResult::Nothing;
+    case TlsSession::Result::Failed:
+      LogFacade::Warn(m_context.log, "The connection of %s is closed: %s.", m_peer,
+                      m_tls->GetError());
+      return ReadResult::Ended;
+    case TlsSession::Result::Closed:
+      break;
+  }
+  return ReadResult::Ended;
+}
+
+SyslogConnection::ReadResult SyslogConnection::ContinueHandshake() {
+  const TlsSession::Result result = m_tls->Handshake();
+  m_wantsWrite = result == TlsSession::Result::WantWrite;
+  switch (result) {
+    case TlsSession::Result::Done:
+      m_secured = true;
+      break;
+    case TlsSession::Result::WantRead:
+    case TlsSession::Result::WantWrite:
+      break;
+    case TlsSession::Result::Closed:
+      OnHandshakeFailed("it has closed the connection");
+      return ReadResult::Ended;
+    case TlsSession::Result::Failed:
+      OnHandshakeFailed(m_tls->GetError());
+      return ReadResult::Ended;
+  }
+  return ReadResult::Nothing;
+}
+
+void SyslogConnection::OnHandshakeFailed(const std::string& reason) {
+  CountOne(m_context.failedHandshakes);
+  LogFacade::Warn(m_context.log, "The TLS handshake with %s failed, the connection is closed: %s.",
+                  m_peer, reason);
+}
+
+void SyslogConnection::GiveUpHandshake() {
+  OnHandshakeFailed("it took too long");
+  Close();
+}
+
+SyslogConnection::ReadResult SyslogConnection::ReadOnce(std::size_t& size) {
+  const ReadResult result = m_tls ? ReadSecured(size) : ReadPlain(size);
+  if (result != ReadResult::Data) {
+    return result;
   }
   ++m_context.reads;
   m_receiveTime = GetReceiveTime();
@@ -89,6 +163,9 @@ void SyslogConnection::Close() {
     CountOne(m_context.truncated);
     LogFacade::Warn(m_context.log, "The connection of %s ended inside a message, which is dropped.",
                     m_peer);
+  }
+  if (m_tls) {
+    m_tls->CloseNotify();
   }
   boost::system::error_code ignored;
   m_socket.close(ignored);

@@ -46,13 +46,14 @@ class SyslogSource::Server {
         m_log(WindowsAgentCommon::LoggerFactory::GetLog(
             "Code.SyslogSource." + WindowsAgentCommon::ToUtf8(stream.GetName()))),
         m_poster(stream, m_log),
-        m_shared{m_poster, m_log, MakeFraming(options), std::vector<char>(kReadSize), 0, {},
+        m_shared{m_poster, m_log, MakeFraming(options), std::vector<char>(kReadSize), 0, {}, {},
                  {},       {}} {}
 
   ~Server() { Stop(); }
 
   void Open();
   void Stop();
+  void Reload();
 
   std::uint16_t GetPort() const { return m_port.load(); }
   std::uint64_t GetNotMade() const { return m_poster.GetNotMade(); }
@@ -63,6 +64,7 @@ class SyslogSource::Server {
   void OnAccept(const error_code& error, tcp::socket socket);
   void Admit(tcp::socket socket);
   void CloseIdle();
+  void CloseSlowHandshakes();
   void BeginEnd();
   void AwaitQuiet(std::uint64_t readsBefore);
   void EndAll();
@@ -77,6 +79,9 @@ class SyslogSource::Server {
   tcp::acceptor m_acceptor{m_context};
   boost::asio::steady_timer m_acceptTimer{m_context};
   boost::asio::steady_timer m_idleTimer{m_context};
+  boost::asio::steady_timer m_handshakeTimer{m_context};
+  // Null if connections are plain.
+  std::shared_ptr<const TlsContext> m_tls;
   std::unordered_set<std::shared_ptr<SyslogConnection>> m_connections;
   std::chrono::steady_clock::time_point m_end{};  // of reading, once a stop has begun
   bool m_ending = false;
@@ -92,6 +97,9 @@ class SyslogSource::Server {
 void SyslogSource::Server::Open() {
   const std::string address = ToText(m_options.listen);
   try {
+    if (m_options.listen.transport == Transport::Tls) {
+      m_tls = TlsContext::MakeServer(m_options.tls);
+    }
     const auto found = tcp::resolver(m_context).resolve(
         m_options.listen.host, std::to_string(m_options.listen.port), tcp::resolver::passive);
     const tcp::endpoint endpoint = found.begin()->endpoint();
@@ -105,6 +113,9 @@ void SyslogSource::Server::Open() {
     if (m_options.idleTimeout.count() > 0) {
       CloseIdle();
     }
+    if (m_tls) {
+      CloseSlowHandshakes();
+    }
     m_thread = std::thread([this] { m_context.run(); });
   } catch (const std::system_error& error) {
     throw WindowsAgentCommon::InitializationException(
@@ -114,8 +125,14 @@ void SyslogSource::Server::Open() {
     throw WindowsAgentCommon::InitializationException(
         "SyslogSource", "OrloAgent::SyslogSource::Start", __LINE__,
         "Can't listen on " + address + " (" + error.code().message() + ")");
+  } catch (const TlsError& error) {
+    throw WindowsAgentCommon::InitializationException(
+        "SyslogSource", "OrloAgent::SyslogSource::Start", __LINE__,
+        "Can't listen on " + address + ": " + error.what());
   }
-  LogFacade::Info(m_log, "Listening on %s.", ToText(Endpoint{m_options.listen.host, m_port}));
+  Endpoint used = m_options.listen;
+  used.port = m_port;
+  LogFacade::Info(m_log, "Listening on %s.", ToText(used));
 }
 
 void SyslogSource::Server::Stop() {
@@ -131,11 +148,19 @@ void SyslogSource::Server::Stop() {
                   "connections had an unreadable length, %d were too many.",
                   counts.events, counts.connections, counts.cut, counts.truncated, counts.malformed,
                   counts.refusedConnections);
+  if (m_tls) {
+    LogFacade::Info(m_log, "%d connections were not secured.", counts.failedHandshakes);
+  }
 }
 
 SyslogSourceCounts SyslogSource::Server::GetCounts() const {
-  return {m_accepted.load(),   m_refused.load(),          m_poster.GetPosted(),
-          m_shared.cut.load(), m_shared.truncated.load(), m_shared.malformed.load()};
+  return {m_accepted.load(),
+          m_refused.load(),
+          m_poster.GetPosted(),
+          m_shared.cut.load(),
+          m_shared.truncated.load(),
+          m_shared.malformed.load(),
+          m_shared.failedHandshakes.load()};
 }
 
 void SyslogSource::Server::Accept() {
@@ -187,8 +212,16 @@ void SyslogSource::Server::Admit(tcp::socket socket) {
   m_tooMany = false;
   socket.non_blocking(true, error);
   socket.set_option(tcp::socket::keep_alive(true), error);
-  const auto connection = std::make_shared<SyslogConnection>(
-      std::move(socket), boost::lexical_cast<std::string>(peer), m_shared);
+  std::shared_ptr<SyslogConnection> connection;
+  try {
+    connection = std::make_shared<SyslogConnection>(
+        std::move(socket), boost::lexical_cast<std::string>(peer), m_shared, m_tls.get());
+  } catch (const TlsError& tlsError) {
+    ++m_shared.failedHandshakes;
+    LogFacade::Warn(m_log, "A connection can't be secured, and is closed: %s.",
+                    std::string(tlsError.what()));
+    return;
+  }
   m_connections.insert(connection);
   connection->Run(
       [this](const std::shared_ptr<SyslogConnection>& ended) { m_connections.erase(ended); });
@@ -214,8 +247,43 @@ void SyslogSource::Server::CloseIdle() {
   });
 }
 
+void SyslogSource::Server::CloseSlowHandshakes() {
+  const auto oldest = std::chrono::steady_clock::now() - m_options.tls.handshakeTimeout;
+  for (auto at = m_connections.begin(); at != m_connections.end();) {
+    if ((*at)->IsInHandshake() && (*at)->GetLastActivity() < oldest) {
+      (*at)->GiveUpHandshake();
+      at = m_connections.erase(at);
+    } else {
+      ++at;
+    }
+  }
+  m_handshakeTimer.expires_after(
+      std::max(m_options.tls.handshakeTimeout / 4, std::chrono::milliseconds(10)));
+  m_handshakeTimer.async_wait([this](const error_code& stopped) {
+    if (!stopped && !m_ending) {
+      CloseSlowHandshakes();
+    }
+  });
+}
+
+void SyslogSource::Server::Reload() {
+  if (m_options.listen.transport != Transport::Tls || !m_thread.joinable()) {
+    return;
+  }
+  try {
+    auto tls = TlsContext::MakeServer(m_options.tls);
+    boost::asio::post(m_context, [this, tls = std::move(tls)] { m_tls = tls; });
+    LogFacade::Info(m_log, "New connections to %s get the certificate as it is now.",
+                    ToText(m_options.listen));
+  } catch (const TlsError& error) {
+    LogFacade::Error(m_log, "%s; the certificate that was read before stays in use.",
+                     std::string(error.what()));
+  }
+}
+
 void SyslogSource::Server::BeginEnd() {
   m_ending = true;
+  m_handshakeTimer.cancel();
   m_end = std::chrono::steady_clock::now() + kLongestEnd;
   m_acceptTimer.cancel();
   m_idleTimer.cancel();
@@ -264,6 +332,12 @@ void SyslogSource::Start(OrloStream::Stream& stream) {
 void SyslogSource::Stop() {
   if (m_server) {
     m_server->Stop();
+  }
+}
+
+void SyslogSource::Reload() {
+  if (m_server) {
+    m_server->Reload();
   }
 }
 

@@ -19,11 +19,13 @@ struct SyslogSourceCounts {
   std::uint64_t truncated = 0;
   // Connections closed because a length could not be read.
   std::uint64_t malformed = 0;
+  // Connections closed because they were not secured as the options demand.
+  std::uint64_t failedHandshakes = 0;
 };
 
-// Accepts syslog messages over TCP and posts each as an event, exactly as received. One thread
-// serves all connections; while the stream does not take events, it reads from none of them, and
-// TCP holds the senders back.
+// Accepts syslog messages over TCP, or TLS over TCP, and posts each as an event, exactly as
+// received. One thread serves all connections; while the stream does not take events, it reads from
+// none of them, and TCP holds the senders back.
 //
 // What a connection has sent when it ends inside a message: a line is delivered without its line
 // end; an octet-counted message is dropped and counted, because its sender has said that it is
@@ -39,6 +41,10 @@ class SyslogSource : public Source {
   // Takes no more connections, reads what the present ones have already sent (until they are quiet
   // for 50 ms; at most for about a second), and closes them.
   void Stop() override;
+
+  // Connections that come from now on are secured with what the certificate files hold now. Files
+  // that can't be used are reported, and what was read before stays in use.
+  void Reload() override;
 
   std::uint64_t GetNotMade() const override;
 

@@ -1,5 +1,6 @@
 #include "Agent/Units.h"
 
+#include <algorithm>
 #include <array>
 #include <boost/asio/ip/address.hpp>
 #include <charconv>
@@ -21,6 +22,9 @@ constexpr std::array<Unit, 5> kSizeUnits{{{"", 1},
                                           {"TiB", std::uint64_t{1} << 40}}};
 
 constexpr std::array<Unit, 4> kTimeUnits{{{"ms", 1}, {"s", 1000}, {"m", 60'000}, {"h", 3'600'000}}};
+
+constexpr std::array<std::pair<Transport, std::string_view>, 3> kSchemes{
+    {{Transport::Tcp, "tcp://"}, {Transport::Udp, "udp://"}, {Transport::Tls, "tls://"}}};
 
 template <std::size_t N>
 std::optional<std::uint64_t> ParseWithUnit(std::string_view text,
@@ -67,7 +71,7 @@ bool TakeHost(std::string_view& rest, std::string& host, std::string& problem) {
     host = rest.substr(1, end == rest.npos ? rest.npos : end - 1);
     boost::asio::ip::make_address_v6(host, error);
     if (end == rest.npos || error) {
-      problem = "is not tcp://HOST:PORT: no IPv6 address stands between the brackets";
+      problem = "is not SCHEME://HOST:PORT: no IPv6 address stands between the brackets";
       return false;
     }
     rest.remove_prefix(end + 1);
@@ -76,12 +80,12 @@ bool TakeHost(std::string_view& rest, std::string& host, std::string& problem) {
   const std::size_t end = rest.find(':');
   host = rest.substr(0, end);
   if (!IsHostName(host)) {
-    problem = "is not tcp://HOST:PORT: HOST is neither a name nor an address";
+    problem = "is not SCHEME://HOST:PORT: HOST is neither a name nor an address";
     return false;
   }
   rest.remove_prefix(host.size());
   if (rest.find(':', 1) != rest.npos) {
-    problem = "is not tcp://HOST:PORT: an IPv6 address needs brackets";
+    problem = "is not SCHEME://HOST:PORT: an IPv6 address needs brackets";
     return false;
   }
   return true;
@@ -114,23 +118,25 @@ std::optional<std::chrono::milliseconds> ParseDuration(std::string_view text) {
 
 std::optional<Endpoint> ParseEndpoint(std::string_view text, bool mayBePortZero,
                                       std::string& problem) {
-  constexpr std::string_view kScheme = "tcp://";
-  if (!text.starts_with(kScheme)) {
-    problem = "is not tcp://HOST:PORT: it does not begin with tcp://";
+  const auto scheme = std::find_if(kSchemes.begin(), kSchemes.end(),
+                                   [&](const auto& one) { return text.starts_with(one.second); });
+  if (scheme == kSchemes.end()) {
+    problem = "is not SCHEME://HOST:PORT: it does not begin with tcp://, udp:// or tls://";
     return std::nullopt;
   }
-  std::string_view rest = text.substr(kScheme.size());
+  std::string_view rest = text.substr(scheme->second.size());
   Endpoint endpoint;
+  endpoint.transport = scheme->first;
   if (!TakeHost(rest, endpoint.host, problem)) {
     return std::nullopt;
   }
   if (rest.empty() || rest.front() != ':') {
-    problem = "is not tcp://HOST:PORT: the port is missing";
+    problem = "is not SCHEME://HOST:PORT: the port is missing";
     return std::nullopt;
   }
   const auto port = ParseWholeNumber(rest.substr(1));
   if (!port) {
-    problem = "is not tcp://HOST:PORT: the port is not a number";
+    problem = "is not SCHEME://HOST:PORT: the port is not a number";
     return std::nullopt;
   }
   const std::uint64_t lowest = mayBePortZero ? 0 : 1;
@@ -145,8 +151,11 @@ std::optional<Endpoint> ParseEndpoint(std::string_view text, bool mayBePortZero,
 
 std::string ToText(const Endpoint& endpoint) {
   const bool brackets = endpoint.host.find(':') != endpoint.host.npos;
-  return (brackets ? "tcp://[" : "tcp://") + endpoint.host + (brackets ? "]:" : ":") +
-         std::to_string(endpoint.port);
+  const auto scheme = std::find_if(kSchemes.begin(), kSchemes.end(), [&](const auto& one) {
+    return one.first == endpoint.transport;
+  });
+  return std::string(scheme->second) + (brackets ? "[" : "") + endpoint.host +
+         (brackets ? "]:" : ":") + std::to_string(endpoint.port);
 }
 
 }  // namespace OrloAgent

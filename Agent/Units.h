@@ -22,8 +22,8 @@ std::optional<std::chrono::milliseconds> ParseDuration(std::string_view text);
 // A whole number without sign that fits.
 std::optional<std::uint64_t> ParseWholeNumber(std::string_view text);
 
-// tcp://HOST:PORT. HOST is a name, an IPv4 address, or an IPv6 address in brackets. What is wrong
-// is left in `problem`, in words that follow the key.
+// SCHEME://HOST:PORT. SCHEME is tcp, udp or tls; HOST is a name, an IPv4 address, or an IPv6
+// address in brackets. What is wrong is left in `problem`, in words that follow the key.
 std::optional<Endpoint> ParseEndpoint(std::string_view text, bool mayBePortZero,
                                       std::string& problem);
 

@@ -122,6 +122,48 @@ streams:
   EXPECT_EQ(file.sendTimeout, milliseconds(120'000));
 }
 
+TEST(Configuration, EveryKeyOfTlsAndDatagramsIsRead) {
+  const Configuration configuration = ParseConfiguration(R"(
+streams:
+  - name: One
+    source:
+      - { type: syslog, listen: "udp://127.0.0.1:514", receive_buffer: 1MiB, max_event_size: 2KiB }
+      - type: syslog
+        listen: "tls://0.0.0.0:6514"
+        tls: { certificate: c.pem, key: k.pem, client_ca: ca.pem, handshake_timeout: 3s }
+    stages: [ { module: StoreAndForwardStage } ]
+    destination:
+      type: syslog
+      target: "tls://10.0.0.1:6514"
+      tls: { ca: roots.pem, certificate: own.pem, key: ownkey.pem, server_name: log.example, verify: false }
+  - name: Two
+    source: { type: stdin }
+    stages: [ { module: StoreAndForwardStage } ]
+    destination: { type: syslog, target: "udp://h:514", send_timeout: 1s }
+)");
+  ASSERT_TRUE(configuration.mistakes.empty()) << ToText(configuration.mistakes[0], "f");
+  const auto& one = configuration.options.streams[0];
+  const auto& datagrams = std::get<OrloAgent::SyslogSourceOptions>(one.sources.at(0));
+  EXPECT_EQ(datagrams.listen.transport, OrloAgent::Transport::Udp);
+  EXPECT_EQ(datagrams.receiveBuffer, 1024u * 1024);
+  EXPECT_EQ(datagrams.maxEventSize, 2048u);
+  const auto& server = std::get<OrloAgent::SyslogSourceOptions>(one.sources.at(1)).tls;
+  EXPECT_EQ(server.certificate, "c.pem");
+  EXPECT_EQ(server.key, "k.pem");
+  EXPECT_EQ(server.clientCa, "ca.pem");
+  EXPECT_EQ(server.handshakeTimeout, milliseconds(3'000));
+  const auto& client = std::get<OrloAgent::SyslogDestinationOptions>(one.destination).tls;
+  EXPECT_EQ(client.ca, "roots.pem");
+  EXPECT_EQ(client.certificate, "own.pem");
+  EXPECT_EQ(client.key, "ownkey.pem");
+  EXPECT_EQ(client.serverName, "log.example");
+  EXPECT_FALSE(client.verify);
+  const auto& two = configuration.options.streams[1];
+  EXPECT_EQ(std::get<OrloAgent::SyslogDestinationOptions>(two.destination).target.transport,
+            OrloAgent::Transport::Udp);
+  EXPECT_TRUE(std::get<OrloAgent::SyslogDestinationOptions>(two.destination).tls.verify);
+}
+
 struct Wrong {
   const char* name;
   std::string text;
@@ -292,8 +334,40 @@ std::vector<Wrong> StreamCases() {
         "to 65535"}},
       {"ListenWithoutScheme",
        WithSource("{ type: syslog, listen: \"h:514\" }"),
-       {"f:3: streams[0].source.listen: \"h:514\" is not tcp://HOST:PORT: it does not begin with "
-        "tcp://"}},
+       {"f:3: streams[0].source.listen: \"h:514\" is not SCHEME://HOST:PORT: it does not begin "
+        "with tcp://, udp:// or tls://"}},
+      {"TlsWithoutCertificate",
+       WithSource("{ type: syslog, listen: \"tls://h:0\" }"),
+       {"f:3: streams[0].source.listen: needs \"tls\" beside it, with the server's certificate and "
+        "key"}},
+      {"TlsWithAnEmptyMap",
+       WithSource("{ type: syslog, listen: \"tls://h:0\", tls: {} }"),
+       {"f:3: streams[0].source.tls: has no \"certificate\" and no \"key\", which a server needs"}},
+      {"TlsCertificateWithoutItsKey",
+       WithSource("{ type: syslog, listen: \"tls://h:0\", tls: { certificate: c } }"),
+       {"f:3: streams[0].source.tls.certificate: needs \"key\" beside it, the file of its private "
+        "key"}},
+      {"TlsForPlainTcp",
+       WithSource("{ type: syslog, listen: \"tcp://h:0\", tls: { certificate: c, key: k } }"),
+       {"f:3: streams[0].source.tls: has no meaning for tcp://h:0"}},
+      {"ConnectionsForDatagrams",
+       WithSource("{ type: syslog, listen: \"udp://h:0\", max_connections: 3, idle_timeout: 3s }"),
+       {"f:3: streams[0].source.max_connections: has no meaning for udp://h:0",
+        "f:3: streams[0].source.idle_timeout: has no meaning for udp://h:0"}},
+      {"ReceiveBufferForTcp",
+       WithSource("{ type: syslog, listen: \"tcp://h:0\", receive_buffer: 1MiB }"),
+       {"f:3: streams[0].source.receive_buffer: has no meaning for tcp://h:0"}},
+      {"FramingForDatagrams",
+       WithDestination("{ type: syslog, target: \"udp://h:1\", framing: newline }"),
+       {"f:5: streams[0].destination.framing: has no meaning for udp://h:1"}},
+      {"ClientKeyWithoutItsCertificate",
+       WithDestination("{ type: syslog, target: \"tls://h:1\", tls: { key: k } }"),
+       {"f:5: streams[0].destination.tls.key: needs \"certificate\" beside it, the certificate "
+        "that "
+        "it belongs to"}},
+      {"VerifyIsNoFlag",
+       WithDestination("{ type: syslog, target: \"tls://h:1\", tls: { verify: maybe } }"),
+       {"f:5: streams[0].destination.tls.verify: \"maybe\" is neither true nor false"}},
       {"EventSizeTooSmall",
        WithSource("{ type: stdin, max_event_size: 63 }"),
        {"f:3: streams[0].source.max_event_size: is out of range: 63 bytes are not 64 to 16777216"}},

@@ -11,7 +11,6 @@
 namespace {
 
 using boost::asio::ip::tcp;
-using OrloAgent::Endpoint;
 using OrloAgent::IChannel;
 using OrloAgent::TcpChannel;
 using std::chrono::milliseconds;
@@ -26,8 +25,15 @@ class TcpChannelTest : public testing::Test {
     m_port = m_acceptor.local_endpoint().port();
   }
 
+  OrloAgent::SyslogDestinationOptions OptionsFor(const std::string& host) const {
+    OrloAgent::SyslogDestinationOptions options;
+    options.target = {host, m_port};
+    options.connectTimeout = seconds(10);
+    return options;
+  }
+
   std::unique_ptr<TcpChannel> Make() {
-    return std::make_unique<TcpChannel>(Endpoint{"127.0.0.1", m_port}, seconds(5), "S");
+    return std::make_unique<TcpChannel>(OptionsFor("127.0.0.1"), "S");
   }
 
   static std::string Receive(tcp::socket& socket, std::size_t size) {
@@ -58,7 +64,7 @@ TEST_F(TcpChannelTest, BytesArriveAndCloseEndsTheConnectionInOrder) {
 }
 
 TEST_F(TcpChannelTest, ANameIsLookedUp) {
-  TcpChannel channel(Endpoint{"localhost", m_port}, seconds(10), "S");
+  TcpChannel channel(OptionsFor("localhost"), "S");
   EXPECT_EQ(channel.Prepare(true), IChannel::Readiness::ReadyAnew);
   EXPECT_EQ(channel.Write("x", milliseconds(0)).written, 1u);
 }

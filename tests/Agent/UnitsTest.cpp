@@ -72,6 +72,8 @@ INSTANTIATE_TEST_SUITE_P(Endpoint, GoodEndpoint,
                                          EndpointCase{"tcp://log-host.example:6514",
                                                       "log-host.example", 6514},
                                          EndpointCase{"tcp://[::1]:65535", "::1", 65535},
+                                         EndpointCase{"udp://[::]:514", "::", 514},
+                                         EndpointCase{"tls://h:6514", "h", 6514},
                                          EndpointCase{"tcp://localhost:0", "localhost", 0}));
 
 class BadEndpoint : public testing::TestWithParam<const char*> {};
@@ -83,12 +85,19 @@ TEST_P(BadEndpoint, IsRefusedWithAReason) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Endpoint, BadEndpoint,
-                         testing::Values("", "127.0.0.1:5140", "udp://127.0.0.1:1", "tcp://",
-                                         "tcp://:1", "tcp://host", "tcp://host:", "tcp://host:x",
-                                         "tcp://host:65536", "tcp://host:-1", "tcp://host:1 ",
-                                         "tcp://ho st:1", "tcp://::1:5", "tcp://[::1:5",
-                                         "tcp://[::1]5", "tcp://[]:5", "tcp://[host]:5",
-                                         "tcp://host:1/x", "tcp://a/b:1"));
+                         testing::Values("", "127.0.0.1:5140", "http://127.0.0.1:1", "udp://",
+                                         "tcp://", "tcp://:1", "tcp://host", "tcp://host:",
+                                         "tcp://host:x", "tcp://host:65536", "tcp://host:-1",
+                                         "tcp://host:1 ", "tcp://ho st:1", "tcp://::1:5",
+                                         "tcp://[::1:5", "tcp://[::1]5", "tcp://[]:5",
+                                         "tcp://[host]:5", "tcp://host:1/x", "tcp://a/b:1"));
+
+TEST(Units, SchemeNamesTheTransport) {
+  std::string problem;
+  EXPECT_EQ(ParseEndpoint("tcp://h:1", true, problem)->transport, OrloAgent::Transport::Tcp);
+  EXPECT_EQ(ParseEndpoint("udp://h:1", true, problem)->transport, OrloAgent::Transport::Udp);
+  EXPECT_EQ(ParseEndpoint("tls://h:1", true, problem)->transport, OrloAgent::Transport::Tls);
+}
 
 TEST(Units, PortZeroIsForListeningOnly) {
   std::string problem;

@@ -150,14 +150,18 @@ class Receiver:
             self.connections += 1
             self._sockets.append(connection)
             with connection:
-                while True:
-                    try:
-                        data = connection.recv(1 << 16)
-                    except OSError:
-                        break
-                    if not data:
-                        break
-                    self.received += data
+                self.read(connection)
+
+    def read(self, connection):
+        """Everything up to the connection's end."""
+        while True:
+            try:
+                data = connection.recv(1 << 16)
+            except OSError:
+                return
+            if not data:
+                return
+            self.received += data
 
     def lines(self):
         return bytes(self.received).split(b"\n")[:-1]
