@@ -6,7 +6,8 @@
 #include "Agent/DataDirectoryLock.h"
 #include "Agent/DatagramSource.h"
 #include "Agent/Destination.h"
-#include "Agent/Process.h"
+#include "Agent/PathText.h"
+#include "Agent/ProcessSignals.h"
 #include "Agent/StdinSource.h"
 #include "Agent/StreamWatch.h"
 #include "Agent/SyslogSource.h"
@@ -31,7 +32,7 @@ constexpr std::chrono::milliseconds kBetweenWatches{10'000};
 // Absolute, and with the separators that both the agent and the stage take for separators.
 std::filesystem::path MakeDataDirectory(std::string path) {
   std::replace(path.begin(), path.end(), '\\', '/');
-  return std::filesystem::absolute(path).lexically_normal();
+  return std::filesystem::absolute(ToPath(path)).lexically_normal();
 }
 
 // The value that the stage will use for one of its numbers.
@@ -86,10 +87,10 @@ Agent::~Agent() { TearDown(); }
 
 void Agent::Start() {
   try {
-    for (const int signal : GetSignals()) {
-      m_signals.add(signal);
-    }
-    OnSignal();
+    m_signals = std::make_unique<ProcessSignals>(
+        m_control, [this](ProcessSignals::Request request, const std::string& name) {
+          OnSignal(request, name);
+        });
     StartServices();
     m_manager = std::make_unique<OrloStream::StreamManager>(m_moduleDirectory);
     for (StreamOptions& stream : m_options.streams) {
@@ -109,7 +110,7 @@ void Agent::Start() {
 
 void Agent::StartServices() {
   WindowsAgentCommon::DiskManagerOptions disk;
-  disk.dataDirectory = WindowsAgentCommon::ToWide(m_dataDirectory.string());
+  disk.dataDirectory = WindowsAgentCommon::ToWide(ToText(m_dataDirectory));
   disk.quota = m_options.disk.quota;
   disk.keepFree = m_options.disk.keepFree;
   const auto diskManager = std::make_shared<WindowsAgentCommon::DiskManager>(std::move(disk));
@@ -186,29 +187,21 @@ void Agent::OnSourceEnded() {
   }
 }
 
-// Counts a signal, if one has come, and waits for the next.
-void Agent::OnSignal() {
-  m_signals.async_wait([this](const boost::system::error_code& error, int signal) {
-    if (error) {
-      return;
-    }
-    if (IsReload(signal)) {
-      LogFacade::Info(m_log, "Signal %d received; reading certificates again.", signal);
-      for (const auto& running : m_streams) {
-        for (Source* source : running->sources) {
-          source->Reload();
-        }
+void Agent::OnSignal(ProcessSignals::Request request, const std::string& name) {
+  if (request == ProcessSignals::Request::Reload) {
+    LogFacade::Info(m_log, "%s received; reading certificates again.", name);
+    for (const auto& running : m_streams) {
+      for (Source* source : running->sources) {
+        source->Reload();
       }
-      OnSignal();
-      return;
     }
-    ++m_signalCount;
-    LogFacade::Info(m_log, "Signal %d received; %s.", signal,
-                    m_stopRequested ? "not waiting for events any longer" : "stopping");
-    m_stopRequested = true;
-    m_control.stop();
-    OnSignal();
-  });
+    return;
+  }
+  ++m_signalCount;
+  LogFacade::Info(m_log, "%s received; %s.", name,
+                  m_stopRequested ? "not waiting for events any longer" : "stopping");
+  m_stopRequested = true;
+  m_control.stop();
 }
 
 void Agent::WatchStreams() {
@@ -302,8 +295,7 @@ void Agent::TearDown() {
   m_services.clear();
   m_statistics.reset();
   m_lock.reset();
-  boost::system::error_code ignored;
-  m_signals.clear(ignored);
+  m_signals.reset();
 }
 
 }  // namespace OrloAgent

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <filesystem>
 #include <memory>
@@ -9,6 +8,7 @@
 #include <vector>
 
 #include "Agent/Options.h"
+#include "Agent/ProcessSignals.h"
 #include "Agent/StreamAccount.h"
 #include "OrloStream/StreamManager.h"
 #include "WindowsAgentCommon/DiskManager.h"
@@ -55,7 +55,7 @@ class Agent {
   void WarnOfShortDrain(const StreamOptions& options) const;
   void OnSourceEnded();
   void WatchStreams();
-  void OnSignal();
+  void OnSignal(ProcessSignals::Request request, const std::string& name);
   void Drain();
   std::vector<StreamReport> CloseStreams();
   StreamReport Look(RunningStream& running);
@@ -67,8 +67,8 @@ class Agent {
   WindowsAgentCommon::Log m_log;
 
   boost::asio::io_context m_control{1};
-  boost::asio::signal_set m_signals{m_control};
   boost::asio::steady_timer m_watchTimer{m_control};
+  std::unique_ptr<ProcessSignals> m_signals;
   unsigned m_signalCount = 0;
   std::size_t m_sourcesRunning = 0;
   bool m_stopRequested = false;

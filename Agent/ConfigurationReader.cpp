@@ -8,6 +8,7 @@
 
 #include "Agent/ConfigurationNodes.h"
 #include "Agent/ConfigurationShape.h"
+#include "Agent/PathText.h"
 #include "Agent/StreamSection.h"
 
 namespace OrloAgent {
@@ -142,19 +143,20 @@ Configuration LoadConfiguration(const std::string& path) {
     return configuration;
   };
   std::error_code ignored;
-  if (std::filesystem::is_directory(path, ignored)) {
+  const std::filesystem::path file = ToPath(path);
+  if (std::filesystem::is_directory(file, ignored)) {
     return refuse("it is a directory");
   }
   errno = 0;
-  std::ifstream file(path, std::ios::binary);
-  if (!file) {
+  std::ifstream stream(file, std::ios::binary);
+  if (!stream) {
     return refuse(std::generic_category().message(errno));
   }
   // One byte more than is allowed, so that a file that is too large is seen to be.
   std::string text(kLargestText + 1, '\0');
-  file.read(text.data(), static_cast<std::streamsize>(text.size()));
-  text.resize(static_cast<std::size_t>(file.gcount()));
-  if (file.bad()) {
+  stream.read(text.data(), static_cast<std::streamsize>(text.size()));
+  text.resize(static_cast<std::size_t>(stream.gcount()));
+  if (stream.bad()) {
     return refuse(std::generic_category().message(errno));
   }
   return ParseConfiguration(text);

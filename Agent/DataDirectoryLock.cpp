@@ -1,7 +1,8 @@
 #include "Agent/DataDirectoryLock.h"
 
-#include <fstream>
+#include <stdexcept>
 
+#include "Agent/PathText.h"
 #include "WindowsAgentCommon/Exceptions.h"
 
 namespace OrloAgent {
@@ -12,32 +13,19 @@ namespace {
                          int line) {
   throw WindowsAgentCommon::InitializationException(
       "DataDirectoryLock", "OrloAgent::DataDirectoryLock::DataDirectoryLock", line,
-      "The data directory " + directory.string() + " " + reason);
+      "The data directory " + ToText(directory) + " " + reason);
 }
 
 }  // namespace
 
 DataDirectoryLock::DataDirectoryLock(const std::filesystem::path& dataDirectory) {
-  const std::filesystem::path file = dataDirectory / "agent.lock";
-  if (!std::ofstream(file, std::ios::app)) {
-    Refuse(dataDirectory, "can't be locked: " + file.string() + " can't be written", __LINE__);
-  }
   try {
-    boost::interprocess::file_lock lock(file.c_str());
-    if (!lock.try_lock()) {
-      Refuse(dataDirectory, "is in use by another agent", __LINE__);
-    }
-    m_lock.swap(lock);
-  } catch (const boost::interprocess::interprocess_exception& exception) {
-    Refuse(dataDirectory, std::string("can't be locked (") + exception.what() + ")", __LINE__);
+    m_lock = std::make_unique<FileLock>(dataDirectory / "agent.lock");
+  } catch (const std::exception& exception) {
+    Refuse(dataDirectory, std::string("can't be locked: ") + exception.what(), __LINE__);
   }
-}
-
-DataDirectoryLock::~DataDirectoryLock() {
-  try {
-    m_lock.unlock();
-  } catch (const boost::interprocess::interprocess_exception&) {
-    // It ends with the process at the latest.
+  if (!m_lock->IsHeld()) {
+    Refuse(dataDirectory, "is in use by another agent", __LINE__);
   }
 }
 

@@ -25,7 +25,7 @@ std::filesystem::path FindFirst(const std::filesystem::path& directory, Fits fit
 
 // As the cache's own listing: names without an extension.
 bool HasChunkName(const std::filesystem::directory_entry& entry) {
-  return entry.path().filename().string().find('.') == std::string::npos;
+  return entry.path().filename().native().find('.') == std::filesystem::path::string_type::npos;
 }
 
 bool HoldsChunks(const std::filesystem::directory_entry& entry) {

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "Agent/PathText.h"
+
 namespace OrloAgent {
 
 namespace {
@@ -22,7 +24,7 @@ StreamAccount::StreamAccount(const WindowsAgentCommon::StatisticsServer& statist
                              std::string streamName, const std::filesystem::path& dataDirectory)
     : m_statistics(statistics),
       m_streamName(std::move(streamName)),
-      m_inventory(dataDirectory / "Events" / m_streamName),
+      m_inventory(dataDirectory / "Events" / ToPath(m_streamName)),
       m_atStart(m_inventory.Look()) {}
 
 StreamReport StreamAccount::Look(std::uint64_t unsent, std::uint64_t notMade) {

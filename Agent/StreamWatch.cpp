@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "Agent/PathText.h"
 #include "StoreAndForward/ScheduleSettings.h"
 
 namespace OrloAgent {
@@ -31,7 +32,7 @@ StreamWatch::StreamWatch(const WatchOptions& options, std::string streamName,
                          const StageOptions& stage, const std::filesystem::path& dataDirectory,
                          WindowsAgentCommon::StatisticsServer& statistics)
     : m_streamName(std::move(streamName)),
-      m_cacheDirectory(dataDirectory / "Events" / m_streamName),
+      m_cacheDirectory(dataDirectory / "Events" / ToPath(m_streamName)),
       m_settings(stage.settings.begin(), stage.settings.end()),
       m_log(LoggerFactory::GetLog("Code.StreamWatch." + m_streamName)),
       m_watch(options) {
@@ -73,12 +74,12 @@ bool StreamWatch::IsSendingAllowed() {
 void StreamWatch::Warn(StallWatch::Clock::time_point now) const {
   const OldestChunk oldest = FindOldestChunk(m_cacheDirectory);
   const std::string reason =
-      oldest.path.empty() ? "no chunk file is left in " + m_cacheDirectory.string()
+      oldest.path.empty() ? "no chunk file is left in " + ToText(m_cacheDirectory)
       : oldest.error.empty()
-          ? "the oldest chunk file, " + oldest.path.string() +
+          ? "the oldest chunk file, " + ToText(oldest.path) +
                 ", can be read, but the stage does not get to it: an older one is "
                 "gone or unreadable; restarting the agent skips what is gone"
-          : "the oldest chunk file, " + oldest.path.string() + ", can't be read (" + oldest.error +
+          : "the oldest chunk file, " + ToText(oldest.path) + ", can't be read (" + oldest.error +
                 "); nothing behind it is sent until it can be or is moved away "
                 "and the agent restarted";
   LogFacade::Warn(m_log, "The event cache has not moved for %d s though sending is possible: %s.",

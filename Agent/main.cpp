@@ -1,8 +1,10 @@
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <iostream>
 
 #include "Agent/Agent.h"
 #include "Agent/ConfigurationReader.h"
+#include "Agent/PathText.h"
 #include "Agent/Process.h"
 #include "WindowsAgentCommon/Exceptions.h"
 
@@ -33,18 +35,23 @@ void ConfigureLogging(const OrloAgent::LogOptions& options) {
   WindowsAgentCommon::LoggerFactory::Configure(logging);
 }
 
-// The build tree and an installation keep the modules in different places beside the program.
+// A package for Windows has the modules in the program's own directory, an installation and the
+// build tree in different ones near it.
 std::string FindModuleDirectory(const OrloAgent::AgentOptions& options) {
-  const std::filesystem::path root = OrloAgent::GetProgramPath().parent_path().parent_path();
+  const std::filesystem::path beside = OrloAgent::GetProgramPath().parent_path();
+  const std::filesystem::path root = beside.parent_path();
   const std::string& module = options.streams.front().stages.front().module;
   const std::string file = ORLO_MODULE_PREFIX + module + ORLO_MODULE_SUFFIX;
+  std::error_code ignored;
+  if (std::filesystem::exists(beside / OrloAgent::ToPath(file), ignored)) {
+    return OrloAgent::ToText(beside);
+  }
   for (const char* place : {"lib/orlo", ORLO_LIBRARY_DIRECTORY "/orlo", ORLO_LIBRARY_DIRECTORY}) {
-    std::error_code ignored;
-    if (std::filesystem::exists(root / place / file, ignored)) {
-      return (root / place).string();
+    if (std::filesystem::exists(root / place / OrloAgent::ToPath(file), ignored)) {
+      return OrloAgent::ToText(root / place);
     }
   }
-  return (root / "lib").string();
+  return OrloAgent::ToText(root / "lib");
 }
 
 // True when there are none.
@@ -96,7 +103,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   std::string file;
   std::string modules;
-  CLI::App* const run = app.add_subcommand("run", "Collect and forward until SIGTERM");
+  CLI::App* const run = app.add_subcommand("run", "Collect and forward until SIGTERM or Ctrl-C");
   CLI::App* const check = app.add_subcommand("check", "Say every mistake in a configuration file");
   for (CLI::App* const command : {run, check}) {
     command->add_option("--config", file, "The configuration file")->required();
@@ -104,7 +111,10 @@ int main(int argc, char** argv) {
                         "Directory of the stage modules (default: beside the program)");
   }
   try {
-    app.parse(argc, argv);
+    std::vector<std::string> arguments = OrloAgent::GetArguments(argc, argv);
+    // That is the order in which they are taken off.
+    std::reverse(arguments.begin(), arguments.end());
+    app.parse(arguments);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : kWrongUsage;
   }

@@ -9,22 +9,7 @@
 
 namespace OrloAgent {
 
-namespace {
-
-bool HasTerminal() {
-  const int terminal = open("/dev/tty", O_RDONLY | O_NOCTTY | O_CLOEXEC);
-  if (terminal >= 0) {
-    close(terminal);
-  }
-  return terminal >= 0;
-}
-
-bool hadTerminal = false;
-
-}  // namespace
-
 void PrepareProcess() {
-  hadTerminal = HasTerminal();
   std::signal(SIGPIPE, SIG_IGN);
   // Each connection takes a descriptor; the usual soft limit is there for programs that use select.
   rlimit descriptors{};
@@ -42,19 +27,14 @@ void PrepareProcess() {
   }
 }
 
+std::vector<std::string> GetArguments(int argc, char** argv) {
+  return std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc);
+}
+
 std::filesystem::path GetProgramPath() {
   std::error_code error;
   std::filesystem::path path = std::filesystem::read_symlink("/proc/self/exe", error);
   return error ? std::filesystem::path() : path;
 }
-
-const std::vector<int>& GetSignals() {
-  static const std::vector<int> signals{SIGINT, SIGTERM, SIGHUP};
-  return signals;
-}
-
-// A hang-up asks a service to read its files again, and tells a program that its terminal has
-// ended. Then it is to stop, in good order.
-bool IsReload(int signal) { return signal == SIGHUP && (!hadTerminal || HasTerminal()); }
 
 }  // namespace OrloAgent
