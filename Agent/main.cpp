@@ -99,6 +99,8 @@ int main(int argc, char** argv) {
   CLI::App app(
       "Collects log events, keeps them while their destination is away, and forwards them.",
       "orlo-agent");
+  // A path may begin with a slash on Windows, too.
+  app.allow_windows_style_options(false);
   app.set_version_flag("--version", "orlo-agent " ORLO_VERSION);
   app.require_subcommand(1);
   std::string file;
