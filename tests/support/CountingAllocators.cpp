@@ -9,7 +9,7 @@
 namespace TestSupport {
 
 CountingAllocator::~CountingAllocator() {
-  for (void* memory : m_alive) {
+  for (const auto& [memory, size] : m_alive) {
     ::operator delete(memory);
   }
 }
@@ -23,7 +23,7 @@ void* CountingAllocator::malloc(size_t bytes) {
     --m_failAfter;
   }
   void* const memory = ::operator new(bytes);
-  m_alive.insert(memory);
+  m_alive.emplace(memory, bytes);
   return memory;
 }
 
@@ -54,6 +54,15 @@ void CountingAllocator::free(void* memory) {
 std::size_t CountingAllocator::Alive() const {
   const std::lock_guard guard(m_lock);
   return m_alive.size();
+}
+
+std::vector<std::string> CountingAllocator::Contents() const {
+  const std::lock_guard guard(m_lock);
+  std::vector<std::string> contents;
+  for (const auto& [memory, size] : m_alive) {
+    contents.emplace_back(static_cast<const char*>(memory), size);
+  }
+  return contents;
 }
 
 void CountingAllocator::FailAfter(long allocations) {

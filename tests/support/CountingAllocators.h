@@ -3,8 +3,10 @@
 #include <ace/Malloc_Allocator.h>
 
 #include <cstddef>
+#include <map>
 #include <mutex>
-#include <set>
+#include <string>
+#include <vector>
 
 namespace TestSupport {
 
@@ -21,13 +23,15 @@ class CountingAllocator : public ACE_New_Allocator {
   void free(void* memory) override;
 
   std::size_t Alive() const;
+  // The bytes of everything that is alive, of which some may never have been written.
+  std::vector<std::string> Contents() const;
 
   // From now on every allocation fails after this many have succeeded; negative: never.
   void FailAfter(long allocations);
 
  private:
   mutable std::mutex m_lock;
-  std::set<void*> m_alive;
+  std::map<void*, std::size_t> m_alive;  // to the size
   long m_failAfter = -1;
 };
 
