@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "Platform/Windows.h"
+#include "Platform/testing/TestFaults.h"
 
 namespace Platform {
 
@@ -33,7 +34,7 @@ DWORD Guarded(Work&& work) {
 template <typename Work>
 DWORD Report(Work&& work) {
   const DWORD error = Guarded(std::forward<Work>(work));
-  SetLastError(error);
+  SetLastError(error == TestFaults::kFailsWithoutError ? ERROR_SUCCESS : error);
   return error;
 }
 

@@ -22,6 +22,9 @@ enum class FileCall {
   Unlink  // _wunlink
 };
 
+// The error of a fault by which a call fails and reports no error: the last error is 0 then.
+inline constexpr std::uint32_t kFailsWithoutError = 0xFFFFFFFF;
+
 struct Fault {
   // The Windows error that the call reports; 0 lets the call happen.
   std::uint32_t error = 0;

@@ -30,6 +30,14 @@ class FaultsTest : public testing::Test {
   PathInState m_missing{State::Missing};
 };
 
+TEST_F(FaultsTest, CallCanFailWithoutAnError) {
+  Platform::TestFaults::FailNth(0, Platform::TestFaults::kFailsWithoutError);
+  SetLastError(ERROR_ACCESS_DENIED);
+  EXPECT_FALSE(CreateDirectoryW(m_missing.WidePath().c_str(), nullptr));
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_SUCCESS));
+  EXPECT_TRUE(CreateDirectoryW(m_missing.WidePath().c_str(), nullptr));
+}
+
 TEST_F(FaultsTest, HookIsAskedOnceByEveryFileCallWithItsKind) {
   std::vector<FileCall> calls;
   Platform::TestFaults::SetHook([&](FileCall call) {

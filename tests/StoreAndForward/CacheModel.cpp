@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <set>
 
 namespace OrloStoreAndForward {
 
@@ -23,6 +24,36 @@ bool FaultsListing(const CacheOperation& operation, std::int64_t n) {
   return Faults(operation, FileCall::FindFirstFileW) &&
          (operation.fault->detail < 0 || operation.fault->detail == n);
 }
+
+// Which names the scan gets to see, where any listing may break off: what it gave before stays.
+class BrokenListings {
+ public:
+  BrokenListings(const CacheOperation& operation, const CacheModel::Listings& listings)
+      : m_operation(operation), m_listings(listings) {}
+
+  std::set<std::string> List(const std::string& directory) {
+    std::set<std::string> names;
+    const auto listing = m_listings.find(directory);
+    if (listing == m_listings.end() || listing->second.empty()) {
+      return names;
+    }
+    auto name = listing->second.begin();
+    do {
+      names.insert(*name);
+    } while (!FaultsNext() && ++name != listing->second.end());
+    return names;
+  }
+
+ private:
+  bool FaultsNext() {
+    const std::int64_t call = m_calls++;
+    return m_operation.fault->detail < 0 || m_operation.fault->detail == call;
+  }
+
+  const CacheOperation& m_operation;
+  const CacheModel::Listings& m_listings;
+  std::int64_t m_calls = 0;
+};
 
 std::string TwoDigits(std::int64_t value) {
   std::string text = std::to_string(value);
@@ -264,7 +295,7 @@ void CacheModel::Pop(const CacheOperation& operation) {
   }
 }
 
-std::uint32_t CacheModel::Restart(const CacheOperation& operation) {
+std::uint32_t CacheModel::Restart(const CacheOperation& operation, const Listings& listings) {
   if (Faults(operation, FileCall::GetFileAttributesW)) {
     ++m_met["creation that fails"];
     return operation.fault->error;
@@ -280,27 +311,40 @@ std::uint32_t CacheModel::Restart(const CacheOperation& operation) {
   m_buffer.clear();
   m_room.reset();
   m_queue.clear();
-  Scan(operation);
+  Scan(operation, listings);
   ++m_met[m_queue.empty() ? "restart with nothing" : "restart with chunks"];
+  if (Faults(operation, FileCall::FindNextFileW) && !m_queue.empty()) {
+    ++m_met["restart with a listing that breaks off"];
+  }
   return 0;
 }
 
-void CacheModel::Scan(const CacheOperation& operation) {
+void CacheModel::Scan(const CacheOperation& operation, const Listings& listings) {
+  const bool breaksOff = Faults(operation, FileCall::FindNextFileW);
+  BrokenListings broken(operation, listings);
+  const auto listNames = [&](const std::string& directory) {
+    return breaksOff ? broken.List(directory) : std::set<std::string>();
+  };
+  const auto isSeen = [&](const std::set<std::string>& names, const std::string& name) {
+    return IsListed(name) && (!breaksOff || names.contains(name));
+  };
   std::int64_t listing = -1;
   const auto cannotList = [&] { return FaultsListing(operation, ++listing); };
   if (cannotList()) {
     return;
   }
+  const std::set<std::string> minutes = listNames("");
   for (const auto& [minute, bytes] : m_tree) {
     const bool isName = !minute.empty() && minute.find('/') == std::string::npos;
-    if (!isName || !IsListed(minute) || cannotList() || bytes) {
+    if (!isName || !isSeen(minutes, minute) || cannotList() || bytes) {
       continue;
     }
     const std::string prefix = minute + '/';
+    const std::set<std::string> chunks = listNames(minute);
     for (auto child = m_tree.lower_bound(prefix);
          child != m_tree.end() && child->first.starts_with(prefix); ++child) {
       std::string name = child->first.substr(prefix.size());
-      if (IsListed(name)) {
+      if (isSeen(chunks, name)) {
         Enqueue(m_queue,
                 {minute, std::move(name), child->second ? child->second->size() : 0, true});
       }

@@ -22,6 +22,9 @@ class CacheModel {
   // Paths below the cache directory, "" being that itself. No bytes: a directory.
   using Tree = std::map<std::string, std::optional<std::string>>;
 
+  // What the system lists of a directory, in its own order, by the directory's path.
+  using Listings = std::map<std::string, std::vector<std::string>>;
+
   // Where the clock stands before the first Clock operation: 2016-03-07 14:05:07 UTC.
   static constexpr std::int64_t kStart = 1457359507000;
 
@@ -50,7 +53,8 @@ class CacheModel {
   FrontOutcome Front(const CacheOperation& operation);
   void Pop(const CacheOperation& operation);
   // The error of a creation that fails, which leaves the cache of before; 0 if there is a new one.
-  std::uint32_t Restart(const CacheOperation& operation);
+  // `listings` are needed where a listing may break off.
+  std::uint32_t Restart(const CacheOperation& operation, const Listings& listings = {});
 
   // The operations that change the surroundings: what is switched, and what happens to the files.
   void Change(const CacheOperation& operation);
@@ -96,7 +100,7 @@ class CacheModel {
                   const std::string& image, bool& emptied);
   std::string ImageOf(const CacheOperation& operation) const;
   bool GrowBuffer(std::uint64_t size);
-  void Scan(const CacheOperation& operation);
+  void Scan(const CacheOperation& operation, const Listings& listings);
   bool IsFile(const std::string& path) const;
   bool IsDirectory(const std::string& path) const;
   bool HasChildren(const std::string& directory) const;

@@ -193,11 +193,14 @@ void CacheModelGenerator::AddFault(CacheOperation& operation) {
       break;
     }
     case Kind::Restart: {
-      constexpr std::array kCalls{FileCall::FindFirstFileW, FileCall::FindFirstFileW,
-                                  FileCall::GetFileAttributesW, FileCall::CreateDirectoryW};
+      constexpr std::array kCalls{FileCall::FindFirstFileW, FileCall::FindNextFileW,
+                                  FileCall::FindNextFileW, FileCall::GetFileAttributesW,
+                                  FileCall::CreateDirectoryW};
       fault.call = kCalls[Below(kCalls.size())];
       if (fault.call == FileCall::FindFirstFileW) {
         fault.detail = static_cast<std::int64_t>(Below(4));
+      } else if (fault.call == FileCall::FindNextFileW) {
+        fault.detail = static_cast<std::int64_t>(Below(12)) - 1;
       }
       break;
     }

@@ -107,8 +107,7 @@ void ParseFault(const std::vector<std::string>& words, CacheOperation& operation
       CacheFault{call->call, ParseSize(words[1]), words.size() == 3 ? ParseNumber(words[2]) : -1};
 }
 
-// What the model can't foretell: a directory in part is listed in no order of its own, and "not
-// found" sends the making of directories through all parents.
+// What the model can't foretell: "not found" sends the making of directories through all parents.
 void RefuseUnforeseeable(const CacheOperation& operation) {
   constexpr std::uint32_t kPathNotFound = 3;
   if (!operation.fault) {
@@ -117,7 +116,6 @@ void RefuseUnforeseeable(const CacheOperation& operation) {
   const CacheFault& fault = *operation.fault;
   const bool isRestart = operation.kind == Kind::Restart;
   if ((fault.error == 0 && fault.call != FileCall::WriteFile) ||
-      (isRestart && fault.call == FileCall::FindNextFileW) ||
       (isRestart && fault.call == FileCall::GetFileAttributesW && fault.error <= kPathNotFound)) {
     throw std::invalid_argument("a fault whose result is not defined");
   }

@@ -48,7 +48,8 @@ struct CacheFault {
   Platform::TestFaults::FileCall call = {};
   std::uint32_t error = 0;
   // WriteFile: the bytes that are still written, all of them if negative; the error may be 0 then.
-  // FindFirstFile: the one call that fails, counted from 0; all of them if negative.
+  // FindFirstFile, and FindNextFile of a restart: the one call that fails, counted from 0; all of
+  // them if negative.
   std::int64_t detail = -1;
   bool operator==(const CacheFault&) const = default;
 };

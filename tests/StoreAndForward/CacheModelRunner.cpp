@@ -16,6 +16,7 @@
 #include "WindowsAgentCommon/MessageBlockPtr.h"
 #include "WindowsAgentCommon/MessageBlocks.h"
 #include "WindowsAgentCommon/Services.h"
+#include "tests/StoreAndForward/DirectoryListing.h"
 #include "tests/support/CountingAllocators.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -101,6 +102,18 @@ bool IsRebuilt(const ACE_Message_Block* block, const std::string& bytes, bool ha
 
 void* RefuseMemory(void*, std::size_t) { return nullptr; }
 
+// What the system lists of the cache directory and of each directory in it.
+CacheModel::Listings ListAll(const std::filesystem::path& root) {
+  CacheModel::Listings listings;
+  listings[""] = ListInOrder(root);
+  for (const std::string& name : listings[""]) {
+    if (name != "." && name != "..") {
+      listings[name] = ListInOrder(root / name);
+    }
+  }
+  return listings;
+}
+
 class Run {
  public:
   explicit Run(CacheModel& model);
@@ -169,7 +182,9 @@ TestFaults::Fault Run::FaultAt(FileCall call) {
     if (call == FileCall::WriteFile) {
       return {fault.error, fault.detail};
     }
-    if (call != FileCall::FindFirstFileW || fault.detail < 0 || fault.detail == m_listings++) {
+    const bool isCounted = call == FileCall::FindFirstFileW ||
+                           (call == FileCall::FindNextFileW && m_operation->kind == Kind::Restart);
+    if (!isCounted || fault.detail < 0 || fault.detail == m_listings++) {
       return {fault.error};
     }
   }
@@ -280,7 +295,13 @@ std::string Run::DoRestart(const CacheOperation& operation) {
     return contents;
   }
   const EventCache* const before = m_cache.get();
-  const std::uint32_t expected = m_model.Restart(operation);
+  CacheModel::Listings listings;
+  if (operation.fault && operation.fault->call == FileCall::FindNextFileW) {
+    m_operation = nullptr;
+    listings = ListAll(m_root);
+    m_operation = &operation;
+  }
+  const std::uint32_t expected = m_model.Restart(operation, listings);
   const std::uint32_t result = CreateEventCache(L"Test", m_cache);
   std::ostringstream text;
   if (result != expected) {

@@ -32,10 +32,16 @@ std::optional<CacheDifference> RunCacheOperations(
     const CacheOperations& operations, const MakeCacheModel& makeModel,
     std::map<std::string, std::uint64_t>* met = nullptr);
 
-// A shorter sequence of simpler operations that still fails. `fails` runs one; it is asked at most
-// `runs` times.
-CacheOperations ShrinkCacheOperations(CacheOperations failing,
-                                      const std::function<bool(const CacheOperations&)>& fails,
-                                      std::size_t runs = 4000);
+struct ShrunkOperations {
+  CacheOperations operations;
+  // The runs were used up before nothing more could be won.
+  bool gaveUp = false;
+};
+
+// A shorter sequence of simpler operations that still fails, and that does not if any one of them
+// is left out, unless it gave up. `fails` runs one; it is asked at most `runs` times.
+ShrunkOperations ShrinkCacheOperations(CacheOperations failing,
+                                       const std::function<bool(const CacheOperations&)>& fails,
+                                       std::size_t runs = 4000);
 
 }  // namespace OrloStoreAndForward

@@ -15,18 +15,19 @@ class Shrinker {
            std::size_t runs)
       : m_failing(std::move(failing)), m_fails(fails), m_runs(runs) {}
 
-  CacheOperations Shrink() {
+  ShrunkOperations Shrink() {
     // Simpler operations may make others unnecessary, so both go round until nothing is won.
     do {
       while (RemoveOperations() || RemovePairs()) {
       }
     } while (SimplifyOperations());
-    return m_failing;
+    return {std::move(m_failing), m_gaveUp};
   }
 
  private:
   bool Accept(CacheOperations candidate) {
     if (m_runs == 0) {
+      m_gaveUp = true;
       return false;
     }
     --m_runs;
@@ -127,13 +128,14 @@ class Shrinker {
   CacheOperations m_failing;
   const std::function<bool(const CacheOperations&)>& m_fails;
   std::size_t m_runs;
+  bool m_gaveUp = false;
 };
 
 }  // namespace
 
-CacheOperations ShrinkCacheOperations(CacheOperations failing,
-                                      const std::function<bool(const CacheOperations&)>& fails,
-                                      std::size_t runs) {
+ShrunkOperations ShrinkCacheOperations(CacheOperations failing,
+                                       const std::function<bool(const CacheOperations&)>& fails,
+                                       std::size_t runs) {
   return Shrinker(std::move(failing), fails, runs).Shrink();
 }
 

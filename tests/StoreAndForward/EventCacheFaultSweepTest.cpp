@@ -5,9 +5,12 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
+#include <set>
 
 #include "Platform/Windows.h"
 #include "StoreAndForward/ChunkBuffer.h"
+#include "tests/StoreAndForward/DirectoryListing.h"
 #include "tests/StoreAndForward/FaultSweepFixture.h"
 
 namespace OrloStoreAndForward {
@@ -26,6 +29,12 @@ class EventCacheFaults : public FaultSweepFixture {
   void SweepPush(bool bMinuteExists);
   void SweepPop(bool bLastOfItsMinute);
   void SweepCreation(const std::function<void()>& prepare);
+
+  // What a scan must find when the calls of its listings fail as in m_failure: the payload of each
+  // chunk, by its path.
+  Strings PredictScan(const std::map<std::string, std::string>& chunks) const;
+  // What a creation must give.
+  std::uint32_t PredictCreation(bool bIsThere) const;
 
   void ExpectUntouched(bool result, const Events& events, const Events& before) const {
     EXPECT_FALSE(result);
@@ -98,6 +107,45 @@ void EventCacheFaults::SweepPush(bool bMinuteExists) {
 TEST_F(EventCacheFaults, EveryCallOfAPushThatMakesItsMinuteDirectory) { SweepPush(false); }
 
 TEST_F(EventCacheFaults, EveryCallOfAPushIntoAMinuteDirectoryThatIsThere) { SweepPush(true); }
+
+// What a call that fails and says no error must not do.
+class EventCacheWithoutAnError : public CacheFixture {
+ protected:
+  using FileCall = Platform::TestFaults::FileCall;
+
+  // A push that takes its minute directory for missing and can't make it, without an error.
+  bool PushMeanwhile(EventCache& cache, bool bFileFails) {
+    Platform::TestFaults::SetHook([bFileFails](FileCall call) -> Platform::TestFaults::Fault {
+      switch (call) {
+        case FileCall::GetFileAttributesW:
+          return {ERROR_FILE_NOT_FOUND};
+        case FileCall::CreateDirectoryW:
+          return {Platform::TestFaults::kFailsWithoutError};
+        case FileCall::CreateFileW:
+          return {bFileFails ? ERROR_ACCESS_DENIED : 0u};
+        default:
+          return {};
+      }
+    });
+    const bool result = PushEvents(cache, 1, "event ");
+    Platform::TestFaults::Reset();
+    return result;
+  }
+};
+
+TEST_F(EventCacheWithoutAnError, MinuteDirectoryThatWasNotMadeCountsAsThere) {
+  std::filesystem::create_directories(InCache(kMinute));
+  const auto cache = Open();
+  EXPECT_TRUE(PushMeanwhile(*cache, false));
+  EXPECT_EQ(FrontPayloads(*cache), std::vector<std::string>{"event 0"});
+}
+
+TEST_F(EventCacheWithoutAnError, MinuteDirectoryThatWasNotMadeIsNotRemovedEither) {
+  std::filesystem::create_directories(InCache(kMinute));
+  const auto cache = Open();
+  EXPECT_FALSE(PushMeanwhile(*cache, true));
+  EXPECT_EQ(Tree(), std::vector<std::string>{kMinute});
+}
 
 TEST_F(EventCacheFaults, ShortWriteOfEveryLengthIsReadFromTheBufferAndAfterARestartFromTheFile) {
   Sweep([&] {
@@ -189,20 +237,56 @@ TEST_F(EventCacheFaults, EveryCallOfAPopThatEmptiesItsMinuteDirectory) { SweepPo
 
 TEST_F(EventCacheFaults, EveryCallOfAPopThatLeavesAChunkInItsMinuteDirectory) { SweepPop(false); }
 
+// A listing that can't be opened gives nothing, and one that breaks off what it gave before.
+EventCacheFaults::Strings EventCacheFaults::PredictScan(
+    const std::map<std::string, std::string>& chunks) const {
+  std::size_t call = 0;
+  const auto fails = [&] {
+    const std::size_t position = call++;
+    return m_failure && (position == m_failure->position ||
+                         (m_failure->bAndAllAfter && position > m_failure->position));
+  };
+  const auto list = [&](const std::filesystem::path& directory) {
+    std::set<std::string> names;
+    const Strings inOrder = ListInOrder(directory);
+    auto name = inOrder.begin();
+    if (fails() || name == inOrder.end()) {
+      return names;
+    }
+    do {
+      names.insert(*name);
+    } while (!fails() && ++name != inOrder.end());
+    names.erase(".");
+    names.erase("..");
+    return names;
+  };
+  Strings found;
+  for (const std::string& minute : list(InCache(""))) {
+    for (const std::string& second : list(InCache(minute))) {
+      found.push_back(chunks.at(minute + "/" + second));
+    }
+  }
+  return found;
+}
+
 TEST_F(EventCacheFaults, EveryCallOfTheScanAtStart) {
   Sweep([&] {
-    Strings all;
+    std::map<std::string, std::string> chunks;
     {
       const auto earlier = Open();
       for (int chunk = 0; chunk < 6; ++chunk) {
         SetTime(kStart + chunk * 30);
         const std::string prefix = std::to_string(chunk) + " ";
         ASSERT_TRUE(PushEvents(*earlier, 1, prefix));
-        all.push_back(prefix + "0");
+        const int second = 7 + chunk * 30;
+        chunks.emplace("2016-03-07-14-0" + std::to_string(5 + second / 60) + "/" +
+                           (second % 60 < 10 ? "0" : "") + std::to_string(second % 60),
+                       prefix + "0");
       }
     }
     const Strings tree = Tree();
     const std::uint64_t reserved = Reserved();
+    const Strings expected = PredictScan(chunks);
     std::unique_ptr<EventCache> cache;
     Meanwhile(
         [&] { cache = std::make_unique<EventCache>(m_directory.WidePath() + L"Events\\Test\\"); });
@@ -215,39 +299,46 @@ TEST_F(EventCacheFaults, EveryCallOfTheScanAtStart) {
       const Strings payloads = Take(*cache);
       found.insert(found.end(), payloads.begin(), payloads.end());
     }
-    // A listing that breaks off leaves some out; those that are found are in order.
-    EXPECT_TRUE(std::is_sorted(found.begin(), found.end()));
-    EXPECT_TRUE(std::includes(all.begin(), all.end(), found.begin(), found.end()));
-    if (!m_failure) {
-      EXPECT_EQ(found, all);
-    } else if (m_failure->position == 0) {
-      EXPECT_TRUE(found.empty());
-    } else if (Failed(FileCall::FindFirstFileW) && !m_failure->bAndAllAfter) {
-      // One of the three minutes, with two chunks each.
-      EXPECT_EQ(found.size(), 4u);
-    }
+    EXPECT_EQ(found, expected);
+    EXPECT_TRUE(m_failure || found.size() == chunks.size());
     EXPECT_EQ(Released(), found.size() * kPage);
     ExpectToWork(*cache);
   });
 }
 
+std::uint32_t EventCacheFaults::PredictCreation(bool bIsThere) const {
+  if (!m_failure || Failed(FileCall::FindFirstFileW) || Failed(FileCall::FindNextFileW)) {
+    return ERROR_SUCCESS;
+  }
+  const std::uint32_t error = m_failure->error;
+  if (Failed(FileCall::CreateDirectoryW)) {
+    // The second call; the one before is for its parent, whose place is then taken by something
+    // that is no directory.
+    constexpr std::size_t kOfTheCacheDirectory = 3;
+    return error == ERROR_ALREADY_EXISTS && m_failure->position < kOfTheCacheDirectory
+               ? ERROR_PATH_NOT_FOUND
+               : error;
+  }
+  if (m_failure->bAndAllAfter || (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND)) {
+    return error;
+  }
+  // Taken for missing, a directory is made or found to be there; without its parent it can't be.
+  const bool bWithoutParent =
+      !bIsThere && m_failure->position == 0 && error == ERROR_FILE_NOT_FOUND;
+  return bWithoutParent ? ERROR_PATH_NOT_FOUND : ERROR_SUCCESS;
+}
+
 void EventCacheFaults::SweepCreation(const std::function<void()>& prepare) {
   Sweep([&] {
     prepare();
+    const bool bIsThere = std::filesystem::exists(InCache(""));
     const std::uint64_t reserved = Reserved();
     const auto before = std::make_shared<EventCache>(L"no such directory\\");
     auto cache = before;
     std::uint32_t result = 0;
     Meanwhile([&] { result = CreateEventCache(L"Test", cache); });
 
-    if (!m_failure || Failed(FileCall::FindFirstFileW) || Failed(FileCall::FindNextFileW)) {
-      EXPECT_EQ(result, 0u);
-    } else if (m_failure->error != ERROR_FILE_NOT_FOUND &&
-               m_failure->error != ERROR_PATH_NOT_FOUND &&
-               m_failure->error != ERROR_ALREADY_EXISTS) {
-      // The others say something about a parent and have their own consequences.
-      EXPECT_EQ(result, m_failure->error);
-    }
+    EXPECT_EQ(result, PredictCreation(bIsThere));
     EXPECT_EQ(cache == before, result != 0);
     EXPECT_TRUE(before->Empty());
     EXPECT_EQ(Reserved(), reserved);

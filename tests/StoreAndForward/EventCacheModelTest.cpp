@@ -2,7 +2,8 @@
 // documentation says. A sequence that finds a difference is made as short as it can be and printed.
 //
 // ORLO_MODEL_SEED=<n>        the same sequences again
-// ORLO_MODEL_OPERATIONS=<n>  how many operations the four random tests do together
+// ORLO_MODEL_OPERATIONS=<n>  how many operations the four random tests do together, at least; those
+//                            that are not possible when they come don't count
 // ORLO_MODEL_REPLAY=<file>   replays a printed sequence
 
 #include <gtest/gtest.h>
@@ -27,7 +28,7 @@ namespace OrloStoreAndForward {
 namespace {
 
 constexpr std::size_t kSequence = 400;
-constexpr std::uint64_t kOperations = 240'000;
+constexpr std::uint64_t kOperations = 200'000;
 
 std::uint64_t FromEnvironment(const char* name, std::uint64_t otherwise) {
   const char* const text = std::getenv(name);
@@ -58,9 +59,11 @@ std::string Report(const CacheOperations& operations, const MakeCacheModel& make
          difference->text;
 }
 
-CacheOperations Shrink(const CacheOperations& failing, const MakeCacheModel& makeModel) {
+ShrunkOperations Shrink(const CacheOperations& failing, const MakeCacheModel& makeModel,
+                        std::size_t runs = 4000) {
   return ShrinkCacheOperations(
-      failing, [&](const CacheOperations& operations) { return Differs(operations, makeModel); });
+      failing, [&](const CacheOperations& operations) { return Differs(operations, makeModel); },
+      runs);
 }
 
 CacheOperations ReadOperations(const std::filesystem::path& path) {
@@ -77,7 +80,8 @@ Met RunRandomSequences(CacheModelProfile profile) {
   const std::uint64_t seed = FromEnvironment("ORLO_MODEL_SEED", FreshSeed());
   std::cout << "ORLO_MODEL_SEED=" << seed << ", " << operations << " operations\n";
   Met met;
-  for (std::uint64_t done = 0; done < operations; done += kSequence) {
+  std::uint64_t done = 0;
+  for (; done - met[kPassedOver] < operations; done += kSequence) {
     // Sequences that follow each other must not have related seeds.
     std::seed_seq mixed{seed, seed >> 32, done, done >> 32, static_cast<std::uint64_t>(profile)};
     std::array<std::uint32_t, 2> words{};
@@ -87,11 +91,11 @@ Met RunRandomSequences(CacheModelProfile profile) {
     if (RunCacheOperations(sequence, MakeModel, &met)) {
       ADD_FAILURE() << "Replay with ORLO_MODEL_SEED=" << seed
                     << ", or keep these operations in a file and name it in ORLO_MODEL_REPLAY:\n"
-                    << Report(Shrink(sequence, MakeModel), MakeModel);
+                    << Report(Shrink(sequence, MakeModel).operations, MakeModel);
       return {};
     }
   }
-  std::cout << met[kPassedOver] << " of them had nothing to be done with\n";
+  std::cout << done - met[kPassedOver] << " carried out, " << met[kPassedOver] << " passed over\n";
   for (const auto& [what, times] : met) {
     std::cout << "  " << what << ": " << times << '\n';
   }
@@ -127,7 +131,8 @@ TEST(EventCacheModel, CacheAndModelAgreeWhenRoomMemoryAndFilesAreRefused) {
             {"push without its minute directory", "push without room", "push without memory",
              "push without a file", "push written short", "directory of a failed push removed",
              "front of a short file", "front without its file", "front without memory",
-             "front that can't read", "front without memory for a block", "creation that fails"});
+             "front that can't read", "front without memory for a block", "creation that fails",
+             "restart with a listing that breaks off"});
 }
 
 TEST(EventCacheModel, CacheAndModelAgreeWhenAllOfThatHappensTogether) {
@@ -229,9 +234,9 @@ WrongRule Wrong(const char* name) {
 class WrongModel : public testing::TestWithParam<WrongRule> {};
 
 TEST_P(WrongModel, IsFoundAndTheSequenceIsShrunkToWhatIsNeeded) {
-  const std::uint64_t seed = FromEnvironment("ORLO_MODEL_SEED", FreshSeed());
-  std::cout << "ORLO_MODEL_SEED=" << seed << '\n';
-  CacheModelGenerator generator(seed, CacheModelProfile::Everything);
+  // What a wrong rule shrinks to is for looking at; it is the same in every run.
+  constexpr std::uint64_t kSeed = 20160307;
+  CacheModelGenerator generator(kSeed, CacheModelProfile::Everything);
   CacheOperations found;
   for (int tries = 0; tries < 50 && found.empty(); ++tries) {
     CacheOperations sequence = generator.Next(kSequence);
@@ -242,8 +247,10 @@ TEST_P(WrongModel, IsFoundAndTheSequenceIsShrunkToWhatIsNeeded) {
   ASSERT_FALSE(found.empty()) << "not noticed";
   ASSERT_FALSE(Differs(found, MakeModel));
 
-  const CacheOperations shrunk = Shrink(found, GetParam().makeModel);
+  constexpr std::size_t kRuns = 20'000;
+  const auto [shrunk, gaveUp] = Shrink(found, GetParam().makeModel, kRuns);
   std::cout << ToText(shrunk);
+  ASSERT_FALSE(gaveUp);
   EXPECT_LE(shrunk.size(), 16u);
   for (std::size_t i = 0; i < shrunk.size(); ++i) {
     CacheOperations less = shrunk;
@@ -278,7 +285,7 @@ TEST(CacheModelOperations, TextThatMeansNothingIsRefused) {
   for (const char* const line :
        {"bush 1", "push", "push x", "front 1", "push 1 3", "push 1 3:x", "push 1 -3:1", "stray 5",
         "front !", "front ! NoCall 5", "front ! CreateFile", "front ! CreateFile 0",
-        "front ! CreateFile 5 1 1", "restart ! FindNextFile 5", "restart ! GetFileAttributes 2"}) {
+        "front ! CreateFile 5 1 1", "restart ! FindNextFile 0", "restart ! GetFileAttributes 2"}) {
     EXPECT_THROW(ParseCacheOperations(line), std::invalid_argument) << line;
   }
 }

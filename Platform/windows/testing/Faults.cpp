@@ -31,11 +31,15 @@ Fault AskFault(FileCall call) {
   return current ? (*current)(call) : Fault{};
 }
 
+void ReportError(const Fault& fault) {
+  SetLastError(fault.error == TestFaults::kFailsWithoutError ? ERROR_SUCCESS : fault.error);
+}
+
 // Whether the call fails; the last error is set then.
 bool Fails(FileCall call) {
   const Fault fault = AskFault(call);
   if (fault.error != 0) {
-    SetLastError(fault.error);
+    ReportError(fault);
   }
   return fault.error != 0;
 }
@@ -96,7 +100,7 @@ BOOL WINAPI ReplacedWriteFile(HANDLE file, LPCVOID buffer, DWORD count, LPDWORD 
   } else if (original(file, buffer, allowed, written, overlapped) == FALSE) {
     return FALSE;
   }
-  SetLastError(fault.error);
+  ReportError(fault);
   return fault.error == 0 ? TRUE : FALSE;
 }
 
@@ -105,7 +109,7 @@ BOOL WINAPI ReplacedCloseHandle(HANDLE object) {
   // What fails is the report: the handle is released.
   const BOOL closed = reinterpret_cast<decltype(&CloseHandle)>(originalCloseHandle)(object);
   if (fault.error != 0) {
-    SetLastError(fault.error);
+    ReportError(fault);
     return FALSE;
   }
   return closed;
