@@ -6,8 +6,13 @@
 #include "Agent/DataDirectoryLock.h"
 #include "Agent/DatagramSource.h"
 #include "Agent/Destination.h"
+<<<<<<< HEAD
 #include "Agent/PathText.h"
 #include "Agent/ProcessSignals.h"
+=======
+#include "Agent/FileSource.h"
+#include "Agent/Process.h"
+>>>>>>> 596da38 (Files as a source: followed across rotation, restarts and kills)
 #include "Agent/StdinSource.h"
 #include "Agent/StreamWatch.h"
 #include "Agent/SyslogSource.h"
@@ -152,6 +157,10 @@ void Agent::CreateStream(StreamOptions& options) {
     if (const auto* standardInput = std::get_if<StdinSourceOptions>(&source)) {
       made = std::make_unique<StdinSource>(
           *standardInput, [this] { boost::asio::post(m_control, [this] { OnSourceEnded(); }); });
+    } else if (const auto* files = std::get_if<FileSourceOptions>(&source)) {
+      made = std::make_unique<FileSource>(
+          *files,
+          m_dataDirectory / "Positions" / std::u8string(options.name.begin(), options.name.end()));
     } else {
       const auto& syslog = std::get<SyslogSourceOptions>(source);
       if (syslog.listen.transport == Transport::Udp) {

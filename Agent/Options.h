@@ -122,7 +122,29 @@ struct SyslogSourceOptions {
   std::chrono::milliseconds idleTimeout{0};
 };
 
-using SourceOptions = std::variant<StdinSourceOptions, SyslogSourceOptions>;
+enum class FileStart { Beginning, End };
+
+// Lines of files that others write, rename and remove.
+struct FileSourceOptions {
+  // At least one; in each part of a path * stands for any characters and ? for one.
+  std::vector<std::string> paths;
+
+  // Where files are begun that are there when the source looks for the very first time. Files that
+  // appear later are read from their beginning.
+  FileStart start = FileStart::Beginning;
+
+  // A longer line becomes several events, none of it is dropped. 64 bytes to 16 MiB.
+  std::size_t maxEventSize = 64 * 1024;
+
+  // How often the files are looked at. 10 ms to 1 h.
+  std::chrono::milliseconds pollInterval{250};
+
+  // Further files are not followed, with a message, until others are gone. Each takes a descriptor.
+  // 1 to 1,000,000.
+  std::size_t maxFiles = 1024;
+};
+
+using SourceOptions = std::variant<StdinSourceOptions, SyslogSourceOptions, FileSourceOptions>;
 
 // A stage module and its settings, which the agent hands on as text. A key with a list of values
 // stands there once per element, in order.

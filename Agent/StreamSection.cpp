@@ -1,31 +1,27 @@
 #include "Agent/StreamSection.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <locale>
 #include <set>
 
+<<<<<<< HEAD
 #include "Agent/PathText.h"
 #include "Agent/Tls.h"
 #include "Agent/Units.h"
+=======
+#include "Agent/EndSections.h"
+>>>>>>> 596da38 (Files as a source: followed across rotation, restarts and kills)
 #include "WindowsAgentCommon/Text.h"
 
 namespace OrloAgent {
 
 namespace {
 
-using std::chrono::hours;
-using std::chrono::milliseconds;
-
-constexpr std::uint64_t kSmallestEvent = 64;
-constexpr std::uint64_t kLargestEvent = 16 * 1024 * 1024;
-
 // What the streams of one file must not share.
 struct Shared {
   // Name in lower case to its first user.
   std::map<std::wstring, ConfigurationEntry> names;
-  std::set<std::string> outputs;
-  bool standardInput = false;
+  SharedEnds ends;
 };
 
 std::wstring Lower(std::wstring text) {
@@ -78,6 +74,7 @@ void ReadName(const ConfigurationEntry& entry, ValueReader& reader, Shared& shar
   name = std::move(text);
 }
 
+<<<<<<< HEAD
 // False if there is no usable endpoint.
 bool ReadEndpoint(const ConfigurationEntry& entry, bool mayBePortZero, ValueReader& reader,
                   Endpoint& endpoint) {
@@ -294,6 +291,8 @@ void ReadDestination(const ConfigurationEntry& entry, ValueReader& reader, Share
   map.RefuseOthers();
 }
 
+=======
+>>>>>>> 596da38 (Files as a source: followed across rotation, restarts and kills)
 void ReadSettings(const ConfigurationEntry& entry, ValueReader& reader, StageOptions& stage) {
   static const std::set<std::string> kStoreAndForwardSettings{
       "QueueLowWaterMark", "QueueHighWaterMark", "DataProcessingPeriod", "DataChunkPeriod",
@@ -350,7 +349,7 @@ StreamOptions ReadStream(const ConfigurationEntry& entry, ValueReader& reader, S
   if (const auto source = map.Require("source")) {
     const auto sources = reader.ReadList(*source, true);
     for (const ConfigurationEntry& one : sources) {
-      ReadSource(one, reader, shared, stream.sources);
+      ReadSource(one, reader, shared.ends, stream.sources);
     }
     if (sources.empty()) {
       reader.Note(*source, "is an empty list; a stream needs a source");
@@ -366,7 +365,7 @@ StreamOptions ReadStream(const ConfigurationEntry& entry, ValueReader& reader, S
     }
   }
   if (const auto destination = map.Require("destination")) {
-    ReadDestination(*destination, reader, shared, stream.destination);
+    ReadDestination(*destination, reader, shared.ends, stream.destination);
   }
   map.RefuseOthers();
   return stream;

@@ -164,6 +164,42 @@ streams:
   EXPECT_TRUE(std::get<OrloAgent::SyslogDestinationOptions>(two.destination).tls.verify);
 }
 
+TEST(Configuration, EveryKeyOfFollowedFilesIsRead) {
+  const Configuration configuration = ParseConfiguration(R"(
+streams:
+  - name: One
+    source:
+      - { type: file, path: /var/log/syslog }
+    stages: [ { module: StoreAndForwardStage } ]
+    destination: { type: stdout }
+  - name: Two
+    source:
+      type: file
+      path: [ "/var/log/*.log", /var/log/messages ]
+      start: end
+      max_event_size: 1KiB
+      poll_interval: 2s
+      max_files: 9
+    stages: [ { module: StoreAndForwardStage } ]
+    destination: { type: file, path: out }
+)");
+  ASSERT_TRUE(configuration.mistakes.empty()) << ToText(configuration.mistakes[0], "f");
+  const auto& one =
+      std::get<OrloAgent::FileSourceOptions>(configuration.options.streams[0].sources.at(0));
+  EXPECT_EQ(one.paths, (std::vector<std::string>{"/var/log/syslog"}));
+  EXPECT_EQ(one.start, OrloAgent::FileStart::Beginning);
+  EXPECT_EQ(one.maxEventSize, 65'536u);
+  EXPECT_EQ(one.pollInterval, milliseconds(250));
+  EXPECT_EQ(one.maxFiles, 1024u);
+  const auto& two =
+      std::get<OrloAgent::FileSourceOptions>(configuration.options.streams[1].sources.at(0));
+  EXPECT_EQ(two.paths, (std::vector<std::string>{"/var/log/*.log", "/var/log/messages"}));
+  EXPECT_EQ(two.start, OrloAgent::FileStart::End);
+  EXPECT_EQ(two.maxEventSize, 1024u);
+  EXPECT_EQ(two.pollInterval, milliseconds(2'000));
+  EXPECT_EQ(two.maxFiles, 9u);
+}
+
 struct Wrong {
   const char* name;
   std::string text;
@@ -318,7 +354,7 @@ std::vector<Wrong> StreamCases() {
       {"SourceTypeMissing", WithSource("{ }"), {"f:3: streams[0].source.type: is missing"}},
       {"SourceTypeUnknown",
        WithSource("{ type: udp, port: 1 }"),
-       {"f:3: streams[0].source.type: \"udp\" is not known; known are: stdin, syslog"}},
+       {"f:3: streams[0].source.type: \"udp\" is not known; known are: stdin, syslog, file"}},
       {"StdinWithListen",
        WithSource("{ type: stdin, listen: x }"),
        {"f:3: streams[0].source.listen: is not known here; known are: type, max_event_size"}},
@@ -336,6 +372,19 @@ std::vector<Wrong> StreamCases() {
        WithSource("{ type: syslog, listen: \"h:514\" }"),
        {"f:3: streams[0].source.listen: \"h:514\" is not SCHEME://HOST:PORT: it does not begin "
         "with tcp://, udp:// or tls://"}},
+      {"FollowedFileWithoutPath",
+       WithSource("{ type: file }"),
+       {"f:3: streams[0].source.path: is missing"}},
+      {"FollowedFilesInAnEmptyList",
+       WithSource("{ type: file, path: [] }"),
+       {"f:3: streams[0].source.path: is an empty list; a source of files needs a path"}},
+      {"FollowedFileFromTheMiddle",
+       WithSource("{ type: file, path: x, start: middle }"),
+       {"f:3: streams[0].source.start: \"middle\" is not known; known are: beginning, end"}},
+      {"TwoSourcesOfFiles",
+       WithSource("[ { type: file, path: x }, { type: file, path: y } ]"),
+       {"f:3: streams[0].source[1]: is the second source of files of its stream; one can have "
+        "several paths"}},
       {"TlsWithoutCertificate",
        WithSource("{ type: syslog, listen: \"tls://h:0\" }"),
        {"f:3: streams[0].source.listen: needs \"tls\" beside it, with the server's certificate and "
