@@ -6,13 +6,9 @@
 #include "Agent/DataDirectoryLock.h"
 #include "Agent/DatagramSource.h"
 #include "Agent/Destination.h"
-<<<<<<< HEAD
+#include "Agent/FileSource.h"
 #include "Agent/PathText.h"
 #include "Agent/ProcessSignals.h"
-=======
-#include "Agent/FileSource.h"
-#include "Agent/Process.h"
->>>>>>> 596da38 (Files as a source: followed across rotation, restarts and kills)
 #include "Agent/StdinSource.h"
 #include "Agent/StreamWatch.h"
 #include "Agent/SyslogSource.h"
@@ -158,9 +154,8 @@ void Agent::CreateStream(StreamOptions& options) {
       made = std::make_unique<StdinSource>(
           *standardInput, [this] { boost::asio::post(m_control, [this] { OnSourceEnded(); }); });
     } else if (const auto* files = std::get_if<FileSourceOptions>(&source)) {
-      made = std::make_unique<FileSource>(
-          *files,
-          m_dataDirectory / "Positions" / std::u8string(options.name.begin(), options.name.end()));
+      made = std::make_unique<FileSource>(*files,
+                                          m_dataDirectory / "Positions" / ToPath(options.name));
     } else {
       const auto& syslog = std::get<SyslogSourceOptions>(source);
       if (syslog.listen.transport == Transport::Udp) {

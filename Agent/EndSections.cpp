@@ -1,8 +1,8 @@
 #include "Agent/EndSections.h"
 
 #include <algorithm>
-#include <filesystem>
 
+#include "Agent/PathText.h"
 #include "Agent/Tls.h"
 #include "Agent/Units.h"
 
@@ -265,8 +265,7 @@ void ReadDestination(const ConfigurationEntry& entry, ValueReader& reader, Share
     FileDestinationOptions options;
     const auto path = map.Require("path");
     if (path && reader.ReadPath(*path, options.path) &&
-        !shared.outputs.insert(std::filesystem::path(options.path).lexically_normal().string())
-             .second) {
+        !shared.outputs.insert(ToText(ToPath(options.path).lexically_normal())).second) {
       reader.Note(*path, "\"" + options.path + "\" is the file of another stream already");
     }
     ReadSendTimeout(map, reader, options.sendTimeout);

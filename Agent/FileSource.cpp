@@ -4,6 +4,7 @@
 #include <system_error>
 
 #include "Agent/PathPattern.h"
+#include "Agent/PathText.h"
 #include "WindowsAgentCommon/Exceptions.h"
 #include "WindowsAgentCommon/Text.h"
 
@@ -18,11 +19,6 @@ constexpr std::size_t kReadSize = 256 * 1024;
 
 // Who writes a file may go on with it for a while after it was renamed.
 constexpr std::chrono::seconds kLongestTrail{60};
-
-std::string ToUtf8(const std::filesystem::path& path) {
-  const std::u8string text = path.u8string();
-  return {text.begin(), text.end()};
-}
 
 // Where in the file's directory the file is now; empty if it isn't there.
 std::filesystem::path FindRenamed(const std::filesystem::path& followed, const FileId& id) {
@@ -58,7 +54,7 @@ void FileSource::Start(OrloStream::Stream& stream) {
   } catch (const std::system_error& error) {
     throw WindowsAgentCommon::InitializationException(
         "FileSource", "OrloAgent::FileSource::Start", __LINE__,
-        "Files can't be followed: positions can't be kept in " + ToUtf8(m_positions) + " (" +
+        "Files can't be followed: positions can't be kept in " + ToText(m_positions) + " (" +
             error.code().message() + ")");
   }
   for (const std::string& path : m_options.paths) {
@@ -119,13 +115,13 @@ void FileSource::Restore(const std::filesystem::path& record) {
   auto loaded = PositionRecord::Load(record);
   if (!loaded) {
     LogFacade::Warn(m_log, "The position in %s can't be read; its file is read from the beginning.",
-                    ToUtf8(record));
+                    ToText(record));
     return;
   }
   const std::filesystem::path path = FindRenamed(loaded->GetFollowed(), *id);
   if (path.empty()) {
     LogFacade::Info(m_log, "The file %s is gone; %d bytes of it had been read.",
-                    ToUtf8(loaded->GetFollowed()), loaded->GetPosition());
+                    ToText(loaded->GetFollowed()), loaded->GetPosition());
     loaded->Remove();
     return;
   }
@@ -147,8 +143,7 @@ void FileSource::Restore(const std::filesystem::path& record) {
 void FileSource::LookForFiles(Clock::time_point now) {
   std::set<FileId> named;
   for (const std::string& pattern : m_options.paths) {
-    for (const std::filesystem::path& path :
-         ExpandPattern(std::filesystem::path(std::u8string(pattern.begin(), pattern.end())))) {
+    for (const std::filesystem::path& path : ExpandPattern(ToPath(pattern))) {
       const auto id = FindFileId(path);
       if (!id || !named.insert(*id).second) {
         continue;
@@ -184,7 +179,7 @@ void FileSource::Follow(const std::filesystem::path& path) {
       LogFacade::Info(m_log,
                       "The file %s begins with other bytes than before; it is read from its "
                       "beginning.",
-                      ToUtf8(path));
+                      ToText(path));
       record.reset();
     }
     if (!record) {
@@ -204,7 +199,7 @@ void FileSource::Follow(const std::filesystem::path& path) {
 
 void FileSource::WarnOnce(const std::filesystem::path& path, const std::string& problem) {
   if (m_warned.insert(path).second) {
-    LogFacade::Warn(m_log, "The file %s %s.", ToUtf8(path), problem);
+    LogFacade::Warn(m_log, "The file %s %s.", ToText(path), problem);
   }
 }
 

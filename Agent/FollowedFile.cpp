@@ -1,19 +1,11 @@
 #include "Agent/FollowedFile.h"
 
+#include "Agent/PathText.h"
 #include "Agent/ReceiveTime.h"
 
 namespace OrloAgent {
 
 using WindowsAgentCommon::LogFacade;
-
-namespace {
-
-std::string ToUtf8(const std::filesystem::path& path) {
-  const std::u8string text = path.u8string();
-  return {text.begin(), text.end()};
-}
-
-}  // namespace
 
 FollowedFile::FollowedFile(std::unique_ptr<InputFile> file, std::filesystem::path path,
                            PositionRecord record, std::size_t maxEventSize, EventPoster& poster,
@@ -24,7 +16,7 @@ FollowedFile::FollowedFile(std::unique_ptr<InputFile> file, std::filesystem::pat
       m_maxEventSize(maxEventSize),
       m_poster(poster),
       m_log(log),
-      m_header("file:" + ToUtf8(m_path)),
+      m_header("file:" + ToText(m_path)),
       m_position(m_record.GetPosition()),
       m_lastChange(Clock::now()) {}
 
@@ -46,7 +38,7 @@ void FollowedFile::ReadOn(std::vector<char>& buffer, const std::atomic<bool>& st
   while (!stop) {
     const auto count = m_file->Read(m_position + m_pending.size(), buffer.data(), buffer.size());
     if (!count && !m_readFailed) {
-      LogFacade::Warn(m_log, "The file %s can't be read; trying again.", ToUtf8(m_path));
+      LogFacade::Warn(m_log, "The file %s can't be read; trying again.", ToText(m_path));
     }
     m_readFailed = !count;
     if (!count || *count == 0) {
@@ -69,7 +61,7 @@ void FollowedFile::LookForNewContent(std::uint64_t size) {
 }
 
 void FollowedFile::StartAgain(const char* reason) {
-  LogFacade::Info(m_log, "The file %s %s; it is read from its beginning.", ToUtf8(m_path), reason);
+  LogFacade::Info(m_log, "The file %s %s; it is read from its beginning.", ToText(m_path), reason);
   // What was read and has no line end gets none any more.
   if (!m_pending.empty()) {
     Post(m_pending, m_pending.size(), false);

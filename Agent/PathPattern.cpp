@@ -4,6 +4,8 @@
 #include <string>
 #include <system_error>
 
+#include "Agent/PathText.h"
+
 namespace OrloAgent {
 
 namespace {
@@ -18,7 +20,7 @@ std::vector<std::filesystem::path> ListMatches(const std::filesystem::path& dire
   for (std::filesystem::directory_iterator at(listed, error), end; !error && at != end;
        at.increment(error)) {
     const std::filesystem::path name = at->path().filename();
-    if (MatchesPattern(name.string(), pattern)) {
+    if (MatchesPattern(ToText(name), pattern)) {
       found.push_back(directory / name);
     }
   }
@@ -57,13 +59,13 @@ std::vector<std::filesystem::path> ExpandPattern(const std::filesystem::path& pa
   std::vector<std::filesystem::path> paths{pattern.root_path()};
   for (const std::filesystem::path& part : pattern.relative_path()) {
     std::vector<std::filesystem::path> longer;
-    const bool isPattern = HasWildcard(part.string());
+    const bool isPattern = HasWildcard(ToText(part));
     for (const std::filesystem::path& path : paths) {
       if (!isPattern) {
         longer.push_back(path / part);
         continue;
       }
-      for (std::filesystem::path& match : ListMatches(path, part.string())) {
+      for (std::filesystem::path& match : ListMatches(path, ToText(part))) {
         longer.push_back(std::move(match));
       }
     }

@@ -9,6 +9,8 @@
 #include <cstring>
 #include <fstream>
 
+#include "Agent/PathText.h"
+
 namespace OrloAgent {
 
 // The record is read and written in the machine's order.
@@ -101,13 +103,13 @@ PositionRecord PositionRecord::Create(const std::filesystem::path& directory, co
   const std::filesystem::path record = GetPath(directory, id);
   std::filesystem::path unfinished = record;
   unfinished += ".new";
-  const std::u8string path = followed.u8string();
+  const std::string path = ToText(followed);
   std::string bytes(kPath, '\0');
   std::memcpy(bytes.data(), kMagic, sizeof kMagic - 1);
   std::memcpy(bytes.data() + kPosition, &position, sizeof position);
   const auto length = static_cast<std::uint32_t>(path.size());
   std::memcpy(bytes.data() + kPathLength, &length, sizeof length);
-  bytes.append(path.begin(), path.end());
+  bytes += path;
   {
     std::ofstream file;
     file.exceptions(std::ios::failbit | std::ios::badbit);
@@ -140,7 +142,7 @@ std::optional<PositionRecord> PositionRecord::Load(const std::filesystem::path& 
       return std::nullopt;
     }
     mapping->record = record;
-    mapping->followed = std::u8string(bytes + kPath, bytes + kPath + length);
+    mapping->followed = ToPath(std::string(bytes + kPath, length));
     return PositionRecord(std::move(mapping));
   } catch (const boost::interprocess::interprocess_exception&) {
     return std::nullopt;

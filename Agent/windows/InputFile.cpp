@@ -10,7 +10,7 @@ namespace OrloAgent {
 
 namespace {
 
-std::optional<FileId> GetId(HANDLE file) {
+std::optional<FileId> IdentifyFile(HANDLE file) {
   BY_HANDLE_FILE_INFORMATION information{};
   if (!::GetFileInformationByHandle(file, &information) ||
       (information.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
@@ -46,11 +46,11 @@ InputFile::~InputFile() = default;
 std::unique_ptr<InputFile> InputFile::Open(const std::filesystem::path& path, std::string& error) {
   const HANDLE file = OpenShared(path);
   if (file == INVALID_HANDLE_VALUE) {
-    error = WindowsAgentCommon::GetLastErrorText();
+    WindowsAgentCommon::GetLastErrorText(::GetLastError(), error);
     return nullptr;
   }
   auto handle = std::make_unique<Handle>(file);
-  const auto id = GetId(file);
+  const auto id = IdentifyFile(file);
   if (!id) {
     error = "it is no regular file";
     return nullptr;
@@ -86,7 +86,7 @@ std::optional<FileId> FindFileId(const std::filesystem::path& path) {
   if (file == INVALID_HANDLE_VALUE) {
     return std::nullopt;
   }
-  const auto id = GetId(file);
+  const auto id = IdentifyFile(file);
   ::CloseHandle(file);
   return id;
 }
