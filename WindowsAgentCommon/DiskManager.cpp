@@ -25,6 +25,11 @@ std::filesystem::path ToFileSystemPath(std::wstring path) {
   return std::filesystem::path(std::u8string(narrow.begin(), narrow.end()));
 }
 
+std::string ToText(const std::filesystem::path& path) {
+  const std::u8string text = path.u8string();
+  return std::string(text.begin(), text.end());
+}
+
 [[noreturn]] void ThrowUnusable(const std::wstring& directory, const char* what,
                                 const std::string& reason) {
   throw InitializationException(
@@ -89,7 +94,7 @@ std::uint64_t MeasureUsedSpace(const std::filesystem::path& root) {
     if (error && error != std::errc::no_such_file_or_directory) {
       LogFacade::Warn(LoggerFactory::GetLog("Code.DiskManager"),
                       "The space used by \"%s\" can't be measured: %s. It counts as 0.",
-                      directory.string(), error.message());
+                      ToText(directory), error.message());
     }
   }
   return used;

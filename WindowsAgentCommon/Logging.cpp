@@ -8,9 +8,12 @@
 #include <atomic>
 #include <cstddef>
 #include <mutex>
+#include <type_traits>
 #include <unordered_map>
 #include <utility>
 #include <vector>
+
+#include "WindowsAgentCommon/Text.h"
 
 namespace WindowsAgentCommon {
 
@@ -108,6 +111,16 @@ std::shared_ptr<spdlog::sinks::sink> MakeStandardError() {
   return sink;
 }
 
+// File names are UTF-8; the backend takes wide ones on Windows.
+template <typename FileName>
+FileName ToFileName(const std::string& name) {
+  if constexpr (std::is_same_v<FileName, std::wstring>) {
+    return ToWide(name);
+  } else {
+    return name;
+  }
+}
+
 // A message that is logged by a sink does not go to the sinks again.
 thread_local bool insideSink = false;
 
@@ -168,13 +181,15 @@ class LoggingCore {
     std::string fileError;
     if (!options.file.empty()) {
       try {
-        backends->push_back(std::make_shared<spdlog::sinks::basic_file_sink_mt>(options.file));
+        backends->push_back(std::make_shared<spdlog::sinks::basic_file_sink_mt>(
+            ToFileName<spdlog::filename_t>(options.file)));
         backends->back()->set_formatter(MakeFormatter());
       } catch (const std::exception& error) {
         fileError = error.what();
       }
     }
     {
+      const std::lock_guard writing(m_writeLock);
       const std::lock_guard guard(m_lock);
       m_level = options.level;
       m_levels = options.levels;
@@ -189,13 +204,16 @@ class LoggingCore {
   }
 
   void Write(const LoggerState& logger, LogLevel level, std::string_view text) {
-    std::shared_ptr<const Backends> backends;
-    {
-      const std::lock_guard guard(m_lock);
-      backends = m_backends;
-    }
     const std::string line = EscapeControlCharacters(text);
-    WriteLine(*backends, logger.GetEscapedName(), level, line);
+    {
+      const std::lock_guard writing(m_writeLock);
+      std::shared_ptr<const Backends> backends;
+      {
+        const std::lock_guard guard(m_lock);
+        backends = m_backends;
+      }
+      WriteLine(*backends, logger.GetEscapedName(), level, line);
+    }
     CallSinks(logger, level, text);
   }
 
@@ -268,6 +286,11 @@ class LoggingCore {
       }
     }
   }
+
+  // Held while a line is written and while the outputs are exchanged, and taken before m_lock. The
+  // old and the new output may be the same file, and the C runtime of Windows appends by looking
+  // for the end first: two of them at a time would overwrite each other's lines.
+  std::mutex m_writeLock;
 
   std::mutex m_lock;
   // Guarded by m_lock:

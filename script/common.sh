@@ -35,3 +35,19 @@ build() {
     exit 1
   fi
 }
+
+# start_wine PREFIX: makes a fresh Wine prefix for the commands that follow; it is ended with the
+# script. A program without anything to do keeps Wine's server and services running: every other
+# would start its own, which takes longer than most tests, and leave them its output to hold open.
+start_wine() {
+  export WINEPREFIX=$1 WINEDEBUG=${WINEDEBUG:--all} WINEDLLOVERRIDES=mscoree,mshtml=
+  unset DISPLAY
+  rm -rf "$WINEPREFIX"
+  mkdir -p "$WINEPREFIX"
+  note "making a Wine prefix"
+  wineboot -i > "$WINEPREFIX/wineboot.log" 2>&1 < /dev/null
+  mkfifo "$WINEPREFIX/idle"
+  wine cmd < "$WINEPREFIX/idle" > /dev/null 2>&1 &
+  exec 8> "$WINEPREFIX/idle"
+  trap 'exec 8>&-; wineserver -k || true' EXIT
+}

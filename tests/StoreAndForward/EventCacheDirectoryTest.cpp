@@ -47,6 +47,27 @@ TEST_F(EventCacheDirectory, ErrorOfTheFileSystemIsPassedOn) {
   EXPECT_EQ(cache, nullptr);
 }
 
+TEST_F(EventCacheDirectory, LongPathsAndNamesOutsideAsciiHoldChunksAcrossARestart) {
+  // 260 characters are the limit of older versions of Windows.
+  const std::wstring longName(200, L'n');
+  const std::wstring name =
+      L"\u00e4\u65e5\U0001F600\\" + longName + L"\\" + longName + L"\\" + longName;
+  std::shared_ptr<EventCache> cache;
+  ASSERT_EQ(CreateEventCache(name, cache), 0u);
+  ASSERT_TRUE(PushEvents(*cache, 2, "e"));
+  const std::filesystem::path directory = m_directory.Path() / "Events" /
+                                          u8"\u00e4\u65e5\U0001F600" / longName / longName /
+                                          longName / "2016-03-07-14-05";
+  EXPECT_TRUE(std::filesystem::exists(directory / "07"));
+
+  ASSERT_EQ(CreateEventCache(name, cache), 0u);
+  ASSERT_FALSE(cache->Empty());
+  EXPECT_EQ(FrontPayloads(*cache), (Strings{"e0", "e1"}));
+  cache->Pop();
+  EXPECT_TRUE(cache->Empty());
+  EXPECT_FALSE(std::filesystem::exists(directory));
+}
+
 TEST_F(EventCacheDirectory, ChunkGoesToTheUtcMinuteAndSecond) {
   const auto cache = Open();
   ASSERT_TRUE(PushEvents(*cache, 1, "e"));

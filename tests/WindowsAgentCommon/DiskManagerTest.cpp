@@ -100,7 +100,7 @@ TEST_F(DiskManagerTest, AnEmptyDirectoryNameIsRefused) {
 
 TEST_F(DiskManagerTest, ADirectoryThatCannotBeWrittenToIsNamedWithTheReason) {
   TestFaults::SetHook([](TestFaults::FileCall call) {
-    return TestFaults::Fault{call == TestFaults::FileCall::CreateFileW ? ERROR_WRITE_PROTECT : 0,
+    return TestFaults::Fault{call == TestFaults::FileCall::CreateFileW ? ERROR_WRITE_PROTECT : 0u,
                              -1};
   });
   const std::string message = FailureOf(Options());
@@ -111,7 +111,7 @@ TEST_F(DiskManagerTest, ADirectoryThatCannotBeWrittenToIsNamedWithTheReason) {
 
 TEST_F(DiskManagerTest, ADirectoryWhereNothingCanBeDeletedIsRefused) {
   TestFaults::SetHook([](TestFaults::FileCall call) {
-    return TestFaults::Fault{call == TestFaults::FileCall::Unlink ? ERROR_ACCESS_DENIED : 0, -1};
+    return TestFaults::Fault{call == TestFaults::FileCall::Unlink ? ERROR_ACCESS_DENIED : 0u, -1};
   });
   EXPECT_THAT(FailureOf(Options()), HasSubstr("does not let files be deleted"));
 }

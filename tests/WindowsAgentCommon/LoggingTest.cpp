@@ -6,6 +6,7 @@
 #include <atomic>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -16,7 +17,6 @@
 namespace WindowsAgentCommon {
 namespace {
 
-using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
@@ -80,9 +80,10 @@ TEST_F(LoggingTest, ALineHasUtcTimeLevelLoggerAndText) {
   LogFacade::Warn(LoggerFactory::GetLog("Code.Class.Stream"), "%d of %s", 3, "five");
   const std::time_t after = std::time(nullptr);
   const std::string text = LogText();
-  EXPECT_THAT(text,
-              ContainsRegex("^[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}Z "
-                            "Warn Code\\.Class\\.Stream: 3 of five\n$"));
+  const std::regex expected(
+      "[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}Z "
+      "Warn Code\\.Class\\.Stream: 3 of five\n");
+  EXPECT_TRUE(std::regex_match(text, expected)) << text;
   const auto utc = [](std::time_t time) {
     char buffer[32];
     std::strftime(buffer, sizeof(buffer), "%Y-%m-%dT%H:%M:%S", std::gmtime(&time));
@@ -207,12 +208,20 @@ TEST_F(LoggingTest, StandardErrorCanBeTurnedOff) {
 }
 
 TEST_F(LoggingTest, TheFileIsAppendedTo) {
-  std::ofstream(LogFile()) << "2026-01-01T00:00:00.000Z Info Old: kept\n";
+  std::ofstream(LogFile(), std::ios::binary) << "2026-01-01T00:00:00.000Z Info Old: kept\n";
   LoggerFactory::Configure(FileOnly());
   LogFacade::Info(LoggerFactory::GetLog("L"), "first");
   LoggerFactory::Configure(FileOnly());
   LogFacade::Info(LoggerFactory::GetLog("L"), "second");
   EXPECT_EQ(LoggedLines(), (Lines{"Info Old: kept", "Info L: first", "Info L: second"}));
+}
+
+TEST_F(LoggingTest, TheFilesNameIsUtf8) {
+  LoggingOptions options = FileOnly();
+  options.file = (m_directory.Path() / "").string() + "\xc3\xa4\xe6\x97\xa5.log";
+  LoggerFactory::Configure(options);
+  LogFacade::Info(LoggerFactory::GetLog("L"), "text");
+  EXPECT_TRUE(std::filesystem::exists(m_directory.Path() / u8"\u00e4\u65e5.log"));
 }
 
 TEST_F(LoggingTest, AFileThatCannotBeOpenedIsReportedOnStandardErrorAndLoggingGoesOn) {

@@ -23,7 +23,8 @@ TEST(TextTest, FormatKeepsNulCharactersOfAnArgument) {
 TEST(TextTest, AnErrorCodeHasItsTextWithoutALineEnd) {
   std::string text = "old";
   GetLastErrorText(ERROR_ACCESS_DENIED, text);
-  EXPECT_EQ(text, "Access is denied.");
+  // The words are the system's.
+  EXPECT_TRUE(text.starts_with("Access ") && text.ends_with("denied.")) << text;
 }
 
 TEST(TextTest, AnUnknownErrorCodeNamesItsNumber) {
