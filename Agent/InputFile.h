@@ -1,11 +1,11 @@
 #pragma once
 
-#include <compare>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
+#include <tuple>
 
 namespace OrloAgent {
 
@@ -15,7 +15,10 @@ struct FileId {
   std::uint64_t device = 0;
   std::uint64_t index = 0;
 
-  auto operator<=>(const FileId&) const = default;
+  bool operator==(const FileId&) const = default;
+  bool operator<(const FileId& other) const {
+    return std::tie(device, index) < std::tie(other.device, other.index);
+  }
 };
 
 // A regular file that is open for reading while others write, rename and remove it. The part that
