@@ -209,7 +209,11 @@ void Agent::OnSignal(ProcessSignals::Request request, const std::string& name) {
 }
 
 void Agent::WatchStreams() {
-  m_watchTimer.expires_after(std::min(kBetweenWatches, m_options.watch.stallAfter / 2));
+  std::chrono::milliseconds wait = std::min(kBetweenWatches, m_options.watch.stallAfter / 2);
+  if (m_options.watch.report.count() > 0) {
+    wait = std::clamp(m_options.watch.report, kBetweenLooks, wait);
+  }
+  m_watchTimer.expires_after(wait);
   m_watchTimer.async_wait([this](const boost::system::error_code& error) {
     if (error) {
       return;

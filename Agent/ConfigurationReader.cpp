@@ -67,6 +67,10 @@ void ReadWatch(const ConfigurationEntry& entry, ValueReader& reader, WatchOption
   if (const auto repeat = map.Find("repeat")) {
     reader.ReadDuration(*repeat, std::chrono::seconds(1), std::chrono::hours(24), watch.repeat);
   }
+  if (const auto report = map.Find("report")) {
+    reader.ReadDuration(*report, std::chrono::milliseconds(0), std::chrono::hours(24),
+                        watch.report);
+  }
   map.RefuseOthers();
 }
 

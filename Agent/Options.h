@@ -61,6 +61,10 @@ struct WatchOptions {
 
   // How long until the warning is repeated while it stays so. 1 s to a day.
   std::chrono::milliseconds repeat{600'000};
+
+  // How often a line in the log says of each stream how many events were delivered, are cached,
+  // lost and held. 0: never. At most a day.
+  std::chrono::milliseconds report{0};
 };
 
 // Lines of standard input. Its end stops the agent, unless another source goes on.

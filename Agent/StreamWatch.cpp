@@ -1,5 +1,6 @@
 #include "Agent/StreamWatch.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "Agent/PathText.h"
@@ -35,7 +36,8 @@ StreamWatch::StreamWatch(const WatchOptions& options, std::string streamName,
       m_cacheDirectory(dataDirectory / "Events" / ToPath(m_streamName)),
       m_settings(stage.settings.begin(), stage.settings.end()),
       m_log(LoggerFactory::GetLog("Code.StreamWatch." + m_streamName)),
-      m_watch(options) {
+      m_watch(options),
+      m_reportPeriod(options.report) {
   const WindowsAgentCommon::StatisticsInstanceScope scope(m_streamName);
   statistics.CreateGroup("StreamWatch", "AgentCore/StreamManager/Streams", m_group);
   m_group->DeclareStatistic(StalledName(),
@@ -62,6 +64,7 @@ void StreamWatch::Look(const StreamReport& report, StallWatch::Clock::time_point
     LogFacade::Info(m_log, "The event cache is being emptied again.");
   }
   Publish(now);
+  ReportIfDue(report, now);
 }
 
 bool StreamWatch::IsSendingAllowed() {
@@ -93,6 +96,20 @@ void StreamWatch::Publish(StallWatch::Clock::time_point now) {
       StalledSecondsName(),
       StatisticValue(kNumberKind, static_cast<std::int64_t>(m_watch.GetStalledTime(now).count())),
       false);
+}
+
+void StreamWatch::ReportIfDue(const StreamReport& report, StallWatch::Clock::time_point now) {
+  if (!m_reported) {
+    m_reported = now;
+  }
+  if (m_reportPeriod.count() == 0 || now - *m_reported < m_reportPeriod) {
+    return;
+  }
+  m_reported = now;
+  LogFacade::Info(
+      m_log, "%d events delivered, %d cached in %d chunks, %d lost, %d held; stalled for %d s.",
+      report.delivered, report.cached, report.cachedChunks, report.lost + report.failed,
+      std::max<std::int64_t>(0, report.held), m_watch.GetStalledTime(now).count());
 }
 
 }  // namespace OrloAgent

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <set>
 #include <string>
@@ -110,6 +111,7 @@ void CheckStages(const std::vector<StageOptions>& stages) {
 void CheckStreams(const std::vector<StreamOptions>& streams) {
   Require(!streams.empty(), "there is a stream");
   std::set<std::string> names;
+  std::set<std::string> foldedNames;
   long standardInputs = 0;
   long standardOutputs = 0;
   for (const StreamOptions& stream : streams) {
@@ -123,6 +125,12 @@ void CheckStreams(const std::vector<StreamOptions>& streams) {
     CheckStages(stream.stages);
     std::visit([](const auto& one) { CheckDestination(one); }, stream.destination);
     standardOutputs += std::holds_alternative<StdoutDestinationOptions>(stream.destination) ? 1 : 0;
+  }
+  for (const std::string& name : names) {
+    std::string folded = name;
+    std::transform(folded.begin(), folded.end(), folded.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
+    Require(foldedNames.insert(folded).second, "names of streams differ by more than letter case");
   }
   Require(standardInputs <= 1, "one source reads the standard input");
   Require(standardOutputs <= 1, "one destination writes to the standard output");
@@ -138,6 +146,12 @@ void CheckOptions(const AgentOptions& options) {
   Require(!HasControlCharacter(options.log.file), "the log file is a usable path");
   Require(IsIn(options.shutdown.drainTimeout, milliseconds(0), hours(24)),
           "the drain timeout is in range");
+  Require(IsIn(options.watch.stallAfter, std::chrono::seconds(1), hours(24)),
+          "the time until a stall is in range");
+  Require(IsIn(options.watch.repeat, std::chrono::seconds(1), hours(24)),
+          "the time between warnings of a stall is in range");
+  Require(IsIn(options.watch.report, milliseconds(0), hours(24)),
+          "the time between reports is in range");
   CheckStreams(options.streams);
 }
 

@@ -56,7 +56,7 @@ log:
   levels: { Code.A: debug, Code.B: off }
   file: /var/log/orlo.log
 shutdown: { drain_timeout: 5m }
-watch: { stall_after: 2s, repeat: 3h }
+watch: { stall_after: 2s, repeat: 3h, report: 4m }
 streams:
   - name: One
     source:
@@ -88,6 +88,7 @@ streams:
   EXPECT_EQ(options.shutdown.drainTimeout, milliseconds(300'000));
   EXPECT_EQ(options.watch.stallAfter, milliseconds(2'000));
   EXPECT_EQ(options.watch.repeat, milliseconds(10'800'000));
+  EXPECT_EQ(options.watch.report, milliseconds(240'000));
   ASSERT_EQ(options.streams.size(), 2u);
 
   const auto& one = options.streams[0];
