@@ -109,8 +109,10 @@ WindowsAgentCommon::EnvironmentBlock StressRound::ChooseSettings() {
     settings.emplace("Schedule.Invert", m_random() % 2 == 0 ? "true" : "false");
   }
   if (m_options.bFull) {
+    // With the low mark just below the high one: a poster that waits is woken as soon as there is
+    // room, so that the queue is full when nobody takes from it any more.
     settings.emplace("QueueHighWaterMark", "100");
-    settings.emplace("QueueLowWaterMark", "50");
+    settings.emplace("QueueLowWaterMark", "99");
   }
   return settings;
 }
