@@ -64,10 +64,13 @@ class Crowd(support.AgentTest):
     def test_clients_that_send_a_byte_a_second(self):
         self.join(lambda number: b"<")
         stop = threading.Event()
+        def send_a_byte():
+            for connection in self.crowd:
+                connection.send(b"x")
+        send_a_byte()
         def trickle():
             while not stop.wait(1):
-                for connection in self.crowd:
-                    connection.send(b"x")
+                send_a_byte()
         trickler = threading.Thread(target=trickle)
         trickler.start()
         try:

@@ -7,8 +7,8 @@ from full_disk_support import FullDiskTest, main
 
 class FullDisk(FullDiskTest):
     def test_keep_free_refuses_counts_and_resumes_and_draining_needs_no_room(self):
-        port = support.free_port()
-        agent = self.start(self.configure_disk("{ keep_free: 1MiB }", support.syslog_target(port)))
+        port = self.refusing_port()
+        agent = self.start(self.configure_disk("{ keep_free: 1MiB }", support.syslog_target(port.number)))
         self.hold_one(agent)
         first = support.numbered(0, 500)
         self.send(agent, first)
@@ -36,8 +36,8 @@ class FullDisk(FullDiskTest):
         self.assertEqual(agent.summary(), (751, 0, 300, 0))
 
     def test_an_agent_starts_and_drains_on_a_full_disk(self):
-        port = support.free_port()
-        config = self.configure_disk("{ keep_free: 1MiB }", support.syslog_target(port))
+        port = self.refusing_port()
+        config = self.configure_disk("{ keep_free: 1MiB }", support.syslog_target(port.number))
         agent = self.start(config)
         self.hold_one(agent)
         events = support.numbered(0, 400)
@@ -54,10 +54,10 @@ class FullDisk(FullDiskTest):
         self.assertEqual(agent.summary(), (400, 0, 0, 0))
 
     def test_a_full_quota_refuses_and_counts_and_what_is_delivered_makes_room(self):
-        port = support.free_port()
+        port = self.refusing_port()
         # 500 events take some 35 KiB.
         agent = self.start(self.configure_disk("{ quota: 64KiB, keep_free: 0 }",
-                                               support.syslog_target(port)))
+                                               support.syslog_target(port.number)))
         self.hold_one(agent)
         first = support.numbered(0, 500)
         self.send(agent, first)

@@ -10,10 +10,10 @@ from full_disk_support import FullDiskTest, main
 
 
 class UnguardedDisk(FullDiskTest):
-    def start_full(self, port, leave=0):
+    def start_full(self, port):
         agent = self.start(self.configure_disk("{ keep_free: 0 }", support.syslog_target(port)))
         self.hold_one(agent)
-        self.fill(leave)
+        self.fill()
         return agent
 
     def push(self, agent, events):
@@ -27,8 +27,8 @@ class UnguardedDisk(FullDiskTest):
         return [events[start:start + size] for start, size in zip(starts, sizes)]
 
     def test_chunks_that_could_not_be_written_give_the_last_ones_events_in_their_place(self):
-        port = support.free_port()
-        agent = self.start_full(port)
+        port = self.refusing_port()
+        agent = self.start_full(port.number)
         chunks = self.push(agent, support.numbered(0, 100))
         chunks += self.push(agent, support.numbered(100, 100))
         self.assertEqual([chunk.stat().st_size for chunk in self.chunks()], [0] * len(chunks))
@@ -45,17 +45,22 @@ class UnguardedDisk(FullDiskTest):
         self.assertEqual(agent.summary()[2], 0, "and not counted")
 
     def test_a_chunk_that_was_cut_short_gives_its_whole_events_after_a_restart(self):
-        port = support.free_port()
-        agent = self.start_full(port, leave=4096)
+        port = self.refusing_port()
+        agent = self.start(self.configure_disk("{ keep_free: 0 }",
+                                               support.syslog_target(port.number)))
+        self.hold_one(agent)
+        # A chunk has just been cached: a new period begins, and what comes at once is in one chunk.
+        self.push(agent, [b"cached before"])
+        self.fill(leave=4096)
         events = support.numbered(0, 200)
         chunks = self.push(agent, events)
-        first = self.chunks()[0]
+        first = self.chunks()[1]
         self.assertEqual(first.stat().st_size, 4096)
         self.assertEqual(struct.unpack("<I", first.read_bytes()[:4])[0], len(chunks[0]))
         self.assertEqual(self.lost(agent), [])
         self.assertEqual(agent.stop(), 0)
-        # The others, if it was cut by the end of a period, are empty.
-        for empty in self.chunks()[1:]:
+        # The others, if the end of a period came between all the same, are empty.
+        for empty in self.chunks()[2:]:
             self.assertEqual(empty.stat().st_size, 0)
             empty.unlink()
 
@@ -64,9 +69,10 @@ class UnguardedDisk(FullDiskTest):
         support.wait_until(lambda: not self.chunks(), "an empty cache")
         self.assertEqual(agent.stop(), 0)
         delivered = agent.summary()[0]
-        self.assertEqual(receiver.wait_for_lines(delivered), events[:delivered])
-        self.assertGreater(delivered, 0)
-        self.assertLess(delivered, len(chunks[0]))
+        expected = [b"cached before"] + events
+        self.assertEqual(receiver.wait_for_lines(delivered), expected[:delivered])
+        self.assertGreater(delivered, 1)
+        self.assertLess(delivered, 1 + len(chunks[0]))
 
 
 class NoNamesLeft(FullDiskTest):
@@ -82,8 +88,8 @@ class NoNamesLeft(FullDiskTest):
         return names
 
     def test_a_directory_or_file_that_cannot_be_made_is_counted_and_caching_resumes(self):
-        port = support.free_port()
-        agent = self.start(self.configure_disk("{ keep_free: 0 }", support.syslog_target(port)))
+        port = self.refusing_port()
+        agent = self.start(self.configure_disk("{ keep_free: 0 }", support.syslog_target(port.number)))
         self.hold_one(agent)
         names = self.use_up_names()
         self.send(agent, support.numbered(0, 100))

@@ -8,9 +8,9 @@ import support
 
 class ReceiverAway(support.AgentTest):
     def test_a_hundred_thousand_events_survive_a_restart_in_order(self):
-        port = support.free_port()
+        port = self.refusing_port()
         config = self.configure(
-            self.stream(support.SYSLOG_SOURCE, support.syslog_target(port)), drain="1s")
+            self.stream(support.SYSLOG_SOURCE, support.syslog_target(port.number)), drain="1s")
 
         agent = self.start(config, abandons=True)
         # Goes to the sender, which holds it from then on: what follows must go to the disk.
@@ -37,9 +37,9 @@ class ReceiverAway(support.AgentTest):
         self.assertEqual(self.chunks(), [])
 
     def test_what_is_cached_survives_a_kill(self):
-        port = support.free_port()
+        port = self.refusing_port()
         config = self.configure(
-            self.stream(support.SYSLOG_SOURCE, support.syslog_target(port)), drain="1s")
+            self.stream(support.SYSLOG_SOURCE, support.syslog_target(port.number)), drain="1s")
         agent = self.start(config)
         support.send(agent.port(), b"held\n")
         agent.wait_for(r"\(near\)")
@@ -57,25 +57,25 @@ class ReceiverAway(support.AgentTest):
         self.assertEqual(agent.summary(), (5_000, 0, 0, 0))
 
     def test_a_receiver_that_returns_gets_everything_without_a_restart(self):
-        port = support.free_port()
+        port = self.refusing_port()
         config = self.configure(
-            self.stream(support.SYSLOG_SOURCE, support.syslog_target(port)))
+            self.stream(support.SYSLOG_SOURCE, support.syslog_target(port.number)))
         agent = self.start(config)
-        events = support.numbered(0, 2_000)
-        support.send(agent.port(), support.as_lines(events[:1_000]))
+        support.send(agent.port(), b"held\n")
         agent.wait_for(r"\(near\)")
-        support.send(agent.port(), support.as_lines(events[1_000:]))
-        self.wait_for_cached(1_000)
+        events = support.numbered(0, 2_000)
+        support.send(agent.port(), support.as_lines(events))
+        self.wait_for_cached(2_000)
         receiver = self.receiver(port)
-        self.assertEqual(receiver.wait_for_lines(2_000), events)
+        self.assertEqual(receiver.wait_for_lines(2_001), [b"held"] + events)
         agent.wait_for(r"Connected to tcp://127\.0\.0\.1:\d+ again after")
         self.assertEqual(agent.stop(), 0)
-        self.assertEqual(agent.summary(), (2_000, 0, 0, 0))
+        self.assertEqual(agent.summary(), (2_001, 0, 0, 0))
 
     def test_two_streams_do_not_disturb_each_other(self):
         good = self.receiver()
         config = self.configure(
-            self.stream(support.SYSLOG_SOURCE, support.syslog_target(support.free_port()),
+            self.stream(support.SYSLOG_SOURCE, support.syslog_target(self.refusing_port().number),
                         name="Away") +
             self.stream(support.SYSLOG_SOURCE, support.syslog_target(good.port), name="There"),
             drain="1s")

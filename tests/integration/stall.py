@@ -1,11 +1,13 @@
 """A cache that could be emptied and is not: the agent says so, and says it of nothing else."""
 
-import time
+import re
 import unittest
 
 import support
 
-WATCH = "watch: { stall_after: 1s, repeat: 2s }\n"
+# A look every half second, and one that is reported every second.
+WATCH = "watch: { stall_after: 1s, repeat: 2s, report: 1s }\n"
+REPORT = r"Info Code\.StreamWatch\.Default: \d+ events delivered, \d+ cached in \d+ chunks, "
 WARNING = r"Warn Code\.StreamWatch\.Default: The event cache has not moved for \d+ s"
 NEVER = {"Schedule.Enable": "true", "Schedule.Interval": '"0000-2359;00;UTC"'}
 
@@ -36,6 +38,14 @@ class Stall(support.AgentTest):
     def warnings(self, agent):
         return [line for line in agent.messages("Warn") if "StreamWatch" in line]
 
+    def reports(self, agent):
+        return [line for line in agent.messages("Info") if re.search(REPORT, line)]
+
+    def wait_for_reports(self, agent, count):
+        """That the watch has looked for so many seconds from now on."""
+        before = len(self.reports(agent))
+        support.wait_until(lambda: len(self.reports(agent)) >= before + count, "more reports")
+
     def test_oldest_chunk_that_cannot_be_read_is_named_and_named_again(self):
         stuck = self.leave("07", None)
         self.leave("08", chunk(b"behind it"))
@@ -45,6 +55,9 @@ class Stall(support.AgentTest):
         for line in self.warnings(agent):
             self.assertIn(str(stuck), line)
             self.assertIn("it is a directory", line)
+        support.wait_until(lambda: re.search(r"0 events delivered, \d+ cached in \d+ chunks, 0 "
+                                             r"lost, 0 held; stalled for [1-9]\d* s\.",
+                                             self.reports(agent)[-1]), "a report of the stall")
         self.assertEqual(agent.stop(), 0)
         self.assertFalse((self.directory / "out.log").exists()
                          and (self.directory / "out.log").read_bytes())
@@ -63,7 +76,7 @@ class Stall(support.AgentTest):
         self.leave("08", chunk(b"second"))
         agent = self.start_with(settings={**NEVER})
         first.unlink()
-        time.sleep(3)
+        self.wait_for_reports(agent, 4)
         self.assertEqual(self.warnings(agent), [], "a closed schedule is no stall")
         self.assertEqual(agent.stop(), 0)
         agent = self.start_with()
@@ -76,9 +89,9 @@ class Stall(support.AgentTest):
     def test_destination_that_is_away_is_no_stall(self):
         self.leave("07", chunk(b"first"))
         self.leave("08", chunk(b"second"))
-        agent = self.start_with(support.syslog_target(support.free_port()))
+        agent = self.start_with(support.syslog_target(self.refusing_port().number))
         agent.wait_for("can't be reached")
-        time.sleep(4)
+        self.wait_for_reports(agent, 5)
         self.assertEqual(self.warnings(agent), [])
         agent.stop()
 

@@ -42,11 +42,23 @@ def wait_until(condition, what, limit=LIMIT):
         time.sleep(0.02)
 
 
-def free_port():
-    """A port on which nobody listens."""
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
+class RefusingPort:
+    """A port that is taken and on which nobody listens: connections to it are refused, until a
+    receiver opens it. A port that was merely free could become another test's in the meantime."""
+
+    def __init__(self):
+        self._socket = socket.socket()
+        self._socket.bind(("127.0.0.1", 0))
+        self.number = self._socket.getsockname()[1]
+
+    def take(self):
+        """The socket, which is the caller's from then on."""
+        taken, self._socket = self._socket, None
+        return taken
+
+    def close(self):
+        if self._socket:
+            self._socket.close()
 
 
 class Agent:
@@ -129,13 +141,11 @@ class Agent:
 class Receiver:
     """Listens and keeps every byte that arrives, in the order of connections."""
 
-    def __init__(self, port=0):
+    def __init__(self, port=None):
         self.received = bytearray()
         self.connections = 0
         self._sockets = []
-        self._listener = socket.socket()
-        self._listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        self._listener.bind(("127.0.0.1", port))
+        self._listener = (port or RefusingPort()).take()
         self._listener.listen()
         self.port = self._listener.getsockname()[1]
         self._thread = threading.Thread(target=self._accept, daemon=True)
@@ -234,7 +244,13 @@ class AgentTest(unittest.TestCase):
         self.addCleanup(agent.close)
         return agent
 
-    def receiver(self, port=0):
+    def refusing_port(self):
+        port = RefusingPort()
+        self.addCleanup(port.close)
+        return port
+
+    def receiver(self, port=None):
+        """Listens on the refusing port, which it takes, or on one of its own."""
         receiver = Receiver(port)
         self.addCleanup(receiver.close)
         return receiver
