@@ -17,7 +17,9 @@ MEMORY = (600 if os.environ.get("ORLO_SANITIZE") else 200) * 1024
 EVENTS = 100_000
 
 
-class Crowd(support.AgentTest):
+class CrowdTest(support.AgentTest):
+    SOURCE = support.SYSLOG_SOURCE
+
     def setUp(self):
         super().setUp()
         limits = resource.getrlimit(resource.RLIMIT_NOFILE)
@@ -25,7 +27,7 @@ class Crowd(support.AgentTest):
         self.addCleanup(resource.setrlimit, resource.RLIMIT_NOFILE, limits)
         self.output = self.directory / "out.log"
         self.agent = self.start(self.configure(self.stream(
-            support.SYSLOG_SOURCE, "{ type: file, path: ./out.log }")))
+            self.SOURCE, "{ type: file, path: ./out.log }")))
         self.port = self.agent.port()
         self.crowd = []
         self.addCleanup(self.leave)
@@ -61,6 +63,8 @@ class Crowd(support.AgentTest):
         lines = support.wait_until(arrived, "all events of the good client")
         self.assertEqual(lines, events)
 
+
+class Crowd(CrowdTest):
     def test_clients_that_send_a_byte_a_second(self):
         self.join(lambda number: b"<")
         stop = threading.Event()
@@ -102,6 +106,25 @@ class Crowd(support.AgentTest):
             connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, linger)
         self.leave()
         self.good_client_is_served()
+        self.assertEqual(self.agent.stop(), 0)
+
+
+class HalfOpenCrowd(CrowdTest):
+    """Clients that are heard of no more in the middle of a frame."""
+
+    SOURCE = '{ type: syslog, listen: "tcp://127.0.0.1:0", idle_timeout: 2s }'
+
+    def test_half_a_frame_and_then_nothing(self):
+        self.join(lambda number: b"100 half a frame")
+        self.good_client_is_served()
+        # Not by the end of the agent: by the idle timeout.
+        for connection in self.crowd:
+            try:
+                self.assertEqual(connection.recv(1), b"")
+            except ConnectionResetError:
+                pass
+        self.assertIsNone(self.agent.process.poll())
+        self.assertLess(self.status("VmRSS"), MEMORY)
         self.assertEqual(self.agent.stop(), 0)
 
 

@@ -8,6 +8,9 @@
 //   ORLO_KILL_HOW=torn=BYTES         WriteFile only: BYTES are written, then it dies
 //   ORLO_KILL_DELAY_MS=MS            the cache's thread waits that long before it dies, while the
 //                                    other threads go on
+//   ORLO_KILL_RELEASE=FILE           the same, until the file exists. With "after", the process
+//   dies
+//                                    then though no further call of the cache came
 //
 // OPERATION is push, front or pop; CALL is a file call by the name it has in TestFaults. Calls of
 // the main thread don't count: it looks into directories before the cache begins to work. One
@@ -80,8 +83,11 @@ std::uint32_t ReadNumber(std::string_view text, std::string_view variable, std::
   return number;
 }
 
-[[noreturn]] void Die(std::chrono::milliseconds delay) {
+[[noreturn]] void Die(std::chrono::milliseconds delay, const std::string& release) {
   std::this_thread::sleep_for(delay);
+  while (!release.empty() && ::access(release.c_str(), F_OK) != 0) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
   ::kill(::getpid(), SIGKILL);
   for (;;) {
     ::pause();
@@ -104,6 +110,7 @@ class KillPoint {
     if (const std::string_view delay = GetVariable("ORLO_KILL_DELAY_MS"); !delay.empty()) {
       m_delay = std::chrono::milliseconds(ReadNumber(delay, "ORLO_KILL_DELAY_MS", delay));
     }
+    m_release = GetVariable("ORLO_KILL_RELEASE");
   }
 
   Fault OnCall(FileCall call) {
@@ -112,16 +119,19 @@ class KillPoint {
     }
     const std::lock_guard guard(m_lock);
     if (m_armed) {
-      Die(m_delay);
+      Die(m_delay, m_release);
     }
     Follow(call);
     if (m_current != m_operation || call != m_call || --m_left != 0) {
       return {};
     }
     if (!m_after) {
-      Die(m_delay);
+      Die(m_delay, m_release);
     }
     m_armed = true;
+    if (!m_release.empty()) {
+      std::thread([delay = m_delay, release = m_release] { Die(delay, release); }).detach();
+    }
     return {0, m_torn};
   }
 
@@ -172,6 +182,7 @@ class KillPoint {
   bool m_after = false;
   std::int64_t m_torn = -1;
   std::chrono::milliseconds m_delay{0};
+  std::string m_release;
 
   std::mutex m_lock;
   // Guarded by m_lock.

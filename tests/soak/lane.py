@@ -38,6 +38,8 @@ class Plan:
     at: str = ""
     how: str = ""
     delay_ms: int = 0
+    # If not 0, it waits at that place until the receiver has got so many events in this life.
+    received: int = 0
     # If not 0, it is killed as soon as so many complete chunks are on the disk.
     chunks: int = 0
 
@@ -54,6 +56,7 @@ class Lane:
             raise AssertionError("ORLO_AGENT, ORLO_MODULES and ORLO_KILL_POINTS must be set")
         self.directory = pathlib.Path(tempfile.mkdtemp(prefix="orlo-soak-"))
         self.cache = self.directory / "data" / "Events" / "Default"
+        self.release = self.directory / "release"
         self.ledger = Ledger()
         self.receiver = Receiver()
         self.refusal = Refusal()
@@ -101,6 +104,9 @@ class Lane:
         if plan.at:
             command += [f"ORLO_KILL_AT={plan.at}", f"ORLO_KILL_HOW={plan.how}",
                         f"ORLO_KILL_DELAY_MS={plan.delay_ms}"]
+        if plan.received:
+            self.release.unlink(missing_ok=True)
+            command.append(f"ORLO_KILL_RELEASE={self.release}")
         command += [support.AGENT, "run", "--config", str(config), "--modules", support.MODULES]
         return support.Agent(config, self.directory, arguments=command)
 
@@ -153,6 +159,8 @@ class Lane:
         connection = None
         try:
             while time.monotonic() < end and agent.process.poll() is None:
+                if plan.received and self.receiver.count() >= plan.received:
+                    self.release.touch()
                 if plan.chunks and self._has_complete(plan.chunks):
                     break
                 if plan.load and connection is None:

@@ -86,6 +86,35 @@ class Oracle(unittest.TestCase):
         self.refuse("torn, but others follow", sent=events(0, 6), pushed=[3, 3],
                     after=[torn(ONE, 20), TWO])
 
+    def test_a_chunk_file_of_events_that_were_not_sent(self):
+        self.refuse("was not sent in this life", sent=events(0, 3), pushed=[3],
+                    after=[chunk("a/01", events(50, 3))])
+
+    def test_a_chunk_that_was_read_back_with_another_number_of_events(self):
+        self.refuse("2 events were read from a/01, which gives 3", before=[ONE], handed=[2],
+                    received=events(0, 2))
+
+    def test_more_received_than_was_handed_over(self):
+        self.refuse("more was received than", before=[ONE, TWO], after=[TWO], handed=[3],
+                    received=events(0, 4))
+
+    def test_more_events_that_will_come_again_than_the_oldest_chunk_has(self):
+        self.refuse("4 events will come again, more than", sent=events(0, 6), handed=[6],
+                    handed_new=0, pushed=[3, 3], received=events(0, 4),
+                    after=[ONE, chunk("a/06", events(3, 3))])
+
+    def test_chunks_gone_from_the_disk_that_were_never_handed_over(self):
+        self.refuse("3 events that were never handed over", sent=events(0, 6), pushed=[3, 3],
+                    after=[TWO])
+
+    def test_the_ledger_finds_an_event_that_nobody_sent(self):
+        ledger = Ledger()
+        ledger.add(life(sent=events(0, 3), pushed=[3], after=[ONE]))
+        ledger.received.update([b"made up"])
+        ledger.lost["memory"] += events(0, 3)
+        with self.assertRaisesRegex(Violation, "made up.* was never sent"):
+            ledger.close()
+
     def test_a_chunk_handed_over_and_still_on_disk_comes_again(self):
         account = self.accept(before=[ONE, TWO], after=[ONE, TWO], handed=[3],
                               received=events(0, 2))
