@@ -71,13 +71,15 @@ TEST_F(TcpChannelTest, ANameIsLookedUp) {
 
 TEST_F(TcpChannelTest, ATargetThatRefusesIsTriedOnceASecondAndReportedOnce) {
   TestSupport::LogCapture log;
-  m_acceptor.close();
+  // Taken, so that nobody else gets the port, and not listened on: connections are refused.
+  m_acceptor = tcp::acceptor(m_context, tcp::v4());
+  m_acceptor.bind({boost::asio::ip::address_v4::loopback(), 0});
+  m_port = m_acceptor.local_endpoint().port();
   auto channel = Make();
-  EXPECT_EQ(channel->Prepare(true), IChannel::Readiness::NotReady);
   const auto begin = std::chrono::steady_clock::now();
-  // The port is ours again, but the next attempt is not due yet.
-  m_acceptor = tcp::acceptor(m_context, {boost::asio::ip::address_v4::loopback(), m_port});
   EXPECT_EQ(channel->Prepare(true), IChannel::Readiness::NotReady);
+  // The next attempt would succeed, but is not due yet.
+  m_acceptor.listen();
   ASSERT_TRUE(WaitUntil([&] { return channel->Prepare(true) == IChannel::Readiness::ReadyAnew; }));
   EXPECT_GE(std::chrono::steady_clock::now() - begin, milliseconds(900));
   std::vector<std::string> texts;

@@ -39,7 +39,7 @@ TEST_F(EventCacheBounds, BacklogOfTwoThousandChunksStaysOnDisk) {
   constexpr std::size_t kPayload = 32 * 1024;
   // The buffer of one chunk is there before. A queue entry is its struct and two strings of wide
   // characters, below 1 KiB; the heap may keep a few pages more. The backlog is 62 MiB.
-  constexpr std::uint64_t kAllowed = 8 * kMebibyte;
+  constexpr std::uint64_t kAllowed = 4 * kMebibyte;
 
   const auto cache = Open();
   const auto push = [&](std::size_t chunk) {
