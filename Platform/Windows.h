@@ -203,7 +203,8 @@ BOOL CreateDirectoryW(LPCWSTR pathName, SECURITY_ATTRIBUTES* securityAttributes)
 BOOL RemoveDirectoryW(LPCWSTR pathName);
 
 // FILE_ATTRIBUTE_DIRECTORY, or for anything else FILE_ATTRIBUTE_READONLY or FILE_ATTRIBUTE_NORMAL;
-// those of its target for a link. A file's path with a separator behind it gives ERROR_INVALID_NAME.
+// those of its target for a link. A file's path with a separator behind it gives
+// ERROR_INVALID_NAME.
 DWORD GetFileAttributesW(LPCWSTR fileName);
 
 // The C runtime's: 0, or -1 with errno set. A directory or a read-only file is not deleted
