@@ -5,11 +5,13 @@ with signals. Each test has a directory of its own and lets the system choose po
 them can run at the same time.
 
 The program and its modules are named by the environment variables ORLO_AGENT and ORLO_MODULES.
+ORLO_AGENT_LAUNCHER is what starts the program, if that is one for another system: wine.
 """
 
 import os
 import pathlib
 import re
+import shlex
 import shutil
 import signal
 import socket
@@ -22,6 +24,10 @@ import unittest
 
 AGENT = os.environ.get("ORLO_AGENT", "")
 MODULES = os.environ.get("ORLO_MODULES", "")
+LAUNCHER = shlex.split(os.environ.get("ORLO_AGENT_LAUNCHER", ""))
+
+# What asks the agent to stop. Wine turns an interrupt into Ctrl+C; it ends at once at SIGTERM.
+STOP = signal.SIGINT if LAUNCHER else signal.SIGTERM
 
 # Longer than anything takes on a busy machine; a test that is good never waits for it.
 LIMIT = 120
@@ -70,7 +76,7 @@ class Agent:
 
     def __init__(self, config, directory, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                  modules=None, arguments=None, abandons=False):
-        command = arguments or [AGENT, "run", "--config", str(config),
+        command = arguments or [*LAUNCHER, AGENT, "run", "--config", str(config),
                                 "--modules", str(modules or MODULES)]
         environment = dict(os.environ)
         if abandons:
@@ -84,7 +90,7 @@ class Agent:
 
     def _read(self):
         for line in self.process.stderr:
-            self.lines.append(line.decode("utf-8", "replace").rstrip("\n"))
+            self.lines.append(line.decode("utf-8", "replace").rstrip("\r\n"))
 
     def messages(self, level=None):
         return [line for line in list(self.lines) if level is None or f" {level} " in line]
@@ -109,7 +115,7 @@ class Agent:
         found = self.wait_for(rf"SyslogSource\.{stream}: Listening on tcp://.*:(\d+)\.")
         return int(found.group(1))
 
-    def signal(self, number=signal.SIGTERM):
+    def signal(self, number=STOP):
         self.process.send_signal(number)
 
     def wait(self, limit=LIMIT):
