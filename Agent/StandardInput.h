@@ -29,7 +29,7 @@ class StandardInput {
 
  private:
   struct WakeUp;
-  std::unique_ptr<WakeUp> m_wakeUp;
+  std::shared_ptr<WakeUp> m_wakeUp;
   std::string m_error;
 };
 

@@ -21,7 +21,7 @@ struct StandardInput::WakeUp {
   std::array<int, 2> ends{-1, -1};
 };
 
-StandardInput::StandardInput() : m_wakeUp(std::make_unique<WakeUp>()) {
+StandardInput::StandardInput() : m_wakeUp(std::make_shared<WakeUp>()) {
   if (pipe2(m_wakeUp->ends.data(), O_CLOEXEC | O_NONBLOCK) != 0) {
     throw std::system_error(errno, std::generic_category(), "no pipe can be made");
   }

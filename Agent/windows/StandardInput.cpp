@@ -1,7 +1,12 @@
 #include "Agent/StandardInput.h"
 
 #include <algorithm>
-#include <system_error>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
+#include <thread>
+#include <vector>
 
 #include "Platform/Error.h"
 #include "Platform/Windows.h"
@@ -10,14 +15,10 @@ namespace OrloAgent {
 
 namespace {
 
-// How often a pipe is looked at. Windows has nothing that waits for the data of a pipe and for
-// something else at the same time.
-constexpr DWORD kLongestPause = 20;
+constexpr std::size_t kReadSize = 256 * 1024;
 
-DWORD ToCount(std::size_t capacity) {
-  constexpr std::size_t kMostAtOnce = std::size_t{1} << 30;
-  return static_cast<DWORD>(std::min(capacity, kMostAtOnce));
-}
+// How long after the end of a console's read the reason, Ctrl+C, is waited for.
+constexpr std::chrono::milliseconds kControlPause{200};
 
 bool IsEndOfPipe(DWORD error) {
   return error == ERROR_BROKEN_PIPE || error == ERROR_HANDLE_EOF || error == ERROR_NO_DATA;
@@ -25,79 +26,102 @@ bool IsEndOfPipe(DWORD error) {
 
 }  // namespace
 
-// An event: once it is set, reading is over.
+// A thread that reads ahead by one buffer. Windows has nothing that waits for the data of a pipe or
+// console and for something else at the same time, and does not end every read that waits. The
+// thread shares this object: where a read can't be ended, it waits there until the process ends.
 struct StandardInput::WakeUp {
-  HANDLE event = nullptr;
-  HANDLE input = INVALID_HANDLE_VALUE;
-  DWORD kind = FILE_TYPE_UNKNOWN;
-  bool bConsole = false;
+  std::mutex lock;
+  std::condition_variable changed;
+  // Written by the thread while `ready` is false, read while it is true; the rest is guarded.
+  std::vector<char> buffer = std::vector<char>(kReadSize);
+  std::size_t size = 0;
+  std::size_t taken = 0;
+  Outcome outcome = Outcome::Data;
+  std::string error;
+  bool ready = false;
+  bool interrupted = false;
+  bool started = false;
 
-  bool IsSet(DWORD milliseconds) const {
-    return WaitForSingleObject(event, milliseconds) == WAIT_OBJECT_0;
-  }
-
-  // False: interrupted. A console has input when its handle is signalled, a pipe when its other end
-  // has written or gone; a file always.
-  bool WaitForInput() const {
-    if (bConsole) {
-      const HANDLE waits[] = {event, input};
-      return WaitForMultipleObjects(2, waits, FALSE, INFINITE) != WAIT_OBJECT_0;
-    }
-    if (kind == FILE_TYPE_PIPE) {
-      DWORD available = 0;
-      DWORD pause = 0;
-      while (PeekNamedPipe(input, nullptr, 0, nullptr, &available, nullptr) != FALSE &&
-             available == 0) {
-        if (IsSet(pause)) {
-          return false;
-        }
-        pause = std::min(pause + 1, kLongestPause);
+  // False: there is nothing more to read.
+  bool ReadOnce(HANDLE input) {
+    DWORD count = 0;
+    const BOOL bRead =
+        ReadFile(input, buffer.data(), static_cast<DWORD>(buffer.size()), &count, nullptr);
+    const DWORD failure = bRead ? ERROR_SUCCESS : GetLastError();
+    DWORD mode = 0;
+    const bool bConsole = GetConsoleMode(input, &mode) != FALSE;
+    std::unique_lock guard(lock);
+    if (count == 0 && bConsole) {
+      // Ctrl+C ends the read of a console, which goes on if nobody has stopped it; Ctrl+Z at the
+      // start of a line is the end of input.
+      changed.wait_for(guard, kControlPause, [this] { return interrupted; });
+      if (failure == ERROR_OPERATION_ABORTED) {
+        return !interrupted;
       }
     }
-    return !IsSet(0);
+    size = count;
+    taken = 0;
+    if (count == 0) {
+      outcome = bRead || IsEndOfPipe(failure) ? Outcome::End : Outcome::Failed;
+      error = Platform::ErrorText(failure);
+    }
+    ready = true;
+    changed.notify_all();
+    return count > 0;
+  }
+
+  void Run() {
+    const HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
+    for (;;) {
+      {
+        std::unique_lock guard(lock);
+        changed.wait(guard, [this] { return !ready || interrupted; });
+        if (interrupted) {
+          return;
+        }
+      }
+      if (!ReadOnce(input)) {
+        return;
+      }
+    }
   }
 };
 
-StandardInput::StandardInput() : m_wakeUp(std::make_unique<WakeUp>()) {
-  m_wakeUp->event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-  if (m_wakeUp->event == nullptr) {
-    throw std::system_error(static_cast<int>(GetLastError()), std::system_category(),
-                            "no event can be made");
-  }
-  m_wakeUp->input = GetStdHandle(STD_INPUT_HANDLE);
-  m_wakeUp->kind = GetFileType(m_wakeUp->input);
-  DWORD mode = 0;
-  m_wakeUp->bConsole = GetConsoleMode(m_wakeUp->input, &mode) != FALSE;
-}
+StandardInput::StandardInput() : m_wakeUp(std::make_shared<WakeUp>()) {}
 
-StandardInput::~StandardInput() { CloseHandle(m_wakeUp->event); }
+StandardInput::~StandardInput() { Interrupt(); }
 
+// What was read before the interruption is still given out.
 StandardInput::Outcome StandardInput::Read(char* buffer, std::size_t capacity, std::size_t& size) {
   size = 0;
-  if (!m_wakeUp->WaitForInput()) {
+  WakeUp& wakeUp = *m_wakeUp;
+  std::unique_lock guard(wakeUp.lock);
+  if (!wakeUp.started && !wakeUp.interrupted) {
+    wakeUp.started = true;
+    std::thread([shared = m_wakeUp] { shared->Run(); }).detach();
+  }
+  wakeUp.changed.wait(guard, [&] { return wakeUp.ready || wakeUp.interrupted; });
+  if (!wakeUp.ready) {
     return Outcome::Interrupted;
   }
-  DWORD count = 0;
-  if (ReadFile(m_wakeUp->input, buffer, ToCount(capacity), &count, nullptr) == FALSE) {
-    const DWORD error = GetLastError();
-    if (IsEndOfPipe(error)) {
-      return Outcome::End;
-    }
-    // Ctrl+C ends the read of a console this way.
-    if (error == ERROR_OPERATION_ABORTED) {
-      return m_wakeUp->IsSet(INFINITE) ? Outcome::Interrupted : Outcome::End;
-    }
-    m_error = Platform::ErrorText(error);
-    return Outcome::Failed;
+  if (wakeUp.outcome != Outcome::Data) {
+    m_error = wakeUp.error;
+    return wakeUp.outcome;
   }
-  if (count == 0 && m_wakeUp->bConsole) {
-    // Ctrl+C again, on some consoles; otherwise Ctrl+Z at the start of a line, the end of input.
-    return m_wakeUp->IsSet(kLongestPause) ? Outcome::Interrupted : Outcome::End;
+  size = std::min(capacity, wakeUp.size - wakeUp.taken);
+  std::memcpy(buffer, wakeUp.buffer.data() + wakeUp.taken, size);
+  wakeUp.taken += size;
+  if (wakeUp.taken == wakeUp.size) {
+    wakeUp.ready = false;
+    wakeUp.changed.notify_all();
   }
-  size = count;
-  return count > 0 ? Outcome::Data : Outcome::End;
+  return Outcome::Data;
 }
 
-void StandardInput::Interrupt() { SetEvent(m_wakeUp->event); }
+void StandardInput::Interrupt() {
+  const std::lock_guard guard(m_wakeUp->lock);
+  m_wakeUp->interrupted = true;
+  m_wakeUp->changed.notify_all();
+}
 
 }  // namespace OrloAgent

@@ -1,7 +1,6 @@
 """Standard input to standard output: every byte comes out as it went in."""
 
 import os
-import signal
 import subprocess
 import time
 import unittest
@@ -85,7 +84,7 @@ class StandardStreams(support.AgentTest):
             given.write(b"said before it fell silent\nhalf a li")
             given.flush()
             self.assertEqual(taken.read(27), b"said before it fell silent\n")
-            agent.signal(signal.SIGTERM)
+            agent.signal()
             self.assertEqual(taken.read(), b"half a li")
             self.assertEqual(agent.wait(), 0)
         self.assertIsNone(agent.find("did not come to rest"))
@@ -100,9 +99,9 @@ class StandardStreams(support.AgentTest):
             given.write(b"nobody wants it\n")
             given.flush()
             agent.wait_for(r"\(near\)")
-            agent.signal(signal.SIGTERM)
+            agent.signal()
             agent.wait_for("stopping")
-            agent.signal(signal.SIGTERM)
+            agent.signal()
             self.assertEqual(agent.wait(30), 0)
         self.assertEqual(agent.summary(), (0, 0, 0, 1))
 

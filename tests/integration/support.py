@@ -115,8 +115,9 @@ class Agent:
         found = self.wait_for(rf"SyslogSource\.{stream}: Listening on tcp://.*:(\d+)\.")
         return int(found.group(1))
 
-    def signal(self, number=STOP):
-        self.process.send_signal(number)
+    def signal(self, number=None):
+        """What asks it to stop, unless another signal is given."""
+        self.process.send_signal(number or STOP)
 
     def wait(self, limit=LIMIT):
         """Waits for the end; returns the exit code."""
