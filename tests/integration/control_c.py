@@ -8,9 +8,9 @@ import support
 
 class ControlC(support.AgentTest):
     def test_ctrl_c_waits_until_the_newest_events_are_on_the_disk(self):
-        port = support.free_port()
+        port = self.refusing_port()
         config = self.configure(
-            self.stream(support.SYSLOG_SOURCE, support.syslog_target(port)), drain="20s")
+            self.stream(support.SYSLOG_SOURCE, support.syslog_target(port.number)), drain="20s")
         agent = self.start(config)
         # Goes to the sender, which holds it: what follows is on its way to the disk at the stop.
         support.send(agent.port(), b"held\n")

@@ -63,7 +63,7 @@ class Interchange(support.AgentTest):
                         self.assertIn(event, content)
 
     def write(self, target):
-        ports = [support.free_port() for _ in STREAMS]
+        ports = [self.refusing_port().number for _ in STREAMS]
         agent = self.start(self.configure_streams(ports, "1s"), abandons=True)
         for name in STREAMS:
             support.send(agent.port(name), b"held\n")

@@ -55,9 +55,9 @@ class Package(support.AgentTest):
             checked = self.run_agent("check", "--config", name)
             self.assertEqual(checked.returncode, 0, checked.stdout + checked.stderr)
 
-        port = support.free_port()
+        port = self.refusing_port()
         config = self.configure(
-            self.stream(support.SYSLOG_SOURCE, support.syslog_target(port)), drain="1s")
+            self.stream(support.SYSLOG_SOURCE, support.syslog_target(port.number)), drain="1s")
         agent = self.start_agent(config)
         support.send(agent.port(), b"held\n")
         agent.wait_for(r"\(near\)")

@@ -47,13 +47,13 @@ void WriteTextFile(const fs::path& path, const std::string& content) {
 
 Place MakeScene(const Place& place) {
   static int number = 0;
-  const Place scene = place / ("s" + std::to_string(++number));
+  Place scene = place / ("s" + std::to_string(++number));
   fs::create_directory(scene.path);
   return scene;
 }
 
 Place MakeState(const Place& place, State state) {
-  const Place object = MakeScene(place) / "object";
+  Place object = MakeScene(place) / "object";
   switch (state) {
     case State::Missing:
       break;

@@ -16,7 +16,7 @@ std::string OpenWith(const std::wstring& path, DWORD access, DWORD disposition) 
   const HANDLE handle =
       CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                   nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
-  const std::string text = Outcome(handle != INVALID_HANDLE_VALUE, GetLastError());
+  std::string text = Outcome(handle != INVALID_HANDLE_VALUE, GetLastError());
   if (handle != INVALID_HANDLE_VALUE) {
     CloseHandle(handle);
   }
