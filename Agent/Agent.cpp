@@ -13,6 +13,7 @@
 #include "Agent/StreamWatch.h"
 #include "Agent/SyslogSource.h"
 #include "Agent/Units.h"
+#include "WindowsAgentCommon/EventMemory.h"
 #include "WindowsAgentCommon/Exceptions.h"
 #include "WindowsAgentCommon/Statistics.h"
 #include "WindowsAgentCommon/Text.h"
@@ -223,6 +224,7 @@ void Agent::WatchStreams() {
         running->watch->Look(Look(*running), StallWatch::Clock::now());
       }
     }
+    WindowsAgentCommon::EventMemory::GiveBackUnused(std::chrono::steady_clock::now());
     WatchStreams();
   });
 }

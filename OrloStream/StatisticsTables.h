@@ -38,6 +38,13 @@ void DeclareStatistic(WindowsAgentCommon::IStatisticsGroup& group, DeclaredStati
 void DeclareCounter(WindowsAgentCommon::IStatisticsGroup& group, DeclaredStatistics& declared,
                     StatisticCounters& counters, const StatisticDeclaration& statistic);
 
+// The same, and where the total is, for a counter that is updated with every event: to look it up
+// by its name each time would cost more than to update it. Valid until the counter is declared
+// again.
+void DeclareCounter(WindowsAgentCommon::IStatisticsGroup& group, DeclaredStatistics& declared,
+                    StatisticCounters& counters, const StatisticDeclaration& statistic,
+                    std::int64_t*& total);
+
 // The declared kind. Throws OrloStatisticsException for a statistic that was not declared.
 std::int64_t GetDeclaredKind(const DeclaredStatistics& declared,
                              const StatisticDeclaration& statistic,
@@ -49,5 +56,10 @@ std::int64_t GetDeclaredKind(const DeclaredStatistics& declared,
 void UpdateCounter(WindowsAgentCommon::IStatisticsGroup* group, const DeclaredStatistics& declared,
                    const StatisticCounters& counters, const StatisticDeclaration& statistic,
                    std::int64_t amount, bool flag, const StatisticUpdateSite& site);
+
+// The same with the total at hand; null stands for a statistic that was not declared.
+void UpdateCounter(WindowsAgentCommon::IStatisticsGroup* group, std::int64_t* total,
+                   const StatisticDeclaration& statistic, std::int64_t amount, bool flag,
+                   const StatisticUpdateSite& site);
 
 }  // namespace OrloStream

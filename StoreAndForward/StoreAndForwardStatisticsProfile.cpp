@@ -125,7 +125,7 @@ void StoreAndForwardStatisticsProfile::InitializeStatistics(bool publish) {
                                        "AgentCore/DestinationManager/Destinations", m_group);
   }
   StreamStageBaseStatisticsProfile::InitializeStatistics(false);
-  DeclareCounter(*m_group, m_declared, m_counters, kTotalEventsPosted);
+  DeclareCounter(*m_group, m_declared, m_counters, kTotalEventsPosted, m_totalEventsPosted);
   DeclareCounter(*m_group, m_declared, m_counters, kTotalEventsFailedToQueue);
   if (publish) {
     m_group->Publish();
@@ -133,7 +133,7 @@ void StoreAndForwardStatisticsProfile::InitializeStatistics(bool publish) {
 }
 
 void StoreAndForwardStatisticsProfile::UpdateTotalEventsPosted(std::int64_t amount, bool flag) {
-  UpdateCounter(m_group.get(), m_declared, m_counters, kTotalEventsPosted, amount, flag,
+  UpdateCounter(m_group.get(), m_totalEventsPosted, kTotalEventsPosted, amount, flag,
                 {kFile,
                  "OrloStoreAndForward::StoreAndForwardStatisticsProfile::"
                  "UpdateTotalEventsPosted"});
@@ -313,10 +313,9 @@ void StoreAndForwardOutgoingStatisticsProfile::InitializeStatistics(bool publish
   if (!m_group) {
     GetStatisticsServer()->CreateGroup("StoreAndForwardOutgoing", kStagesCategory, m_group);
   }
-  for (const StatisticDeclaration* counter :
-       {&kEventsIncoming, &kEventsOutgoing, &kNumberOfRequeues}) {
-    DeclareCounter(*m_group, m_declared, m_counters, *counter);
-  }
+  DeclareCounter(*m_group, m_declared, m_counters, kEventsIncoming);
+  DeclareCounter(*m_group, m_declared, m_counters, kEventsOutgoing, m_eventsOutgoing);
+  DeclareCounter(*m_group, m_declared, m_counters, kNumberOfRequeues);
   if (publish) {
     m_group->Publish();
   }
@@ -332,7 +331,7 @@ void StoreAndForwardOutgoingStatisticsProfile::UpdateEventsIncoming(std::int64_t
 
 void StoreAndForwardOutgoingStatisticsProfile::UpdateEventsOutgoing(std::int64_t amount,
                                                                     bool flag) {
-  UpdateCounter(m_group.get(), m_declared, m_counters, kEventsOutgoing, amount, flag,
+  UpdateCounter(m_group.get(), m_eventsOutgoing, kEventsOutgoing, amount, flag,
                 {kFile,
                  "OrloStoreAndForward::StoreAndForwardOutgoingStatisticsProfile::"
                  "UpdateEventsOutgoing"});

@@ -21,6 +21,9 @@ class StoreAndForwardStatisticsProfile final : public OrloStream::StreamStageBas
 
   void UpdateTotalEventsPosted(std::int64_t amount, bool flag);
   void UpdateTotalEventsFailedToQueue(std::int64_t amount, bool flag);
+
+ private:
+  std::int64_t* m_totalEventsPosted = nullptr;  // in m_counters, once it is declared
 };
 
 // Updated by the Incoming thread; the four settings by the thread that initialises it.
@@ -71,6 +74,7 @@ class StoreAndForwardOutgoingStatisticsProfile final {
   std::map<std::string, std::int64_t> m_reservedDeclared;
   std::map<std::string, std::shared_ptr<WindowsAgentCommon::AggregatedStatistics>> m_aggregates;
   std::map<std::string, std::shared_ptr<std::int64_t>> m_reservedCounters;
+  std::int64_t* m_eventsOutgoing = nullptr;  // in m_counters, once it is declared
 };
 
 }  // namespace OrloStoreAndForward

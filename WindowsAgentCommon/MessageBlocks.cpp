@@ -1,24 +1,81 @@
 #include "WindowsAgentCommon/MessageBlocks.h"
 
-#include <ace/Lock_Adapter_T.h>
-#include <ace/Malloc_Base.h>
+#include <ace/Lock.h>
+#include <ace/Malloc_Allocator.h>
 #include <ace/Message_Block.h>
-#include <ace/Thread_Mutex.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstring>
 #include <new>
+#include <thread>
 
 #include "Platform/Windows.h"
+#include "WindowsAgentCommon/EventMemory.h"
 
 namespace WindowsAgentCommon {
 
 namespace {
 
+// What passes through the agent: see EventMemory.h.
+class EventAllocator : public ACE_New_Allocator {
+ public:
+  void* malloc(size_t bytes) override { return EventMemory::Allocate(bytes); }
+  void* calloc(size_t bytes, char initial = '\0') override {
+    void* const memory = malloc(bytes);
+    if (memory != nullptr) {
+      std::memset(memory, initial, bytes);
+    }
+    return memory;
+  }
+  void* calloc(size_t elements, size_t size, char initial = '\0') override {
+    return calloc(elements * size, initial);
+  }
+  void free(void* memory) override { EventMemory::Free(memory); }
+};
+
+// Never destroyed: blocks may be released by destructors of other static objects.
+ACE_Allocator& GetEventAllocator() {
+  static ACE_Allocator& allocator = *new EventAllocator;
+  return allocator;
+}
+
 MessageBlockAllocators currentAllocators;
 
-ACE_Allocator& OrDefault(ACE_Allocator* allocator) {
-  return allocator != nullptr ? *allocator : *ACE_Allocator::instance();
+ACE_Allocator& GetAllocatorFor(ACE_Allocator* chosen, std::size_t size) {
+  if (chosen != nullptr) {
+    return *chosen;
+  }
+  return size <= EventMemory::kLargest ? GetEventAllocator() : *ACE_Allocator::instance();
 }
+
+// The lock of one block's reference count: one atomic operation to take and a plain store to give,
+// and a sixth of a mutex's memory. It is held for a few instructions, or while the memory of a
+// chain is freed, and two threads hardly ever meet at it, because they would have to drop
+// references to the same event at the same moment.
+class CountLock final : public ACE_Lock {
+ public:
+  int remove() override { return 0; }
+  int acquire() override {
+    while (m_held.exchange(true, std::memory_order_acquire)) {
+      std::this_thread::yield();
+    }
+    return 0;
+  }
+  int tryacquire() override { return m_held.exchange(true, std::memory_order_acquire) ? -1 : 0; }
+  int release() override {
+    m_held.store(false, std::memory_order_release);
+    return 0;
+  }
+  int acquire_read() override { return acquire(); }
+  int acquire_write() override { return acquire(); }
+  int tryacquire_read() override { return tryacquire(); }
+  int tryacquire_write() override { return tryacquire(); }
+  int tryacquire_write_upgrade() override { return 0; }
+
+ private:
+  std::atomic<bool> m_held{false};
+};
 
 // A data block whose reference count has a lock of its own.
 //
@@ -58,43 +115,56 @@ class LockedDataBlock : public ACE_Data_Block {
                 *data_block_allocator_);
   }
 
- private:
+  // Takes over the buffer, which came from its allocator, as this object's memory did from the
+  // other.
   LockedDataBlock(std::size_t size, ACE_Message_Block::ACE_Message_Type type, char* buffer,
                   ACE_Message_Block::Message_Flags flags, ACE_Allocator& bufferAllocator,
                   ACE_Allocator& dataBlockAllocator)
-      : ACE_Data_Block(size, type, buffer, &bufferAllocator, nullptr, flags, &dataBlockAllocator),
-        m_lock(m_mutex) {
+      : ACE_Data_Block(size, type, buffer, &bufferAllocator, nullptr, flags, &dataBlockAllocator) {
     locking_strategy(&m_lock);
   }
 
-  ACE_Thread_Mutex m_mutex;
-  ACE_Lock_Adapter<ACE_Thread_Mutex> m_lock;
+ private:
+  CountLock m_lock;
 };
 
-// ACE deletes a message block with `delete` unless it is given the allocator.
-ACE_Message_Block* MakeMessageBlock(ACE_Data_Block* data, ACE_Allocator* allocator) {
-  if (allocator == nullptr) {
-    return new (std::nothrow) ACE_Message_Block(data);
+// Block, data block and buffer next to each other, where they are used together.
+ACE_Message_Block* MakeTogether(std::size_t size) {
+  void* pieces[3];
+  if (!EventMemory::Allocate({sizeof(ACE_Message_Block), sizeof(LockedDataBlock), size}, pieces)) {
+    return nullptr;
   }
-  void* const memory = allocator->malloc(sizeof(ACE_Message_Block));
-  return memory == nullptr ? nullptr : new (memory) ACE_Message_Block(data, 0, allocator);
+  ACE_Allocator& allocator = GetEventAllocator();
+  auto* const data = new (pieces[1]) LockedDataBlock(
+      size, ACE_Message_Block::MB_DATA, static_cast<char*>(pieces[2]), 0, allocator, allocator);
+  return new (pieces[0]) ACE_Message_Block(data, 0, &allocator);
 }
 
 }  // namespace
 
 std::uint32_t CreateDataMessageBlock(std::size_t size, ACE_Message_Block*& block) {
   block = nullptr;
-  LockedDataBlock* const data = LockedDataBlock::Make(size, ACE_Message_Block::MB_DATA, 0,
-                                                      OrDefault(currentAllocators.buffer),
-                                                      OrDefault(currentAllocators.dataBlock));
+  const MessageBlockAllocators& chosen = currentAllocators;
+  const bool chooses =
+      chosen.messageBlock != nullptr || chosen.dataBlock != nullptr || chosen.buffer != nullptr;
+  if (!chooses && size <= EventMemory::kLargest) {
+    block = MakeTogether(size);
+    return block == nullptr ? ERROR_NOT_ENOUGH_MEMORY : ERROR_SUCCESS;
+  }
+  LockedDataBlock* const data = LockedDataBlock::Make(
+      size, ACE_Message_Block::MB_DATA, 0, GetAllocatorFor(chosen.buffer, size),
+      GetAllocatorFor(chosen.dataBlock, sizeof(LockedDataBlock)));
   if (data == nullptr) {
     return ERROR_NOT_ENOUGH_MEMORY;
   }
-  block = MakeMessageBlock(data, currentAllocators.messageBlock);
-  if (block == nullptr) {
+  // ACE deletes a message block with `delete` unless it is given the allocator.
+  ACE_Allocator& allocator = GetAllocatorFor(chosen.messageBlock, sizeof(ACE_Message_Block));
+  void* const memory = allocator.malloc(sizeof(ACE_Message_Block));
+  if (memory == nullptr) {
     data->release();
     return ERROR_NOT_ENOUGH_MEMORY;
   }
+  block = new (memory) ACE_Message_Block(data, 0, &allocator);
   return ERROR_SUCCESS;
 }
 

@@ -14,8 +14,9 @@ namespace WindowsAgentCommon {
 std::uint32_t CreateDataMessageBlock(std::size_t size, ACE_Message_Block*& block);
 
 // Where CreateDataMessageBlock takes its memory from: the block, its data block, its buffer. A null
-// pointer stands for ACE's default. The allocators must outlive every block made from them; they
-// are changed only while no block is being made, which in practice means by tests.
+// pointer stands for EventMemory, or ACE's default for large buffers. The allocators must outlive
+// every block made from them; they are changed only while no block is being made, which in practice
+// means by tests.
 struct MessageBlockAllocators {
   ACE_Allocator* messageBlock = nullptr;
   ACE_Allocator* dataBlock = nullptr;

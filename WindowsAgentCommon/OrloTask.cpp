@@ -2,7 +2,7 @@
 
 namespace WindowsAgentCommon {
 
-OrloTask::OrloTask() = default;
+OrloTask::OrloTask() : m_queue(std::make_unique<EventQueue>()) { msg_queue(m_queue.get()); }
 
 OrloTask::~OrloTask() = default;
 

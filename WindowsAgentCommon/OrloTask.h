@@ -2,7 +2,10 @@
 
 #include <ace/Task.h>
 
+#include <memory>
+
 #include "WindowsAgentCommon/EnvironmentBlockHelper.h"
+#include "WindowsAgentCommon/EventQueue.h"
 
 namespace WindowsAgentCommon {
 
@@ -19,6 +22,10 @@ class OrloTask : public ACE_Task<ACE_MT_SYNCH> {
 
   // Returns after every thread of the task has ended. Does nothing if none is running.
   virtual void Stop() = 0;
+
+ private:
+  // The task's message queue; blocks that are still on it go with it.
+  std::unique_ptr<EventQueue> m_queue;
 };
 
 }  // namespace WindowsAgentCommon

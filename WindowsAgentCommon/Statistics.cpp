@@ -42,10 +42,15 @@ class StatisticsGroup : public IStatisticsGroup {
   void UpdateStatistic(const std::string& name, const StatisticValue& value,
                        bool /*flag*/) override {
     const std::lock_guard guard(m_lock);
-    const auto found = m_index.find(name);
-    if (found != m_index.end()) {
-      m_statistics[found->second].value = value;
+    // The statistic of most updates is that of the last one.
+    if (m_last >= m_statistics.size() || m_statistics[m_last].name != name) {
+      const auto found = m_index.find(name);
+      if (found == m_index.end()) {
+        return;
+      }
+      m_last = found->second;
     }
+    m_statistics[m_last].value = value;
   }
 
   const std::string& GetInstance() const { return m_instance; }
@@ -67,6 +72,7 @@ class StatisticsGroup : public IStatisticsGroup {
   // Guarded by m_lock:
   std::vector<StatisticSnapshot> m_statistics;
   std::unordered_map<std::string, std::size_t> m_index;
+  std::size_t m_last = 0;  // in m_statistics, of the last update
   bool m_published = false;
 };
 

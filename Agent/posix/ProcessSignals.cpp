@@ -55,8 +55,6 @@ ProcessSignals::ProcessSignals(boost::asio::io_context& context, OnSignal onSign
 
 ProcessSignals::~ProcessSignals() {
   boost::system::error_code ignored;
-  // The wait first: one whose signals are gone would never end.
-  m_watch->signals.cancel(ignored);
   m_watch->signals.clear(ignored);
 }
 

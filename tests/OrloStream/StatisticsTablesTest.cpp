@@ -50,6 +50,30 @@ TEST_F(StatisticsTablesTest, ACounterStartsAtZero) {
   EXPECT_TRUE(m_group.Updates().empty());
 }
 
+TEST_F(StatisticsTablesTest, ACounterWithItsTotalAtHandIsTheSameCounter) {
+  std::int64_t* total = nullptr;
+  DeclareCounter(m_group, m_declared, m_counters, Counter("n"), total);
+  UpdateCounter(&m_group, total, Counter("n"), 4, false, kSite);
+  UpdateCounter(&m_group, m_declared, m_counters, Counter("n"), 5, false, kSite);
+  EXPECT_EQ(m_group.IntegerUpdates("n"), (std::vector<std::int64_t>{4, 9}));
+  EXPECT_EQ(*m_counters.at("n"), 9);
+}
+
+TEST_F(StatisticsTablesTest, ACounterWithoutATotalAtHandWasNotDeclared) {
+  EXPECT_THROW(UpdateCounter(&m_group, nullptr, Counter("n"), 1, false, kSite),
+               OrloStatisticsException);
+  EXPECT_TRUE(m_group.Updates().empty());
+}
+
+TEST_F(StatisticsTablesTest, DeclaringAgainStartsTheTotalAtHandAnew) {
+  std::int64_t* total = nullptr;
+  DeclareCounter(m_group, m_declared, m_counters, Counter("n"), total);
+  UpdateCounter(&m_group, total, Counter("n"), 4, false, kSite);
+  DeclareCounter(m_group, m_declared, m_counters, Counter("n"), total);
+  UpdateCounter(&m_group, total, Counter("n"), 1, false, kSite);
+  EXPECT_EQ(m_group.IntegerUpdates("n"), (std::vector<std::int64_t>{4, 1}));
+}
+
 TEST_F(StatisticsTablesTest, UpdatesPublishTheTotal) {
   DeclareCounter(m_group, m_declared, m_counters, Counter("n"));
   for (const std::int64_t amount : {2, 5, 0, -1}) {

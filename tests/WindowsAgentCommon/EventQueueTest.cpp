@@ -1,0 +1,161 @@
+#include "WindowsAgentCommon/EventQueue.h"
+
+#include <ace/OS_NS_sys_time.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "WindowsAgentCommon/MessageBlockPtr.h"
+#include "WindowsAgentCommon/MessageBlocks.h"
+
+namespace WindowsAgentCommon {
+namespace {
+
+// Longer than any test waits when all is well.
+constexpr time_t kLimitSeconds = 60;
+
+ACE_Message_Block* Make(std::size_t number) {
+  ACE_Message_Block* block = nullptr;
+  EXPECT_EQ(CreateDataMessageBlock(sizeof number, block), 0u);
+  block->copy(reinterpret_cast<const char*>(&number), sizeof number);
+  return block;
+}
+
+// The number of the next block; -1 if none came in time.
+std::int64_t Take(EventQueue& queue, time_t seconds = kLimitSeconds) {
+  ACE_Time_Value deadline = ACE_OS::gettimeofday() + ACE_Time_Value(seconds);
+  ACE_Message_Block* taken = nullptr;
+  if (queue.dequeue_head(taken, &deadline) == -1) {
+    return -1;
+  }
+  const MessageBlockPtr block(taken);
+  std::size_t number = 0;
+  std::memcpy(&number, block->rd_ptr(), sizeof number);
+  return static_cast<std::int64_t>(number);
+}
+
+void Post(EventQueue& queue, std::size_t first, std::size_t count) {
+  for (std::size_t number = first; number < first + count; ++number) {
+    ASSERT_NE(queue.enqueue_tail(Make(number)), -1);
+  }
+}
+
+// Has taken so many in a row that it lets blocks gather when it next waits.
+void TakeManyInARow(EventQueue& queue) {
+  constexpr std::size_t kMany = 100;
+  Post(queue, 0, kMany);
+  for (std::size_t number = 0; number < kMany; ++number) {
+    ASSERT_EQ(Take(queue), static_cast<std::int64_t>(number));
+  }
+}
+
+TEST(EventQueueTest, AllBlocksComeInOrderFromAFastPoster) {
+  EventQueue queue;
+  constexpr std::size_t kCount = 200'000;
+  std::thread poster([&queue] { Post(queue, 0, kCount); });
+  std::size_t taken = 0;
+  while (taken < kCount && Take(queue) == static_cast<std::int64_t>(taken)) {
+    ++taken;
+  }
+  poster.join();
+  EXPECT_EQ(taken, kCount);
+}
+
+TEST(EventQueueTest, AFewBlocksAfterABurstAreNotKeptWaiting) {
+  EventQueue queue;
+  TakeManyInARow(queue);
+  std::thread poster([&queue] { Post(queue, 1000, 1); });
+  EXPECT_EQ(Take(queue), 1000);
+  poster.join();
+}
+
+TEST(EventQueueTest, AnEmptyQueueTimesOutAlsoAfterABurst) {
+  EventQueue queue;
+  TakeManyInARow(queue);
+  ACE_Time_Value deadline = ACE_OS::gettimeofday() + ACE_Time_Value(0, 20'000);
+  ACE_Message_Block* taken = nullptr;
+  EXPECT_EQ(queue.dequeue_head(taken, &deadline), -1);
+  EXPECT_EQ(errno, EWOULDBLOCK);
+  EXPECT_GE(ACE_OS::gettimeofday(), deadline);
+}
+
+TEST(EventQueueTest, ADeadlineThatHasPassedTakesWhatIsThere) {
+  EventQueue queue;
+  Post(queue, 5, 1);
+  EXPECT_EQ(Take(queue, -1), 5);
+  EXPECT_EQ(Take(queue, -1), -1);
+}
+
+TEST(EventQueueTest, ABlockAtTheHeadOvertakesThoseThatWait) {
+  EventQueue queue;
+  TakeManyInARow(queue);
+  Post(queue, 1, 2);
+  ASSERT_NE(queue.enqueue_head(Make(7)), -1);
+  EXPECT_EQ(Take(queue), 7);
+  EXPECT_EQ(Take(queue), 1);
+  EXPECT_EQ(Take(queue), 2);
+}
+
+TEST(EventQueueTest, APosterAboveALowHighWaterMarkIsLetOnAlsoWhileBlocksGather) {
+  EventQueue queue;
+  queue.high_water_mark(3 * sizeof(std::size_t));
+  queue.low_water_mark(2 * sizeof(std::size_t));
+  constexpr std::size_t kCount = 5'000;
+  std::thread poster([&queue] { Post(queue, 0, kCount); });
+  std::size_t taken = 0;
+  while (taken < kCount && Take(queue) == static_cast<std::int64_t>(taken)) {
+    ++taken;
+  }
+  poster.join();
+  EXPECT_EQ(taken, kCount);
+}
+
+TEST(EventQueueTest, DeactivationWakesAWaitingThreadAlsoAfterABurst) {
+  EventQueue queue;
+  TakeManyInARow(queue);
+  std::thread other([&queue] { queue.deactivate(); });
+  EXPECT_EQ(Take(queue), -1);
+  EXPECT_EQ(errno, ESHUTDOWN);
+  other.join();
+}
+
+TEST(EventQueueTest, SeveralTakersGetEveryBlockOnce) {
+  EventQueue queue;
+  constexpr std::size_t kCount = 40'000;
+  std::vector<std::vector<std::int64_t>> taken(3);
+  std::vector<std::thread> takers;
+  for (auto& own : taken) {
+    takers.emplace_back([&queue, &own] {
+      for (std::int64_t number = Take(queue); number >= 0; number = Take(queue)) {
+        own.push_back(number);
+      }
+    });
+  }
+  Post(queue, 0, kCount);
+  while (!queue.is_empty()) {
+    std::this_thread::yield();
+  }
+  queue.deactivate();
+  std::vector<bool> seen(kCount, false);
+  std::size_t count = 0;
+  for (std::thread& taker : takers) {
+    taker.join();
+  }
+  for (const auto& own : taken) {
+    EXPECT_TRUE(std::is_sorted(own.begin(), own.end()));
+    for (const std::int64_t number : own) {
+      EXPECT_FALSE(seen.at(static_cast<std::size_t>(number)));
+      seen[static_cast<std::size_t>(number)] = true;
+      ++count;
+    }
+  }
+  EXPECT_EQ(count, kCount);
+}
+
+}  // namespace
+}  // namespace WindowsAgentCommon
