@@ -293,7 +293,8 @@ StreamReport Agent::Look(RunningStream& running) {
   for (const Source* source : running.sources) {
     notMade += source->GetNotMade();
   }
-  return running.account.Look(running.destination->GetUnsentEvents(), notMade);
+  return running.account.Look(running.destination->GetUnsentEvents(),
+                              running.destination->GetLostEvents(), notMade);
 }
 
 void Agent::TearDown() {

@@ -3,6 +3,7 @@
 #include "Agent/BufferedDestination.h"
 #include "Agent/DatagramDestination.h"
 #include "Agent/FileChannel.h"
+#include "Agent/KafkaDestination.h"
 #include "Agent/StdoutChannel.h"
 #include "Agent/TcpChannel.h"
 
@@ -30,6 +31,9 @@ std::unique_ptr<Destination> MakeDestination(const DestinationOptions& options,
                                              const std::string& streamName) {
   if (const auto* syslog = std::get_if<SyslogDestinationOptions>(&options)) {
     return MakeSyslogDestination(*syslog, streamName);
+  }
+  if (const auto* kafka = std::get_if<KafkaDestinationOptions>(&options)) {
+    return MakeKafkaDestination(*kafka, streamName);
   }
   BufferedWriterOptions writer;
   if (const auto* file = std::get_if<FileDestinationOptions>(&options)) {

@@ -10,7 +10,7 @@
 namespace OrloAgent {
 
 // The end of a stream. put is called by the stage's sending thread; everything else by the control
-// thread, but for GetUnsentEvents, which any thread may call.
+// thread, but for GetUnsentEvents and GetLostEvents, which any thread may call.
 //
 // put takes over the block in any case. 0: the event is taken. 0x40000000: it can't be taken now
 // and is forgotten; it must be offered again before any other.
@@ -21,6 +21,9 @@ class Destination : public WindowsAgentCommon::OrloTask {
 
   // Events that were taken and have not left yet.
   virtual std::uint64_t GetUnsentEvents() const = 0;
+
+  // Events that were taken and can never be sent.
+  virtual std::uint64_t GetLostEvents() const { return 0; }
 };
 
 // The destination that the options describe; `streamName` is for its messages. Throws

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "Agent/KafkaDestination.h"
 #include "Agent/PathText.h"
 #include "Agent/Tls.h"
 #include "Agent/Units.h"
@@ -214,6 +215,49 @@ SyslogDestinationOptions ReadSyslogDestination(MapReader& map, ValueReader& read
   return options;
 }
 
+void ReadProperties(const ConfigurationEntry& entry, ValueReader& reader,
+                    std::map<std::string, std::string>& properties) {
+  const MapReader map(entry, reader);
+  for (const auto& [name, property] : map.GetAll()) {
+    if (IsReservedKafkaProperty(name)) {
+      reader.Note(property, "is set by the agent: its guarantees rest on it");
+    } else {
+      reader.ReadText(property, properties[name]);
+    }
+  }
+}
+
+KafkaDestinationOptions ReadKafkaDestination(MapReader& map, ValueReader& reader) {
+  KafkaDestinationOptions options;
+  if (const auto brokers = map.Require("brokers")) {
+    for (const ConfigurationEntry& one : reader.ReadList(*brokers, true)) {
+      std::string broker;
+      if (reader.ReadText(one, broker)) {
+        options.brokers += (options.brokers.empty() ? "" : ",") + broker;
+      }
+    }
+    if (options.brokers.empty()) {
+      reader.Note(*brokers, "names no broker");
+    }
+  }
+  if (const auto topic = map.Require("topic"); topic && reader.ReadText(*topic, options.topic)) {
+    if (options.topic.empty()) {
+      reader.Note(*topic, "is empty");
+    }
+  }
+  if (const auto key = map.Find("key")) {
+    reader.ReadText(*key, options.key);
+  }
+  if (const auto window = map.Find("window")) {
+    reader.ReadCount(*window, 1, 1'000'000, options.window);
+  }
+  if (const auto properties = map.Find("properties")) {
+    ReadProperties(*properties, reader, options.properties);
+  }
+  ReadSendTimeout(map, reader, options.sendTimeout);
+  return options;
+}
+
 }  // namespace
 
 void ReadSource(const ConfigurationEntry& entry, ValueReader& reader, SharedEnds& shared,
@@ -250,7 +294,7 @@ void ReadSource(const ConfigurationEntry& entry, ValueReader& reader, SharedEnds
 void ReadDestination(const ConfigurationEntry& entry, ValueReader& reader, SharedEnds& shared,
                      DestinationOptions& destination) {
   MapReader map(entry, reader);
-  const auto type = ReadType(map, reader, {"stdout", "file", "syslog"});
+  const auto type = ReadType(map, reader, {"stdout", "file", "syslog", "kafka"});
   if (!type) {
     return;
   }
@@ -270,6 +314,11 @@ void ReadDestination(const ConfigurationEntry& entry, ValueReader& reader, Share
     }
     ReadSendTimeout(map, reader, options.sendTimeout);
     destination = std::move(options);
+  } else if (*type == "kafka") {
+    if (!IsKafkaAvailable()) {
+      reader.Note(entry, "can't be used: this program was built without Kafka");
+    }
+    destination = ReadKafkaDestination(map, reader);
   } else {
     destination = ReadSyslogDestination(map, reader);
   }

@@ -196,8 +196,28 @@ struct SyslogDestinationOptions {
   std::chrono::milliseconds connectTimeout{5'000};
 };
 
-using DestinationOptions =
-    std::variant<StdoutDestinationOptions, FileDestinationOptions, SyslogDestinationOptions>;
+// A topic of a Kafka cluster.
+struct KafkaDestinationOptions {
+  // HOST:PORT of one broker or more, separated by commas; the others are found through them.
+  std::string brokers;
+  std::string topic;
+
+  // All events get this key, and so go to one partition, where their order holds. Empty: the
+  // stream's name.
+  std::string key;
+
+  // How many events may be under way without having been acknowledged. 1 to 1,000,000.
+  std::size_t window = 10'000;
+
+  // How long one event may wait for room in the window before the stage holds it. 1 ms to 1 h.
+  std::chrono::milliseconds sendTimeout{5'000};
+
+  // Handed to librdkafka as they are; none of those that the agent sets itself.
+  std::map<std::string, std::string> properties;
+};
+
+using DestinationOptions = std::variant<StdoutDestinationOptions, FileDestinationOptions,
+                                        SyslogDestinationOptions, KafkaDestinationOptions>;
 
 // One chain of sources, stages and a destination.
 struct StreamOptions {

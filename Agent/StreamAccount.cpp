@@ -27,7 +27,8 @@ StreamAccount::StreamAccount(const WindowsAgentCommon::StatisticsServer& statist
       m_inventory(dataDirectory / "Events" / ToPath(m_streamName)),
       m_atStart(m_inventory.Look()) {}
 
-StreamReport StreamAccount::Look(std::uint64_t unsent, std::uint64_t notMade) {
+StreamReport StreamAccount::Look(std::uint64_t unsent, std::uint64_t refused,
+                                 std::uint64_t notMade) {
   StreamReport report;
   for (const auto& group : m_statistics.GetSnapshot()) {
     if (group.instance != m_streamName) {
@@ -45,7 +46,8 @@ StreamReport StreamAccount::Look(std::uint64_t unsent, std::uint64_t notMade) {
     }
   }
   // An event is in the buffer a moment before the stage counts it.
-  report.delivered = report.sent - std::min(report.sent, unsent);
+  report.delivered = report.sent - std::min(report.sent, unsent + refused);
+  report.lost += refused;
   report.cachedAtStart = m_atStart.events;
   const CacheContents contents = m_inventory.Look();
   report.cached = contents.events;

@@ -16,7 +16,8 @@ struct StreamReport {
   std::uint64_t posted = 0;
   // Refused by the stream's first stage.
   std::uint64_t failed = 0;
-  // Given up by the stage because the cache refused them, and events that could not be made.
+  // Given up by the stage because the cache refused them, or by the destination because they can't
+  // be sent, and events that could not be made.
   std::uint64_t lost = 0;
   // Handed to the stage's sender, from the queue or from the cache.
   std::uint64_t accepted = 0;
@@ -47,8 +48,9 @@ class StreamAccount {
   const CacheContents& GetContentsAtStart() const { return m_atStart; }
 
   // `unsent`: what waits in the destination's buffer, which the stage counts as delivered.
+  // `refused`: what the destination has taken and can never send, which the stage counts as well.
   // `notMade`: events that the sources could not make.
-  StreamReport Look(std::uint64_t unsent, std::uint64_t notMade);
+  StreamReport Look(std::uint64_t unsent, std::uint64_t refused, std::uint64_t notMade);
 
  private:
   const WindowsAgentCommon::StatisticsServer& m_statistics;

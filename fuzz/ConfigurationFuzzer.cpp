@@ -93,6 +93,13 @@ void CheckDestination(const SyslogDestinationOptions& destination) {
           "a client's certificate and key stand together");
 }
 
+void CheckDestination(const KafkaDestinationOptions& destination) {
+  Require(IsIn(destination.sendTimeout, milliseconds(1), hours(1)), "the send timeout is in range");
+  Require(!destination.brokers.empty() && !destination.topic.empty(),
+          "a Kafka destination has a broker and a topic");
+  Require(destination.window >= 1 && destination.window <= 1'000'000, "the window is in range");
+}
+
 void CheckName(const std::string& name) {
   Require(!name.empty() && name.size() <= 255 && name != "." && name != ".." &&
               !HasControlCharacter(name) && name.find_first_of("/\\") == name.npos,

@@ -201,6 +201,34 @@ streams:
   EXPECT_EQ(two.maxFiles, 9u);
 }
 
+TEST(Configuration, EveryKeyOfKafkaIsRead) {
+  const Configuration configuration = ParseConfiguration(R"(
+streams:
+  - name: One
+    source: { type: stdin }
+    stages: [ { module: StoreAndForwardStage } ]
+    destination: { type: kafka, brokers: [ "a:1", "b:2" ], topic: t, key: k, window: 7, send_timeout: 2s, properties: { linger.ms: 3 } }
+  - name: Two
+    source: { type: syslog, listen: "tcp://h:0" }
+    stages: [ { module: StoreAndForwardStage } ]
+    destination: { type: kafka, brokers: "a:1", topic: t }
+)");
+  ASSERT_TRUE(configuration.mistakes.empty()) << ToText(configuration.mistakes[0], "f");
+  const auto& one =
+      std::get<OrloAgent::KafkaDestinationOptions>(configuration.options.streams[0].destination);
+  EXPECT_EQ(one.brokers, "a:1,b:2");
+  EXPECT_EQ(one.topic, "t");
+  EXPECT_EQ(one.key, "k");
+  EXPECT_EQ(one.window, 7u);
+  EXPECT_EQ(one.sendTimeout, milliseconds(2'000));
+  EXPECT_EQ(one.properties, (std::map<std::string, std::string>{{"linger.ms", "3"}}));
+  const auto& two =
+      std::get<OrloAgent::KafkaDestinationOptions>(configuration.options.streams[1].destination);
+  EXPECT_EQ(two.brokers, "a:1");
+  EXPECT_EQ(two.key, "");
+  EXPECT_EQ(two.window, 10'000u);
+}
+
 struct Wrong {
   const char* name;
   std::string text;
@@ -386,6 +414,14 @@ std::vector<Wrong> StreamCases() {
        WithSource("[ { type: file, path: x }, { type: file, path: y } ]"),
        {"f:3: streams[0].source[1]: is the second source of files of its stream; one can have "
         "several paths"}},
+      {"KafkaWithoutATopic",
+       WithDestination("{ type: kafka, brokers: [] }"),
+       {"f:5: streams[0].destination.brokers: names no broker",
+        "f:5: streams[0].destination.topic: is missing"}},
+      {"KafkaPropertyOfTheAgent",
+       WithDestination("{ type: kafka, brokers: b, topic: t, properties: { acks: 1 } }"),
+       {"f:5: streams[0].destination.properties.acks: is set by the agent: its guarantees rest on "
+        "it"}},
       {"TlsWithoutCertificate",
        WithSource("{ type: syslog, listen: \"tls://h:0\" }"),
        {"f:3: streams[0].source.listen: needs \"tls\" beside it, with the server's certificate and "
@@ -467,7 +503,7 @@ std::vector<Wrong> StreamCases() {
       {"DestinationTypeUnknown",
        WithDestination("{ type: mail }"),
        {"f:5: streams[0].destination.type: \"mail\" is not known; known are: stdout, file, "
-        "syslog"}},
+        "syslog, kafka"}},
       {"TargetPortZero",
        WithDestination("{ type: syslog, target: \"tcp://h:0\" }"),
        {"f:5: streams[0].destination.target: \"tcp://h:0\" has a port out of range: 0 is not 1 to "

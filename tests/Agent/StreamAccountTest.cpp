@@ -52,7 +52,7 @@ TEST_F(StreamAccountTest, WhatIsNotFoundElsewhereIsHeld) {
   Publish("A", "StoreAndForwardOutgoing", {{"EventsOutgoing", 600}});
   Publish("B", "StoreAndForwardStage", {{"TotalEventsPosted", 5}});
 
-  const StreamReport report = account.Look(10, 2);
+  const StreamReport report = account.Look(10, 0, 2);
   EXPECT_EQ(report.posted, 1002u) << "with the two that could not be made";
   EXPECT_EQ(report.failed, 3u);
   EXPECT_EQ(report.lost, 9u);
@@ -62,11 +62,21 @@ TEST_F(StreamAccountTest, WhatIsNotFoundElsewhereIsHeld) {
   EXPECT_EQ(report.held, 1000 + 20 - 3 - 7 - 590 - 25);
 }
 
+TEST_F(StreamAccountTest, WhatTheDestinationCanNeverSendIsLostAndNotDelivered) {
+  StreamAccount account(m_statistics, "A", m_directory.Path());
+  Publish("A", "StoreAndForwardStage", {{"TotalEventsPosted", 10}});
+  Publish("A", "StoreAndForwardOutgoing", {{"EventsOutgoing", 9}});
+  const StreamReport report = account.Look(2, 3, 0);
+  EXPECT_EQ(report.delivered, 4u);
+  EXPECT_EQ(report.lost, 3u);
+  EXPECT_EQ(report.held, 3);
+}
+
 TEST_F(StreamAccountTest, AnEventInTheBufferThatTheStageHasNotCountedIsNotDelivered) {
   StreamAccount account(m_statistics, "A", m_directory.Path());
   Publish("A", "StoreAndForwardStage", {{"TotalEventsPosted", 1}});
   Publish("A", "StoreAndForwardOutgoing", {{"EventsOutgoing", 0}});
-  const StreamReport report = account.Look(1, 0);
+  const StreamReport report = account.Look(1, 0, 0);
   EXPECT_EQ(report.delivered, 0u);
   EXPECT_EQ(report.held, 1);
 }

@@ -1,0 +1,383 @@
+#include "Agent/KafkaDestination.h"
+
+#include <librdkafka/rdkafka.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "Agent/KafkaWindow.h"
+#include "OrloStream/Status.h"
+#include "WindowsAgentCommon/Exceptions.h"
+#include "WindowsAgentCommon/Logging.h"
+#include "WindowsAgentCommon/MessageBlocks.h"
+
+namespace OrloAgent {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using WindowsAgentCommon::LogFacade;
+using WindowsAgentCommon::MessageBlockPtr;
+
+namespace {
+
+constexpr milliseconds kPoll{100};
+
+// A wait for room is cut into slices so that Refuse is seen.
+constexpr milliseconds kSlice{100};
+
+// How long a producer that has failed is left before the next one is made.
+constexpr std::chrono::seconds kBetweenProducers{1};
+constexpr std::chrono::seconds kBetweenReports{10};
+constexpr milliseconds kLongestEnd{1'000};
+
+struct FreeProducer {
+  void operator()(rd_kafka_t* producer) const { rd_kafka_destroy(producer); }
+};
+using Producer = std::unique_ptr<rd_kafka_t, FreeProducer>;
+
+const std::set<std::string>& ReservedProperties() {
+  static const std::set<std::string> names{"bootstrap.servers",     "metadata.broker.list",
+                                           "enable.idempotence",    "acks",
+                                           "request.required.acks", "message.timeout.ms",
+                                           "delivery.timeout.ms",   "queue.buffering.max.messages",
+                                           "transactional.id"};
+  return names;
+}
+
+// One block of exactly the payload's bytes; null when there is no memory.
+MessageBlockPtr Join(const ACE_Message_Block& payload) {
+  ACE_Message_Block* made = nullptr;
+  WindowsAgentCommon::CreateDataMessageBlock(payload.total_length(), made);
+  MessageBlockPtr joined(made);
+  for (const ACE_Message_Block* part = &payload; joined && part != nullptr; part = part->cont()) {
+    joined->copy(part->rd_ptr(), part->length());
+  }
+  return joined;
+}
+
+class KafkaDestination : public Destination {
+ public:
+  KafkaDestination(const KafkaDestinationOptions& options, const std::string& streamName);
+  ~KafkaDestination() override { Stop(); }
+
+  void Initialize(const WindowsAgentCommon::EnvironmentBlock& environment) override;
+  void Stop() override;
+  int put(ACE_Message_Block* block, ACE_Time_Value* timeout = nullptr) override;
+  void Refuse() override { m_refusing = true; }
+  std::uint64_t GetUnsentEvents() const override { return m_unsent.load(); }
+  std::uint64_t GetLostEvents() const override { return m_lost.load(); }
+
+ private:
+  enum class Offer { Taken, Full, TooLarge };
+
+  Producer MakeProducer();
+  Offer Produce(rd_kafka_t* producer, std::uint64_t number);
+  Offer OfferEvent(MessageBlockPtr& event);
+  void Run();
+  void Replace();
+  void OnDelivery(const rd_kafka_message_t& message);
+  void OnError(rd_kafka_resp_err_t error, const std::string& reason);
+  void ReportTooLarge(std::size_t size);
+  void CountUnsent() { m_unsent = m_window.GetUnacknowledged(); }
+
+  const KafkaDestinationOptions m_options;
+  const std::string m_key;
+  WindowsAgentCommon::Log m_log;
+
+  std::mutex m_lock;
+  std::condition_variable m_room;
+  KafkaWindow m_window;
+  // Null while one that has failed is being replaced.
+  Producer m_producer;
+  bool m_broken = false;
+  bool m_down = false;
+  steady_clock::time_point m_nextReport{};
+
+  std::atomic<std::uint64_t> m_unsent{0};
+  std::atomic<std::uint64_t> m_lost{0};
+  std::atomic<bool> m_refusing{false};
+  std::atomic<bool> m_stop{false};
+  std::thread m_thread;
+};
+
+KafkaDestination::KafkaDestination(const KafkaDestinationOptions& options,
+                                   const std::string& streamName)
+    : m_options(options),
+      m_key(options.key.empty() ? streamName : options.key),
+      m_log(WindowsAgentCommon::LoggerFactory::GetLog("Code.KafkaDestination." + streamName)),
+      m_producer(MakeProducer()) {}
+
+Producer KafkaDestination::MakeProducer() {
+  std::array<char, 512> problem{};
+  const auto refuse = [&](const std::string& what) {
+    throw WindowsAgentCommon::InitializationException(
+        "KafkaDestination", "OrloAgent::KafkaDestination::MakeProducer", __LINE__,
+        "Can't send to Kafka: " + what + " (" + problem.data() + ")");
+  };
+  std::unique_ptr<rd_kafka_conf_t, void (*)(rd_kafka_conf_t*)> settings(rd_kafka_conf_new(),
+                                                                        &rd_kafka_conf_destroy);
+  const auto set = [&](const std::string& name, const std::string& value) {
+    if (rd_kafka_conf_set(settings.get(), name.c_str(), value.c_str(), problem.data(),
+                          problem.size()) != RD_KAFKA_CONF_OK) {
+      // Not the value: it can be a secret.
+      refuse("the property \"" + name + "\" is not taken");
+    }
+  };
+  set("client.id", "orlo-agent");
+  for (const auto& [name, value] : m_options.properties) {
+    set(name, value);
+  }
+  set("bootstrap.servers", m_options.brokers);
+  set("enable.idempotence", "true");
+  set("acks", "all");
+  // Events are kept until they are acknowledged, however long that takes.
+  set("message.timeout.ms", "0");
+  set("queue.buffering.max.messages", std::to_string(m_options.window + 1));
+  rd_kafka_conf_set_opaque(settings.get(), this);
+  rd_kafka_conf_set_dr_msg_cb(settings.get(),
+                              [](rd_kafka_t*, const rd_kafka_message_t* message, void* self) {
+                                static_cast<KafkaDestination*>(self)->OnDelivery(*message);
+                              });
+  rd_kafka_conf_set_error_cb(settings.get(), [](rd_kafka_t*, int error, const char* reason,
+                                                void* self) {
+    static_cast<KafkaDestination*>(self)->OnError(static_cast<rd_kafka_resp_err_t>(error), reason);
+  });
+  // The library repeats itself with every attempt to connect; what matters comes by the callbacks.
+  rd_kafka_conf_set_log_cb(
+      settings.get(), [](const rd_kafka_t* producer, int, const char* facility, const char* text) {
+        const auto* const self = static_cast<const KafkaDestination*>(rd_kafka_opaque(producer));
+        LogFacade::Debug(self->m_log, "%s: %s", std::string(facility), std::string(text));
+      });
+  Producer producer(
+      rd_kafka_new(RD_KAFKA_PRODUCER, settings.get(), problem.data(), problem.size()));
+  if (!producer) {
+    refuse("the settings don't fit together");
+  }
+  settings.release();  // the producer's now
+  return producer;
+}
+
+void KafkaDestination::Initialize(const WindowsAgentCommon::EnvironmentBlock&) {
+  try {
+    m_thread = std::thread(&KafkaDestination::Run, this);
+  } catch (const std::system_error& error) {
+    throw WindowsAgentCommon::InitializationException(
+        "KafkaDestination", "OrloAgent::KafkaDestination::Initialize", __LINE__,
+        std::string("The destination can't start its thread (") + error.what() + ")");
+  }
+  LogFacade::Info(m_log, "Sending to topic %s of %s.", m_options.topic, m_options.brokers);
+}
+
+int KafkaDestination::put(ACE_Message_Block* block, ACE_Time_Value*) {
+  MessageBlockPtr event(block);
+  const int backpressure = OrloStream::Status(OrloStream::Status::kBackpressure).ToInt();
+  if (event->cont() != nullptr && event->cont()->cont() != nullptr) {
+    MessageBlockPtr joined = Join(*event->cont());
+    if (!joined) {
+      return backpressure;
+    }
+    MessageBlockPtr(event->cont()).reset();
+    event->cont(joined.release());
+  }
+  const std::size_t size = event->cont() == nullptr ? 0 : event->cont()->length();
+  const auto deadline = steady_clock::now() + m_options.sendTimeout;
+  while (!m_refusing) {
+    switch (OfferEvent(event)) {
+      case Offer::Taken:
+        return 0;
+      case Offer::TooLarge:
+        ++m_lost;
+        ReportTooLarge(size);
+        return 0;
+      case Offer::Full:
+        break;
+    }
+    const auto left = deadline - steady_clock::now();
+    if (left <= steady_clock::duration::zero()) {
+      break;
+    }
+    std::unique_lock lock(m_lock);
+    m_room.wait_for(lock, std::min<steady_clock::duration>(left, kSlice));
+  }
+  return backpressure;
+}
+
+KafkaDestination::Offer KafkaDestination::OfferEvent(MessageBlockPtr& event) {
+  const std::lock_guard lock(m_lock);
+  if (!m_producer || m_broken || m_window.GetSize() >= m_options.window) {
+    return Offer::Full;
+  }
+  ACE_Message_Block* const kept = event.release();
+  const Offer offer = Produce(m_producer.get(), m_window.Add(MessageBlockPtr(kept)));
+  if (offer == Offer::Full) {
+    event = m_window.TakeBackLast();
+  } else if (offer == Offer::TooLarge) {
+    m_window.TakeBackLast();
+  }
+  CountUnsent();
+  return offer;
+}
+
+// The library reads the message where it lies; it stays there until it is acknowledged.
+KafkaDestination::Offer KafkaDestination::Produce(rd_kafka_t* producer, std::uint64_t number) {
+  const std::string_view message = m_window.GetMessage(number);
+  const rd_kafka_resp_err_t error = rd_kafka_producev(
+      producer, RD_KAFKA_V_TOPIC(m_options.topic.c_str()),
+      RD_KAFKA_V_KEY(m_key.data(), m_key.size()),
+      RD_KAFKA_V_VALUE(const_cast<char*>(message.data()), message.size()),
+      // The number travels as the pointer that comes back with the acknowledgement.
+      RD_KAFKA_V_OPAQUE(reinterpret_cast<void*>(static_cast<std::uintptr_t>(number))),
+      RD_KAFKA_V_MSGFLAGS(0), RD_KAFKA_V_END);
+  switch (error) {
+    case RD_KAFKA_RESP_ERR_NO_ERROR:
+      return Offer::Taken;
+    case RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE:
+      return Offer::TooLarge;
+    case RD_KAFKA_RESP_ERR__QUEUE_FULL:
+      return Offer::Full;
+    default:
+      // The producer is of no use any more.
+      m_broken = true;
+      return Offer::Full;
+  }
+}
+
+void KafkaDestination::Run() {
+  auto nextProducer = steady_clock::now();
+  while (!m_stop) {
+    rd_kafka_poll(m_producer.get(), static_cast<int>(kPoll.count()));
+    bool broken = false;
+    {
+      const std::lock_guard lock(m_lock);
+      broken = m_broken;
+    }
+    if (broken && steady_clock::now() >= nextProducer) {
+      Replace();
+      nextProducer = steady_clock::now() + kBetweenProducers;
+    }
+  }
+}
+
+// A producer that has given up an event never sends those behind it in order: all that is
+// unacknowledged goes to a new one.
+void KafkaDestination::Replace() {
+  Producer made;
+  try {
+    made = MakeProducer();
+  } catch (const WindowsAgentCommon::InitializationException& error) {
+    LogFacade::Warn(m_log, "%s; trying again.", std::string(error.what()));
+    return;
+  }
+  // What comes back from the old one while it ends is acknowledged, or stays in the window.
+  rd_kafka_purge(m_producer.get(), RD_KAFKA_PURGE_F_QUEUE | RD_KAFKA_PURGE_F_INFLIGHT);
+  rd_kafka_flush(m_producer.get(), static_cast<int>(kLongestEnd.count()));
+  Producer old;
+  {
+    const std::lock_guard lock(m_lock);
+    old = std::move(m_producer);
+  }
+  old.reset();
+  const std::lock_guard lock(m_lock);
+  m_broken = false;
+  m_window.Rewind();
+  CountUnsent();
+  for (std::uint64_t i = 0; i < m_window.GetSize() && !m_broken; ++i) {
+    m_broken = Produce(made.get(), m_window.GetFirst() + i) != Offer::Taken;
+  }
+  m_producer = std::move(made);
+  m_room.notify_all();
+}
+
+void KafkaDestination::OnDelivery(const rd_kafka_message_t& message) {
+  const auto number = static_cast<std::uint64_t>(
+      reinterpret_cast<std::uintptr_t>(message._private));  // NOLINT: the library's name
+  const std::lock_guard lock(m_lock);
+  if (message.err == RD_KAFKA_RESP_ERR_NO_ERROR) {
+    m_window.Acknowledge(number);
+    if (m_down) {
+      m_down = false;
+      LogFacade::Info(m_log, "The cluster acknowledges events again.");
+    }
+  } else if (message.err == RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE) {
+    // It would be refused again and again, and hold up all others.
+    ++m_lost;
+    ReportTooLarge(message.len);
+    m_window.Acknowledge(number);
+  } else {
+    const auto now = steady_clock::now();
+    if (!m_broken && !m_stop && now >= m_nextReport) {
+      m_nextReport = now + kBetweenReports;
+      m_down = true;
+      LogFacade::Warn(m_log,
+                      "The cluster does not take an event (%s); %d that are not acknowledged are "
+                      "sent again.",
+                      std::string(rd_kafka_err2str(message.err)), m_window.GetUnacknowledged());
+    }
+    m_broken = true;
+  }
+  CountUnsent();
+  m_room.notify_all();
+}
+
+void KafkaDestination::OnError(rd_kafka_resp_err_t error, const std::string& reason) {
+  const std::lock_guard lock(m_lock);
+  if (error == RD_KAFKA_RESP_ERR__FATAL) {
+    m_broken = true;
+  }
+  const bool matters = error == RD_KAFKA_RESP_ERR__ALL_BROKERS_DOWN ||
+                       error == RD_KAFKA_RESP_ERR__AUTHENTICATION ||
+                       error == RD_KAFKA_RESP_ERR__SSL || error == RD_KAFKA_RESP_ERR__RESOLVE;
+  if (matters && !m_down) {
+    m_down = true;
+    LogFacade::Warn(m_log, "%s can't be reached (%s); events wait until it can.", m_options.brokers,
+                    reason);
+  }
+}
+
+void KafkaDestination::ReportTooLarge(std::size_t size) {
+  LogFacade::Error(m_log,
+                   "An event of %d bytes is larger than the cluster takes (message.max.bytes), and "
+                   "is lost.",
+                   size);
+}
+
+void KafkaDestination::Stop() {
+  m_refusing = true;
+  if (!m_producer) {
+    return;
+  }
+  if (m_thread.joinable()) {
+    m_stop = true;
+    m_thread.join();
+  }
+  rd_kafka_flush(m_producer.get(), static_cast<int>(kLongestEnd.count()));
+  const std::uint64_t unacknowledged = m_unsent;
+  if (unacknowledged > 0) {
+    LogFacade::Warn(m_log,
+                    "%d events were not acknowledged; the cluster may have some of them or none.",
+                    unacknowledged);
+  }
+  rd_kafka_purge(m_producer.get(), RD_KAFKA_PURGE_F_QUEUE | RD_KAFKA_PURGE_F_INFLIGHT);
+  rd_kafka_flush(m_producer.get(), static_cast<int>(kLongestEnd.count()));
+  m_producer.reset();
+}
+
+}  // namespace
+
+bool IsKafkaAvailable() { return true; }
+
+bool IsReservedKafkaProperty(const std::string& name) {
+  return ReservedProperties().contains(name);
+}
+
+std::unique_ptr<Destination> MakeKafkaDestination(const KafkaDestinationOptions& options,
+                                                  const std::string& streamName) {
+  return std::make_unique<KafkaDestination>(options, streamName);
+}
+
+}  // namespace OrloAgent

@@ -1,0 +1,49 @@
+#pragma once
+
+#include <ace/Message_Block.h>
+
+#include <cstdint>
+#include <deque>
+#include <string_view>
+
+#include "WindowsAgentCommon/MessageBlockPtr.h"
+
+namespace OrloAgent {
+
+// Events that were handed to a producer and are not all acknowledged, oldest first. Their numbers
+// are consecutive. An event's bytes stay where they are until it leaves the window. No locking.
+class KafkaWindow {
+ public:
+  // The event's number.
+  std::uint64_t Add(WindowsAgentCommon::MessageBlockPtr event);
+
+  // Gives back the event that was added last, which the producer did not take.
+  WindowsAgentCommon::MessageBlockPtr TakeBackLast();
+
+  // The event with this number was acknowledged. Those that are acknowledged up to the oldest one
+  // that is not leave the window.
+  void Acknowledge(std::uint64_t number);
+
+  std::size_t GetUnacknowledged() const { return m_unacknowledged; }
+
+  // How many events it holds: the unacknowledged ones, and acknowledged ones that stand behind one
+  // of them.
+  std::size_t GetSize() const { return m_entries.size(); }
+  std::uint64_t GetFirst() const { return m_first; }
+  std::string_view GetMessage(std::uint64_t number) const;
+
+  // All of them count as unacknowledged again: they are to be sent once more, in order.
+  void Rewind();
+
+ private:
+  struct Entry {
+    WindowsAgentCommon::MessageBlockPtr event;
+    bool acknowledged = false;
+  };
+
+  std::deque<Entry> m_entries;
+  std::uint64_t m_first = 0;
+  std::size_t m_unacknowledged = 0;
+};
+
+}  // namespace OrloAgent
