@@ -24,8 +24,14 @@ constexpr std::size_t kAlignment = 16;
 // Free regions that stay for good.
 constexpr std::size_t kRegionsToKeep = 4;
 
-// How long a region is free at least before it is given back. Events come and go once in a chunking
-// period, and memory that the system has just handed out costs more than the rest of an event.
+// Free regions that are kept at most, 64 MB: what a busy stream uses in a chunking period. More
+// than that goes back at once, so that a large chunk's events make room for its bytes while it is
+// written.
+constexpr std::size_t kMostToKeep = 256;
+
+// How long a region within these bounds is free at least before it is given back. Events come and
+// go once in a chunking period, and memory that the system has just handed out costs more than the
+// rest of an event.
 constexpr std::chrono::seconds kTrimPeriod{30};
 
 struct Region;
@@ -81,6 +87,7 @@ class Regions {
 
   void GiveBack(Slab* slab) {
     bool isWhole = false;
+    Region* tooMuch = nullptr;
     {
       const std::lock_guard guard(m_lock);
       Region& region = *slab->region;
@@ -92,11 +99,18 @@ class Regions {
       if (region.freeSlabs != kAllSlabs) {
         // Regions in use are used first, so that others become free as a whole.
         LinkFirst(region);
-      } else {
+      } else if (m_whole < kMostToKeep) {
         ++m_whole;
         LinkLast(region);
         isWhole = true;
+      } else {
+        tooMuch = &region;
+        m_held.fetch_sub(kRegionSize, std::memory_order_relaxed);
       }
+    }
+    if (tooMuch != nullptr) {
+      ReleasePages(tooMuch->memory, kRegionSize);
+      delete tooMuch;
     }
     if (isWhole) {
       Trim(std::chrono::steady_clock::now());

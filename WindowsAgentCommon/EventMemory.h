@@ -14,10 +14,10 @@ namespace WindowsAgentCommon {
 // be taken again, by any thread. So a piece that lives on keeps its whole slab: this memory is for
 // what passes through, not for what stays.
 //
-// Slabs come in regions. What was free for half a minute goes back to the system, except for about
-// a megabyte: a steady flow, which fills memory and empties it once in a chunking period, does not
-// ask the system for it anew each time, and a burst does not keep it. Threads that do nothing keep
-// two slabs each busy at most.
+// Slabs come in regions. Of free regions 64 megabytes are kept, and of these what was not used for
+// half a minute goes back to the system as well, except for about a megabyte: a steady flow, which
+// fills memory and empties it once in a chunking period, does not ask the system for it anew each
+// time, and a burst does not keep it. Threads that do nothing keep two slabs each busy at most.
 //
 // Builds with AddressSanitizer take every piece from the heap instead (EventMemoryHeap.cpp), so
 // that the sanitizer sees each of them.
