@@ -2,14 +2,24 @@
 
 #include <benchmark/benchmark.h>
 
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
 #include <memory>
+#include <stdexcept>
+#include <string>
 #include <vector>
 
 #include "Platform/Windows.h"
 #include "StoreAndForward/EventCache.h"
 #include "StoreAndForward/Schedule.h"
+#include "StoreAndForward/StoreAndForwardStatisticsProfile.h"
 #include "WindowsAgentCommon/DiskManager.h"
 #include "WindowsAgentCommon/Statistics.h"
+#include "WindowsAgentCommon/Text.h"
 #include "benchmarks/Events.h"
 #include "benchmarks/ScratchDirectory.h"
 
@@ -41,6 +51,50 @@ void DuplicateAndReleaseEvent(benchmark::State& state) {
 }
 BENCHMARK(DuplicateAndReleaseEvent);
 
+// The look-up by which an update is measured: a statistic's name among those of its profile.
+void LookUpStatisticInMap(benchmark::State& state) {
+  static const std::map<std::string, std::int64_t> declared{
+      {"EventsIncoming", 7}, {"EventsOutgoing", 7}, {"NumberOfRequeues", 7}};
+  static const std::string name = "EventsOutgoing";
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(declared.find(name));
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(LookUpStatisticInMap);
+
+// A counter as the Outgoing thread counts with every event; each thread with a profile of its own.
+void CountEvent(benchmark::State& state) {
+  static const WindowsAgentCommon::ServiceRegistration registration(
+      WindowsAgentCommon::IStatisticsServer::GetServiceName(),
+      std::make_shared<WindowsAgentCommon::StatisticsServer>());
+  OrloStoreAndForward::StoreAndForwardOutgoingStatisticsProfile profile;
+  profile.Initialize();
+  for (auto _ : state) {
+    profile.UpdateEventsOutgoing(1, false);
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(CountEvent)->Threads(1)->Threads(8);
+
+// One profile for all threads, as when several sources post to one stage.
+void CountEventTogether(benchmark::State& state) {
+  static const WindowsAgentCommon::ServiceRegistration registration(
+      WindowsAgentCommon::IStatisticsServer::GetServiceName(),
+      std::make_shared<WindowsAgentCommon::StatisticsServer>());
+  static OrloStoreAndForward::StoreAndForwardStatisticsProfile& profile = [&]() -> auto& {
+    auto* const made = new OrloStoreAndForward::StoreAndForwardStatisticsProfile;
+    made->Initialize();
+    return *made;
+  }
+  ();
+  for (auto _ : state) {
+    profile.UpdateTotalEventsPosted(1, false);
+  }
+  state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(CountEventTogether)->Threads(1)->Threads(8);
+
 // With several threads: groups of their own, as the profiles of different streams have.
 void UpdateStatistic(benchmark::State& state) {
   static WindowsAgentCommon::StatisticsServer server;
@@ -56,37 +110,220 @@ void UpdateStatistic(benchmark::State& state) {
 }
 BENCHMARK(UpdateStatistic)->Threads(1)->Threads(2);
 
-// A chunk written to disk, read back and removed; per event. Making the events is not measured.
-void ChunkThroughTheCache(benchmark::State& state) {
-  const ScratchDirectory scratch;
-  const WindowsAgentCommon::ServiceRegistration registration(
-      WindowsAgentCommon::IDiskManager::GetServiceName(),
-      std::make_shared<WindowsAgentCommon::DiskManager>(
-          WindowsAgentCommon::DiskManagerOptions{scratch.WidePath(), 0, 0}));
-  std::shared_ptr<EventCache> cache;
-  if (OrloStoreAndForward::CreateEventCache(L"Benchmark", cache) != 0) {
-    state.SkipWithError("the cache directory can't be made");
-    return;
+// A cache on a directory of its own.
+class CacheBench {
+ public:
+  CacheBench()
+      : m_registration(WindowsAgentCommon::IDiskManager::GetServiceName(),
+                       std::make_shared<WindowsAgentCommon::DiskManager>(
+                           WindowsAgentCommon::DiskManagerOptions{m_scratch.WidePath(), 0, 0})) {
+    if (OrloStoreAndForward::CreateEventCache(L"Benchmark", m_cache) != 0) {
+      throw std::runtime_error("the cache directory can't be made");
+    }
   }
-  const auto events = static_cast<std::size_t>(state.range(0));
+
+  EventCache& Cache() { return *m_cache; }
+  const ScratchDirectory& Scratch() const { return m_scratch; }
+
+ private:
+  ScratchDirectory m_scratch;
+  WindowsAgentCommon::ServiceRegistration m_registration;
+  std::shared_ptr<EventCache> m_cache;
+};
+
+std::vector<ACE_Message_Block*> MakeChunk(std::size_t events, std::size_t payloadSize) {
   std::vector<ACE_Message_Block*> chunk;
   for (std::size_t number = 0; number < events; ++number) {
-    chunk.push_back(MakeEvent(number, kPayloadSize).release());
+    chunk.push_back(MakeEvent(number, payloadSize).release());
   }
-  // What comes back is what was pushed, so each chunk serves for the next round.
-  for (auto _ : state) {
-    if (!cache->Push(chunk) || !cache->Front(chunk)) {
-      state.SkipWithError("the cache refused a chunk");
-      break;
-    }
-    cache->Pop();
-  }
+  return chunk;
+}
+
+void ReleaseChunk(std::vector<ACE_Message_Block*>& chunk) {
   for (ACE_Message_Block* event : chunk) {
     event->release();
   }
-  state.SetItemsProcessed(state.iterations() * state.range(0));
+  chunk.clear();
 }
-BENCHMARK(ChunkThroughTheCache)->Arg(100)->Arg(10'000)->Unit(benchmark::kMillisecond);
+
+// About ten megabytes.
+std::size_t EventsOf(const benchmark::State& state) {
+  return 10'000'000 / static_cast<std::size_t>(state.range(0));
+}
+
+using ManualTimer = std::chrono::steady_clock;
+
+void SetTime(benchmark::State& state, ManualTimer::time_point start) {
+  state.SetIterationTime(std::chrono::duration<double>(ManualTimer::now() - start).count());
+}
+
+void PushChunk(benchmark::State& state) {
+  CacheBench bench;
+  for (auto _ : state) {
+    auto chunk = MakeChunk(EventsOf(state), static_cast<std::size_t>(state.range(0)));
+    const auto start = ManualTimer::now();
+    bench.Cache().Push(chunk);
+    SetTime(state, start);
+    bench.Cache().Pop();
+  }
+  state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(EventsOf(state)));
+}
+BENCHMARK(PushChunk)->Arg(200)->Arg(2000)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+void FrontOfCache(benchmark::State& state) {
+  CacheBench bench;
+  auto chunk = MakeChunk(EventsOf(state), static_cast<std::size_t>(state.range(0)));
+  bench.Cache().Push(chunk);
+  for (auto _ : state) {
+    const auto start = ManualTimer::now();
+    bench.Cache().Front(chunk);
+    SetTime(state, start);
+    ReleaseChunk(chunk);
+  }
+  state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(EventsOf(state)));
+}
+BENCHMARK(FrontOfCache)->Arg(200)->Arg(2000)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// What Push is measured by: the events' bytes copied one event after the other, and one write.
+void CopyAndWrite(benchmark::State& state) {
+  const ScratchDirectory scratch;
+  auto chunk = MakeChunk(EventsOf(state), static_cast<std::size_t>(state.range(0)));
+  const std::size_t size = kHeadSize + static_cast<std::size_t>(state.range(0));
+  std::vector<char> buffer(EventsOf(state) * size);
+  const auto path = scratch.Path() / "file";
+  for (auto _ : state) {
+    const auto start = ManualTimer::now();
+    char* at = buffer.data();
+    for (const ACE_Message_Block* event : chunk) {
+      for (const ACE_Message_Block* block = event; block != nullptr; block = block->cont()) {
+        std::memcpy(at, block->base(), block->length());
+        at += block->length();
+      }
+    }
+    std::FILE* const file = std::fopen(path.c_str(), "wb");
+    std::setvbuf(file, nullptr, _IONBF, 0);
+    std::fwrite(buffer.data(), buffer.size(), 1, file);
+    std::fclose(file);
+    SetTime(state, start);
+    std::filesystem::remove(path);
+  }
+  ReleaseChunk(chunk);
+  state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(EventsOf(state)));
+}
+BENCHMARK(CopyAndWrite)->Arg(200)->Arg(2000)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// What Front is measured by: one read, and the bytes copied into memory that is there already.
+void ReadAndCopy(benchmark::State& state) {
+  const ScratchDirectory scratch;
+  auto chunk = MakeChunk(EventsOf(state), static_cast<std::size_t>(state.range(0)));
+  const std::size_t size = kHeadSize + static_cast<std::size_t>(state.range(0));
+  std::vector<char> buffer(EventsOf(state) * size);
+  const auto path = scratch.Path() / "file";
+  std::FILE* const made = std::fopen(path.c_str(), "wb");
+  std::fwrite(buffer.data(), buffer.size(), 1, made);
+  std::fclose(made);
+  for (auto _ : state) {
+    const auto start = ManualTimer::now();
+    std::FILE* const file = std::fopen(path.c_str(), "rb");
+    std::setvbuf(file, nullptr, _IONBF, 0);
+    benchmark::DoNotOptimize(std::fread(buffer.data(), buffer.size(), 1, file));
+    std::fclose(file);
+    const char* at = buffer.data();
+    for (const ACE_Message_Block* event : chunk) {
+      for (const ACE_Message_Block* block = event; block != nullptr; block = block->cont()) {
+        std::memcpy(block->base(), at, block->length());
+        at += block->length();
+      }
+    }
+    SetTime(state, start);
+  }
+  ReleaseChunk(chunk);
+  state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(EventsOf(state)));
+}
+BENCHMARK(ReadAndCopy)->Arg(200)->Arg(2000)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// So many chunk files of one page, as an earlier run leaves them: sixty to a minute directory.
+void LeaveChunks(const std::filesystem::path& directory, std::int64_t count) {
+  const std::string page(4096, '\0');
+  for (std::int64_t number = 0; number < count; ++number) {
+    const std::int64_t minute = number / 60;
+    const auto folder = directory / WindowsAgentCommon::Format(
+                                        "2016-%02d-%02d-%02d-%02d", minute / 40320 + 1,
+                                        minute / 1440 % 28 + 1, minute / 60 % 24, minute % 60);
+    if (number % 60 == 0) {
+      std::filesystem::create_directories(folder);
+    }
+    std::ofstream(folder / WindowsAgentCommon::Format("%02d", number % 60)) << page;
+  }
+}
+
+// Per chunk: finding it at start, asking whether there is any, and removing it.
+void ScanEmptyAndPop(benchmark::State& state) {
+  CacheBench bench;
+  const auto directory = bench.Scratch().Path() / "Events" / "Benchmark";
+  const auto chunks = static_cast<std::uint64_t>(state.range(0));
+  double scan = 0;
+  double empty = 0;
+  double pop = 0;
+  const auto since = [](ManualTimer::time_point start) {
+    return std::chrono::duration<double>(ManualTimer::now() - start).count();
+  };
+  for (auto _ : state) {
+    LeaveChunks(directory, state.range(0));
+    std::shared_ptr<EventCache> cache;
+    auto start = ManualTimer::now();
+    OrloStoreAndForward::CreateEventCache(L"Benchmark", cache);
+    const double scanned = since(start);
+    scan += scanned;
+    start = ManualTimer::now();
+    for (std::uint64_t asked = 0; asked < chunks; ++asked) {
+      benchmark::DoNotOptimize(cache->Empty());
+    }
+    empty += since(start);
+    start = ManualTimer::now();
+    while (!cache->Empty()) {
+      cache->Pop();
+    }
+    pop += since(start);
+    state.SetIterationTime(scanned);
+  }
+  const double perChunk =
+      1e9 / static_cast<double>(chunks) / static_cast<double>(state.iterations());
+  state.counters["scan_ns"] = scan * perChunk;
+  state.counters["empty_ns"] = empty * perChunk;
+  state.counters["pop_ns"] = pop * perChunk;
+}
+BENCHMARK(ScanEmptyAndPop)
+    ->RangeMultiplier(10)
+    ->Range(10, 100'000)
+    ->UseManualTime()
+    ->Iterations(1)
+    ->Repetitions(1)  // to leave so many files takes far longer than to find them
+    ->Unit(benchmark::kMillisecond);
+
+// What a schedule's answer is measured by.
+void ReadClock(benchmark::State& state) {
+  for (auto _ : state) {
+    SYSTEMTIME now{};
+    GetSystemTime(&now);
+    benchmark::DoNotOptimize(now);
+  }
+}
+BENCHMARK(ReadClock);
+
+void AskScheduleAgain(benchmark::State& state) {
+  Schedule::Interval interval{};
+  TIME_ZONE_INFORMATION zone{};
+  if (!Schedule::ParseInterval("0800-1700;3E;Europe/Berlin", interval, &zone)) {
+    state.SkipWithError("the time zone is not known");
+    return;
+  }
+  Schedule schedule({interval}, zone, false);
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(schedule.IsSendingAllowed());
+  }
+}
+BENCHMARK(AskScheduleAgain);
 
 // With a clock that moves on by the evaluation period at every call, so that none is answered from
 // the last evaluation.

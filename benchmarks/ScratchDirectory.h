@@ -14,6 +14,7 @@ class ScratchDirectory {
   ScratchDirectory(const ScratchDirectory&) = delete;
   ScratchDirectory& operator=(const ScratchDirectory&) = delete;
 
+  const std::filesystem::path& Path() const { return m_path; }
   // With a separator at the end.
   const std::wstring& WidePath() const { return m_widePath; }
 

@@ -1,0 +1,140 @@
+#!/usr/bin/env python3
+"""Plays an outage with the agent and with other programs, in turns, and writes the figures down."""
+
+import argparse
+import collections
+import datetime
+import pathlib
+import platform
+import re
+import subprocess
+import sys
+import tempfile
+
+import report
+import scenario
+import systems
+
+SIZES = (50, 200, 1000, 4096, 16384, 65536)
+CONNECTIONS = (1, 4, 16, 64)
+
+
+def unpack(packages, folder):
+    """Debian packages into a folder, because two of the programs can't be installed together."""
+    folder.mkdir(parents=True, exist_ok=True)
+    if not any(folder.glob("usr/sbin/*")):
+        with tempfile.TemporaryDirectory() as downloads:
+            subprocess.run(["apt-get", "download", "-q", *packages], cwd=downloads, check=True,
+                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+            for package in pathlib.Path(downloads).glob("*.deb"):
+                subprocess.run(["dpkg", "-x", package, folder], check=True)
+    return folder
+
+
+def find_peers(folder):
+    """The programs that can be had, and what is to be said of the others."""
+    found, missing = [], []
+    for make, name, packages in (
+            (systems.Rsyslog, "rsyslog", ["rsyslog", "libestr0", "libfastjson4", "liblognorm5"]),
+            (systems.SyslogNg, "syslog-ng",
+             ["syslog-ng-core", "libivykis0", "libnet1", "libwrap0"])):
+        try:
+            found.append(make(unpack(packages, folder / name)))
+        except (subprocess.CalledProcessError, OSError) as error:
+            missing.append(f"{name} could not be had from the package archive ({error}).")
+    return found, missing
+
+
+def play(programs, rounds, events, size, missing):
+    """Rounds in turns, so that what else the machine does meets all alike."""
+    figures = collections.OrderedDict((program.name, []) for program in programs)
+    failed = collections.Counter()
+    for number in range(rounds):
+        for program in programs:
+            if failed[program.name] >= 2:
+                continue
+            try:
+                figures[program.name].append(scenario.run_round(program, events, size))
+                print(f"round {number + 1} {program.name}: {figures[program.name][-1]}",
+                      file=sys.stderr)
+            except scenario.Failed as error:
+                failed[program.name] += 1
+                missing.append(f"Round {number + 1} with {program.name} gave no figures: {error}.")
+                print(missing[-1], file=sys.stderr)
+    return figures
+
+
+def grow(ours, directory):
+    """Take-in and drain over sizes, connections and backlogs: a plot each."""
+    directory.mkdir(parents=True, exist_ok=True)
+
+    def measure(events, size, connections=1):
+        figures = scenario.run_round(ours, events, size, connections)
+        return figures["take_in_events_per_s"], figures["drain_events_per_s"]
+
+    for name, title, x_title, cases in (
+            ("sizes", "Events per second over event sizes", "bytes of an event",
+             [(size, (min(500_000, 100_000_000 // size), size, 1)) for size in SIZES]),
+            ("connections", "Events per second over connections (200 bytes)", "connections",
+             [(count, (500_000, 200, count)) for count in CONNECTIONS]),
+            ("backlogs", "Events per second over the events held (200 bytes)", "thousand events",
+             [(count // 1000, (count, 200, 1)) for count in (10_000, 100_000, 1_000_000)])):
+        series = {"taken in": [], "drained": []}
+        for x, arguments in cases:
+            taken, drained = measure(*arguments)
+            series["taken in"].append((x, taken))
+            series["drained"].append((x, drained))
+            print(f"{name} {x}: {taken:.0f} {drained:.0f}", file=sys.stderr)
+        report.svg(title, x_title, "events/s", series, directory / f"{name}.svg")
+
+
+def machine():
+    model = re.search(r"model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text())
+    memory = re.search(r"MemTotal:\s*(\d+)", pathlib.Path("/proc/meminfo").read_text())
+    with open("/proc/loadavg", encoding="ascii") as load:
+        busy = load.read().split()[0]
+    return (f"{model[1] if model else 'unknown processor'}, "
+            f"{len(re.findall('^processor', pathlib.Path('/proc/cpuinfo').read_text(), re.M))} "
+            f"processors, {int(memory[1]) // 1024} MB, {platform.system()} {platform.release()}; "
+            f"{datetime.date.today()}, load average {busy} at the end of the run")
+
+
+def replace(path, mark, text):
+    path.write_text(re.sub(rf"(<!-- {mark} -->\n).*?(<!-- end of {mark} -->)",
+                           lambda found: found[1] + text + "\n" + found[2], path.read_text(),
+                           flags=re.DOTALL))
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--agent", required=True)
+    parser.add_argument("--modules", required=True)
+    parser.add_argument("--cache", required=True, help="folder for unpacked packages")
+    parser.add_argument("--output", help="Markdown file whose marked tables are replaced")
+    parser.add_argument("--rounds", type=int, default=5)
+    parser.add_argument("--events", type=int, default=1_000_000)
+    parser.add_argument("--size", type=int, default=200)
+    parser.add_argument("--growth", action="store_true", help="the plots, in place of the rounds")
+    parser.add_argument("--peer-command", action="append", default=[], metavar="NAME=COMMAND",
+                        help="another program; {directory}, {in} and {out} are filled in")
+    options = parser.parse_args()
+
+    ours = systems.Orlo(*(str(pathlib.Path(path).resolve())
+                          for path in (options.agent, options.modules)))
+    output = pathlib.Path(options.output) if options.output else None
+    if options.growth:
+        grow(ours, (output.parent if output else pathlib.Path(".")) / "performance")
+        return
+    peers, missing = find_peers(pathlib.Path(options.cache).resolve())
+    peers += [systems.Command(text) for text in options.peer_command]
+    figures = play([ours, *peers], options.rounds, options.events, options.size, missing)
+    text = "\n\n".join([
+        f"{options.events:,} events of {options.size} bytes. {machine()}.",
+        report.table(figures), report.ratios(figures, ours.name, options.events), *missing])
+    print(text)
+    if output:
+        replace(output, "outage", text)
+
+
+if __name__ == "__main__":
+    main()
