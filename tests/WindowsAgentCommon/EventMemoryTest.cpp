@@ -15,15 +15,6 @@
 namespace WindowsAgentCommon {
 namespace {
 
-// Later with every call, by more than the time after which unused memory goes back.
-void GiveBackTwice() {
-  static auto now = std::chrono::steady_clock::now();
-  for (int time = 0; time < 2; ++time) {
-    now += std::chrono::minutes(1);
-    EventMemory::GiveBackUnused(now);
-  }
-}
-
 struct Piece {
   unsigned char* memory;
   std::size_t size;
@@ -157,6 +148,15 @@ TEST(EventMemoryTest, ADestructorAtTheEndOfAThreadMayUseIt) {
 }
 
 #ifdef ORLO_EVENT_MEMORY_IN_SLABS
+
+// Later with every call, by more than the time after which unused memory goes back.
+void GiveBackTwice() {
+  static auto now = std::chrono::steady_clock::now();
+  for (int time = 0; time < 2; ++time) {
+    now += std::chrono::minutes(1);
+    EventMemory::GiveBackUnused(now);
+  }
+}
 
 constexpr std::size_t kPieceSize = 500;
 constexpr std::size_t kBurst = 100'000;

@@ -17,10 +17,14 @@ import signal
 import socket
 import struct
 import subprocess
+import sys
 import tempfile
 import threading
 import time
 import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "soak"))
+from chunks import take_inventory  # noqa: E402
 
 AGENT = os.environ.get("ORLO_AGENT", "")
 MODULES = os.environ.get("ORLO_MODULES", "")
@@ -264,7 +268,11 @@ class AgentTest(unittest.TestCase):
 
     def chunks(self, stream="Default"):
         """Chunk files of the stream's cache, oldest first."""
-        return sorted((self.directory / "data" / "Events" / stream).glob("*/*"))
+        while True:
+            try:
+                return sorted((self.directory / "data" / "Events" / stream).glob("*/*"))
+            except FileNotFoundError:
+                pass  # a directory went away meanwhile
 
     def cached(self, stream="Default"):
         """How many events the chunk files say they hold."""
@@ -280,7 +288,11 @@ class AgentTest(unittest.TestCase):
         return total
 
     def wait_for_cached(self, count, stream="Default"):
-        wait_until(lambda: self.cached(stream) == count, f"{count} events in the cache")
+        """Until so many events are in the cache, and all of them are written."""
+        cache = self.directory / "data" / "Events" / stream
+        wait_until(lambda: self.cached(stream) == count
+                   and all(chunk.is_complete() for chunk in take_inventory(cache)),
+                   f"{count} events in the cache")
 
 
 SYSLOG_SOURCE = '{ type: syslog, listen: "tcp://127.0.0.1:0" }'

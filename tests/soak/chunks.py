@@ -50,9 +50,13 @@ def parse(data):
 
 def take_inventory(cache):
     """Every chunk file of the cache directory, in the order in which they will be read."""
-    files = sorted((path for path in cache.glob("*/*") if path.is_file()),
-                   key=lambda path: (path.parent.name, path.name))
-    return [Chunk(f"{path.parent.name}/{path.name}", path.read_bytes()) for path in files]
+    while True:
+        try:
+            files = sorted((path for path in cache.glob("*/*") if path.is_file()),
+                           key=lambda path: (path.parent.name, path.name))
+            return [Chunk(f"{path.parent.name}/{path.name}", path.read_bytes()) for path in files]
+        except FileNotFoundError:
+            pass  # a chunk or its directory went away meanwhile; the next look is without it
 
 
 def read_back(chunks):
