@@ -36,14 +36,16 @@ namespace {
 
 template <typename Watch>
 void Wait(const std::shared_ptr<Watch>& watch) {
-  watch->signals.async_wait([watch](const boost::system::error_code& error, int number) {
-    if (!error) {
-      watch->onSignal(
-          watch->IsReload(number) ? ProcessSignals::Request::Reload : ProcessSignals::Request::Stop,
-          "Signal " + std::to_string(number));
-      Wait(watch);
-    }
-  });
+  // A wait that owned what it waits with would keep itself alive.
+  watch->signals.async_wait(
+      [weak = std::weak_ptr<Watch>(watch)](const boost::system::error_code& error, int number) {
+        if (const auto held = weak.lock(); held && !error) {
+          held->onSignal(held->IsReload(number) ? ProcessSignals::Request::Reload
+                                                : ProcessSignals::Request::Stop,
+                         "Signal " + std::to_string(number));
+          Wait(held);
+        }
+      });
 }
 
 }  // namespace
@@ -53,9 +55,7 @@ ProcessSignals::ProcessSignals(boost::asio::io_context& context, OnSignal onSign
   Wait(m_watch);
 }
 
-ProcessSignals::~ProcessSignals() {
-  boost::system::error_code ignored;
-  m_watch->signals.clear(ignored);
-}
+// The set of signals cancels its wait when it goes.
+ProcessSignals::~ProcessSignals() = default;
 
 }  // namespace OrloAgent
