@@ -226,14 +226,19 @@ KafkaDestination::Offer KafkaDestination::OfferEvent(MessageBlockPtr& event) {
 // The library reads the message where it lies; it stays there until it is acknowledged.
 KafkaDestination::Offer KafkaDestination::Produce(rd_kafka_t* producer, std::uint64_t number) {
   const std::string_view message = m_window.GetMessage(number);
-  const rd_kafka_resp_err_t error = rd_kafka_producev(
-      producer, RD_KAFKA_V_TOPIC(m_options.topic.c_str()),
-      RD_KAFKA_V_KEY(m_key.data(), m_key.size()),
-      RD_KAFKA_V_VALUE(const_cast<char*>(message.data()), message.size()),
-      // The number travels as the pointer that comes back with the acknowledgement.
-      RD_KAFKA_V_OPAQUE(reinterpret_cast<void*>(static_cast<std::uintptr_t>(number))),
-      RD_KAFKA_V_MSGFLAGS(0), RD_KAFKA_V_END);
-  switch (error) {
+  std::array<rd_kafka_vu_t, 4> values{};
+  values[0].vtype = RD_KAFKA_VTYPE_TOPIC;
+  values[0].u.cstr = m_options.topic.c_str();
+  values[1].vtype = RD_KAFKA_VTYPE_KEY;
+  values[1].u.mem = {const_cast<char*>(m_key.data()), m_key.size()};
+  values[2].vtype = RD_KAFKA_VTYPE_VALUE;
+  values[2].u.mem = {const_cast<char*>(message.data()), message.size()};
+  // The number travels as the pointer that comes back with the acknowledgement.
+  values[3].vtype = RD_KAFKA_VTYPE_OPAQUE;
+  values[3].u.ptr = reinterpret_cast<void*>(static_cast<std::uintptr_t>(number));
+  const std::unique_ptr<rd_kafka_error_t, void (*)(rd_kafka_error_t*)> error(
+      rd_kafka_produceva(producer, values.data(), values.size()), &rd_kafka_error_destroy);
+  switch (rd_kafka_error_code(error.get())) {
     case RD_KAFKA_RESP_ERR_NO_ERROR:
       return Offer::Taken;
     case RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE:
