@@ -57,6 +57,7 @@ class Lane:
         self.directory = pathlib.Path(tempfile.mkdtemp(prefix="orlo-soak-"))
         self.cache = self.directory / "data" / "Events" / "Default"
         self.release = self.directory / "release"
+        self.reached = self.directory / "release.reached"
         self.ledger = Ledger()
         self.receiver = Receiver()
         self.refusal = Refusal()
@@ -106,6 +107,7 @@ class Lane:
                         f"ORLO_KILL_DELAY_MS={plan.delay_ms}"]
         if plan.received:
             self.release.unlink(missing_ok=True)
+            self.reached.unlink(missing_ok=True)
             command.append(f"ORLO_KILL_RELEASE={self.release}")
         command += [support.AGENT, "run", "--config", str(config), "--modules", support.MODULES]
         return support.Agent(config, self.directory, arguments=command)
@@ -151,6 +153,12 @@ class Lane:
         return Life(before=before, after=self.chunks(), sent=sent, received=self.receiver.take(),
                     handed=handed, handed_new=handed_new, pushed=pushed)
 
+    @staticmethod
+    def _handed_over(agent):
+        """How many events its cache has handed to the sender, as the agent's messages tell."""
+        return sum(int(found) for line in agent.messages()
+                   for found in re.findall(r"\(far\)\. \((\d+) records\)", line))
+
     def _feed(self, agent, plan):
         """Sends numbered events, if the plan says so, until the agent's time is over or it has
         died. Returns what was sent, whether it arrived or not."""
@@ -159,7 +167,8 @@ class Lane:
         connection = None
         try:
             while time.monotonic() < end and agent.process.poll() is None:
-                if plan.received and self.receiver.count() >= plan.received:
+                if plan.received and self.reached.exists() and self.receiver.count() >= max(
+                        plan.received, self._handed_over(agent)):
                     self.release.touch()
                 if plan.chunks and self._has_complete(plan.chunks):
                     break
