@@ -57,7 +57,8 @@ void UpdateCounter(WindowsAgentCommon::IStatisticsGroup* group, const DeclaredSt
                    const StatisticCounters& counters, const StatisticDeclaration& statistic,
                    std::int64_t amount, bool flag, const StatisticUpdateSite& site);
 
-// The same with the counter of the total at hand; null stands for a statistic that was not declared.
+// The same with the counter of the total at hand; null stands for a statistic that was not
+// declared.
 void UpdateCounter(WindowsAgentCommon::IStatisticsGroup* group, std::int64_t* counter,
                    const StatisticDeclaration& statistic, std::int64_t amount, bool flag,
                    const StatisticUpdateSite& site);
