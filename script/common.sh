@@ -49,5 +49,7 @@ start_wine() {
   mkfifo "$WINEPREFIX/idle"
   wine cmd < "$WINEPREFIX/idle" > /dev/null 2>&1 &
   exec 8> "$WINEPREFIX/idle"
+  # The server may have ended by itself, which -k calls a failure; the script's exit code is that of
+  # its last command and must not become this one.
   trap 'exec 8>&-; wineserver -k || true' EXIT
 }
