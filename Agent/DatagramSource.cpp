@@ -59,7 +59,7 @@ class DatagramSource::Server {
   void Wait();
   std::size_t Receive();
   void OnDatagram(const Datagram& datagram);
-  const EventHeaderTemplate& GetHeader(const udp::endpoint& peer);
+  const EventHeaderTemplate& GetHeader(const boost::asio::ip::address& sender);
   void LookForDropped();
   void NoteDropped();
   void End();
@@ -71,7 +71,7 @@ class DatagramSource::Server {
   udp::socket m_socket{m_context};
   DatagramReceiver m_receiver;
   boost::asio::steady_timer m_timer{m_context};
-  std::map<udp::endpoint, EventHeaderTemplate> m_headers;
+  std::map<boost::asio::ip::address, EventHeaderTemplate> m_headers;
   std::uint64_t m_receiveTime = 0;
 
   std::atomic<std::uint16_t> m_port{0};
@@ -146,20 +146,19 @@ void DatagramSource::Server::OnDatagram(const Datagram& datagram) {
                       boost::lexical_cast<std::string>(datagram.peer), m_options.maxEventSize);
     }
   }
-  m_poster.Post(GetHeader(datagram.peer), flags, m_receiveTime, datagram.bytes);
+  m_poster.Post(GetHeader(datagram.peer.address()), flags, m_receiveTime, datagram.bytes);
 }
 
-const EventHeaderTemplate& DatagramSource::Server::GetHeader(const udp::endpoint& peer) {
-  const auto found = m_headers.find(peer);
+const EventHeaderTemplate& DatagramSource::Server::GetHeader(
+    const boost::asio::ip::address& sender) {
+  const auto found = m_headers.find(sender);
   if (found != m_headers.end()) {
     return found->second;
   }
   if (m_headers.size() >= kMostSenders) {
     m_headers.clear();
   }
-  return m_headers
-      .emplace(peer, EventHeaderTemplate("udp:" + boost::lexical_cast<std::string>(peer)))
-      .first->second;
+  return m_headers.emplace(sender, EventHeaderTemplate(EventOrigin::Udp, sender)).first->second;
 }
 
 void DatagramSource::Server::LookForDropped() {

@@ -16,7 +16,7 @@ FollowedFile::FollowedFile(std::unique_ptr<InputFile> file, std::filesystem::pat
       m_maxEventSize(maxEventSize),
       m_poster(poster),
       m_log(log),
-      m_header("file:" + ToText(m_path)),
+      m_header(EventOrigin::File, ToText(m_path)),
       m_position(m_record.GetPosition()),
       m_lastChange(Clock::now()) {}
 

@@ -28,7 +28,7 @@ class LinePoster : public IFrameSink {
 
  private:
   EventPoster& m_poster;
-  const EventHeaderTemplate m_header{"stdin"};
+  const EventHeaderTemplate m_header{EventOrigin::Stdin, std::string_view()};
   std::uint64_t m_time = 0;
 };
 

@@ -2,6 +2,7 @@
 
 #include <boost/asio/buffer.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/lexical_cast.hpp>
 
 #include "Agent/ReceiveTime.h"
 
@@ -20,12 +21,13 @@ void CountOne(std::atomic<std::uint64_t>& counter) {
 
 }  // namespace
 
-SyslogConnection::SyslogConnection(boost::asio::ip::tcp::socket socket, std::string peer,
+SyslogConnection::SyslogConnection(boost::asio::ip::tcp::socket socket,
+                                   const boost::asio::ip::tcp::endpoint& peer,
                                    SyslogConnectionContext& context, const TlsContext* tls)
     : m_socket(std::move(socket)),
       m_tls(tls == nullptr ? nullptr : std::make_unique<TlsSession>(*tls, m_socket)),
-      m_peer(std::move(peer)),
-      m_header((tls == nullptr ? "tcp:" : "tls:") + m_peer),
+      m_peer(boost::lexical_cast<std::string>(peer)),
+      m_header(tls == nullptr ? EventOrigin::Tcp : EventOrigin::Tls, peer.address()),
       m_context(context),
       m_reader(context.framing),
       m_lastActivity(std::chrono::steady_clock::now()) {}

@@ -32,9 +32,9 @@ struct SyslogConnectionContext {
 // server's thread.
 class SyslogConnection : public std::enable_shared_from_this<SyslogConnection>, private IFrameSink {
  public:
-  // The context outlives the connection. `peer` is for messages and for the events' source text.
+  // The context outlives the connection.
   // With `tls` the connection is to be secured before anything is read; without, it is plain.
-  SyslogConnection(boost::asio::ip::tcp::socket socket, std::string peer,
+  SyslogConnection(boost::asio::ip::tcp::socket socket, const boost::asio::ip::tcp::endpoint& peer,
                    SyslogConnectionContext& context, const TlsContext* tls);
 
   // Waits for input, posts it, and goes on until the connection ends; then calls `onEnd`.

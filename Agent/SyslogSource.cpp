@@ -4,7 +4,6 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <boost/lexical_cast.hpp>
 #include <thread>
 #include <unordered_set>
 
@@ -214,8 +213,7 @@ void SyslogSource::Server::Admit(tcp::socket socket) {
   socket.set_option(tcp::socket::keep_alive(true), error);
   std::shared_ptr<SyslogConnection> connection;
   try {
-    connection = std::make_shared<SyslogConnection>(
-        std::move(socket), boost::lexical_cast<std::string>(peer), m_shared, m_tls.get());
+    connection = std::make_shared<SyslogConnection>(std::move(socket), peer, m_shared, m_tls.get());
   } catch (const TlsError& tlsError) {
     ++m_shared.failedHandshakes;
     LogFacade::Warn(m_log, "A connection can't be secured, and is closed: %s.",

@@ -21,7 +21,7 @@ using TestSupport::WaitUntil;
 constexpr int kBackpressure = 0x40000000;
 
 std::string Head(std::uint8_t flags) {
-  const OrloAgent::EventHeaderTemplate header("test");
+  const OrloAgent::EventHeaderTemplate header(OrloAgent::EventOrigin::Text, "test");
   std::string bytes(header.GetSize(), '\0');
   header.Write(bytes.data(), flags, 0);
   return bytes;
