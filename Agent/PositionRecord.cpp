@@ -166,8 +166,11 @@ void PositionRecord::SetFingerprint(const Fingerprint& fingerprint) {
 }
 
 void PositionRecord::Remove() {
+  const std::filesystem::path record = m_mapping->record;
+  // Windows does not remove a file that is mapped.
+  m_mapping.reset();
   std::error_code ignored;
-  std::filesystem::remove(m_mapping->record, ignored);
+  std::filesystem::remove(record, ignored);
 }
 
 }  // namespace OrloAgent

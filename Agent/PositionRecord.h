@@ -71,7 +71,7 @@ class PositionRecord {
   void SetPosition(std::uint64_t position);
   void SetFingerprint(const Fingerprint& fingerprint);
 
-  // The followed file is of no more interest.
+  // The followed file is of no more interest. The object is of no use afterwards.
   void Remove();
 
  private:

@@ -87,6 +87,9 @@ ProcessSignals::~ProcessSignals() {
   const std::lock_guard guard(Watch::lock);
   Watch::current = nullptr;
   boost::system::error_code ignored;
+  // The wait first: of one whose signals are gone nothing is heard any more, and the context's
+  // destructor waits for it.
+  m_watch->raised.cancel(ignored);
   m_watch->raised.clear(ignored);
 }
 

@@ -35,7 +35,7 @@ class FileChannelTest : public testing::Test {
 };
 
 TEST_F(FileChannelTest, AppendsToWhatIsThere) {
-  std::ofstream(m_path) << "before\n";
+  std::ofstream(m_path, std::ios::binary) << "before\n";
   const auto channel = MakeFileChannel(m_path.string(), "S");
   ASSERT_EQ(channel->Prepare(true), IChannel::Readiness::Ready);
   Write(*channel, "after\n");

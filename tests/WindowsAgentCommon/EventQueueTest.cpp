@@ -81,7 +81,8 @@ TEST(EventQueueTest, AnEmptyQueueTimesOutAlsoAfterABurst) {
   ACE_Message_Block* taken = nullptr;
   EXPECT_EQ(queue.dequeue_head(taken, &deadline), -1);
   EXPECT_EQ(errno, EWOULDBLOCK);
-  EXPECT_GE(ACE_OS::gettimeofday(), deadline);
+  // Windows waits for whole milliseconds and may be one early.
+  EXPECT_GT(ACE_OS::gettimeofday(), deadline - ACE_Time_Value(0, 2'000));
 }
 
 TEST(EventQueueTest, ADeadlineThatHasPassedTakesWhatIsThere) {

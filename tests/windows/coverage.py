@@ -33,7 +33,7 @@ def in_sources(directory):
 
 
 def in_program(program):
-    """The cases, each by the name that its source has; one with parameters comes several times."""
+    """The cases as pairs of the name that the source has and that name with the parameter."""
     run = subprocess.run(["wine", program, "--gtest_list_tests"], capture_output=True, text=True)
     if run.returncode != 0:
         sys.exit(f"{program} does not list its tests:\n{run.stderr}")
@@ -43,7 +43,9 @@ def in_program(program):
         if not line.startswith(" ") and line.split("#")[0].strip().endswith("."):
             suite = line.split("#")[0].strip()[:-1].split("/")[-1]
         elif line.startswith("  "):
-            cases.append(f"{suite}.{line.split('#')[0].strip().split('/')[0]}")
+            # The parameter of a case is its number where it has no name.
+            case = f"{suite}.{line.split('#')[0].strip()}"
+            cases.append((case.split("/")[0], case))
     return cases
 
 
@@ -55,17 +57,18 @@ def main():
     sources = set().union(*(in_sources(directory) for _, directory in programs))
     cases = [case for program, _ in programs for case in in_program(program)]
 
-    failures = [f"listed, but there is no such test: {name}" for name in sorted(listed.keys() - sources)]
+    known = sources | {case for _, case in cases}
+    failures = [f"listed, but there is no such test: {name}" for name in sorted(listed.keys() - known)]
     failures += [
         f"neither run on Windows nor listed: {name}"
-        for name in sorted(sources - set(cases) - listed.keys())
+        for name in sorted(sources - {name for name, _ in cases} - listed.keys())
     ]
-    left_out = sum(case in listed for case in cases)
-    absent = len(listed.keys() - set(cases))
-    print(f"tests on Windows: {len(cases) - left_out} run, {left_out + absent} are listed as not for"
-          " Windows:")
+    # A listed test that is not in the programs counts as one case.
+    left_out = {name: max(1, sum(name in case for case in cases)) for name in listed}
+    run = sum(not listed.keys() & set(case) for case in cases)
+    print(f"tests on Windows: {run} run, {sum(left_out.values())} are listed as not for Windows:")
     for name, reason in listed.items():
-        print(f"  {name} ({max(1, cases.count(name))}): {reason}")
+        print(f"  {name} ({left_out[name]}): {reason}")
     if failures:
         sys.exit("\n".join(failures))
 
