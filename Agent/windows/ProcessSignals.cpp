@@ -78,12 +78,14 @@ ProcessSignals::ProcessSignals(boost::asio::io_context& context, OnSignal onSign
   }
   // A process that was started in a group of its own ignores Ctrl+C until it says otherwise.
   SetConsoleCtrlHandler(nullptr, FALSE);
-  SetConsoleCtrlHandler(&Watch::OnControl, TRUE);
+  // Stays for good: without an object it leaves all to the system, and to take it away would wait
+  // for the handler, which does not return when the console is closed.
+  static const BOOL bRegistered = SetConsoleCtrlHandler(&Watch::OnControl, TRUE);
+  static_cast<void>(bRegistered);
   m_watch->WaitForRaised();
 }
 
 ProcessSignals::~ProcessSignals() {
-  SetConsoleCtrlHandler(&Watch::OnControl, FALSE);
   const std::lock_guard guard(Watch::lock);
   Watch::current = nullptr;
   boost::system::error_code ignored;
