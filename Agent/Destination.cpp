@@ -4,6 +4,7 @@
 #include "Agent/DatagramDestination.h"
 #include "Agent/FileChannel.h"
 #include "Agent/KafkaDestination.h"
+#include "Agent/RelpDestination.h"
 #include "Agent/StdoutChannel.h"
 #include "Agent/TcpChannel.h"
 
@@ -34,6 +35,9 @@ std::unique_ptr<Destination> MakeDestination(const DestinationOptions& options,
   }
   if (const auto* kafka = std::get_if<KafkaDestinationOptions>(&options)) {
     return MakeKafkaDestination(*kafka, streamName);
+  }
+  if (const auto* relp = std::get_if<RelpDestinationOptions>(&options)) {
+    return MakeRelpDestination(*relp, streamName);
   }
   BufferedWriterOptions writer;
   if (const auto* file = std::get_if<FileDestinationOptions>(&options)) {

@@ -13,6 +13,7 @@ namespace {
 
 using std::chrono::hours;
 using std::chrono::milliseconds;
+using std::chrono::seconds;
 
 constexpr std::uint64_t kSmallestEvent = 64;
 constexpr std::uint64_t kLargestEvent = 16 * 1024 * 1024;
@@ -258,6 +259,35 @@ KafkaDestinationOptions ReadKafkaDestination(MapReader& map, ValueReader& reader
   return options;
 }
 
+RelpDestinationOptions ReadRelpDestination(MapReader& map, ValueReader& reader) {
+  RelpDestinationOptions options;
+  const auto target = map.Require("target");
+  const bool isKnown = target && ReadEndpoint(*target, false, reader, options.target);
+  if (const auto tls = map.Find("tls")) {
+    ReadTlsClient(*tls, reader, options.tls);
+  }
+  if (const auto window = map.Find("window")) {
+    reader.ReadCount(*window, 1, 1'000'000, options.window);
+  }
+  if (const auto timeout = map.Find("connect_timeout")) {
+    reader.ReadDuration(*timeout, milliseconds(1), hours(1), options.connectTimeout);
+  }
+  if (const auto timeout = map.Find("ack_timeout")) {
+    reader.ReadDuration(*timeout, milliseconds(0), hours(1), options.ackTimeout);
+    if (options.ackTimeout.count() > 0 && options.ackTimeout < seconds(1)) {
+      reader.Note(*timeout, "is shorter than a second, and not 0");
+    }
+  }
+  ReadSendTimeout(map, reader, options.sendTimeout);
+  if (isKnown && options.target.transport == Transport::Udp) {
+    reader.Note(*target, "is no address for RELP, which needs tcp:// or tls://");
+  }
+  if (isKnown && options.target.transport != Transport::Tls) {
+    RefuseForTransport(map, reader, "tls", options.target);
+  }
+  return options;
+}
+
 }  // namespace
 
 void ReadSource(const ConfigurationEntry& entry, ValueReader& reader, SharedEnds& shared,
@@ -294,7 +324,7 @@ void ReadSource(const ConfigurationEntry& entry, ValueReader& reader, SharedEnds
 void ReadDestination(const ConfigurationEntry& entry, ValueReader& reader, SharedEnds& shared,
                      DestinationOptions& destination) {
   MapReader map(entry, reader);
-  const auto type = ReadType(map, reader, {"stdout", "file", "syslog", "kafka"});
+  const auto type = ReadType(map, reader, {"stdout", "file", "syslog", "kafka", "relp"});
   if (!type) {
     return;
   }
@@ -319,6 +349,8 @@ void ReadDestination(const ConfigurationEntry& entry, ValueReader& reader, Share
       reader.Note(entry, "can't be used: this program was built without Kafka");
     }
     destination = ReadKafkaDestination(map, reader);
+  } else if (*type == "relp") {
+    destination = ReadRelpDestination(map, reader);
   } else {
     destination = ReadSyslogDestination(map, reader);
   }

@@ -10,11 +10,10 @@
 #include <set>
 #include <thread>
 
-#include "Agent/KafkaWindow.h"
+#include "Agent/EventWindow.h"
 #include "OrloStream/Status.h"
 #include "WindowsAgentCommon/Exceptions.h"
 #include "WindowsAgentCommon/Logging.h"
-#include "WindowsAgentCommon/MessageBlocks.h"
 
 namespace OrloAgent {
 
@@ -49,17 +48,6 @@ const std::set<std::string>& ReservedProperties() {
   return names;
 }
 
-// One block of exactly the payload's bytes; null when there is no memory.
-MessageBlockPtr Join(const ACE_Message_Block& payload) {
-  ACE_Message_Block* made = nullptr;
-  WindowsAgentCommon::CreateDataMessageBlock(payload.total_length(), made);
-  MessageBlockPtr joined(made);
-  for (const ACE_Message_Block* part = &payload; joined && part != nullptr; part = part->cont()) {
-    joined->copy(part->rd_ptr(), part->length());
-  }
-  return joined;
-}
-
 class KafkaDestination : public Destination {
  public:
   KafkaDestination(const KafkaDestinationOptions& options, const std::string& streamName);
@@ -91,7 +79,7 @@ class KafkaDestination : public Destination {
 
   std::mutex m_lock;
   std::condition_variable m_room;
-  KafkaWindow m_window;
+  EventWindow m_window;
   // Null while one that has failed is being replaced.
   Producer m_producer;
   bool m_broken = false;
@@ -176,13 +164,8 @@ void KafkaDestination::Initialize(const WindowsAgentCommon::EnvironmentBlock&) {
 int KafkaDestination::put(ACE_Message_Block* block, ACE_Time_Value*) {
   MessageBlockPtr event(block);
   const int backpressure = OrloStream::Status(OrloStream::Status::kBackpressure).ToInt();
-  if (event->cont() != nullptr && event->cont()->cont() != nullptr) {
-    MessageBlockPtr joined = Join(*event->cont());
-    if (!joined) {
-      return backpressure;
-    }
-    MessageBlockPtr(event->cont()).reset();
-    event->cont(joined.release());
+  if (!JoinPayload(*event)) {
+    return backpressure;
   }
   const std::size_t size = event->cont() == nullptr ? 0 : event->cont()->length();
   const auto deadline = steady_clock::now() + m_options.sendTimeout;

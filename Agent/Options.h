@@ -216,8 +216,32 @@ struct KafkaDestinationOptions {
   std::map<std::string, std::string> properties;
 };
 
-using DestinationOptions = std::variant<StdoutDestinationOptions, FileDestinationOptions,
-                                        SyslogDestinationOptions, KafkaDestinationOptions>;
+// A receiver of RELP, which acknowledges every event.
+struct RelpDestinationOptions {
+  // tcp:// or tls://.
+  Endpoint target;
+
+  // For tls:// only.
+  TlsClientOptions tls;
+
+  // How many events may be under way without having been acknowledged. 1 to 1,000,000.
+  std::size_t window = 1'000;
+
+  // How long one event may wait for room in the window before the stage holds it. 1 ms to 1 h.
+  std::chrono::milliseconds sendTimeout{5'000};
+
+  // How long one attempt to connect, the look-up of the name included, may take, and then how long
+  // the receiver's consent to the session. 1 ms to 1 h.
+  std::chrono::milliseconds connectTimeout{5'000};
+
+  // A receiver that acknowledges nothing for so long, though something is under way, is connected
+  // to anew and gets it again. 1 s to 1 h; 0: it may take for ever.
+  std::chrono::milliseconds ackTimeout{60'000};
+};
+
+using DestinationOptions =
+    std::variant<StdoutDestinationOptions, FileDestinationOptions, SyslogDestinationOptions,
+                 KafkaDestinationOptions, RelpDestinationOptions>;
 
 // One chain of sources, stages and a destination.
 struct StreamOptions {

@@ -100,6 +100,21 @@ void CheckDestination(const KafkaDestinationOptions& destination) {
   Require(destination.window >= 1 && destination.window <= 1'000'000, "the window is in range");
 }
 
+void CheckDestination(const RelpDestinationOptions& destination) {
+  Require(IsIn(destination.sendTimeout, milliseconds(1), hours(1)), "the send timeout is in range");
+  Require(IsIn(destination.connectTimeout, milliseconds(1), hours(1)),
+          "the connect timeout is in range");
+  Require(destination.ackTimeout.count() == 0 ||
+              IsIn(destination.ackTimeout, milliseconds(1000), hours(1)),
+          "the time for acknowledgements is in range");
+  Require(destination.window >= 1 && destination.window <= 1'000'000, "the window is in range");
+  Require(!destination.target.host.empty() && destination.target.port != 0 &&
+              destination.target.transport != Transport::Udp,
+          "a target has a host, a port and a connection");
+  Require(destination.tls.certificate.empty() == destination.tls.key.empty(),
+          "a client's certificate and key stand together");
+}
+
 void CheckName(const std::string& name) {
   Require(!name.empty() && name.size() <= 255 && name != "." && name != ".." &&
               !HasControlCharacter(name) && name.find_first_of("/\\") == name.npos,

@@ -9,7 +9,6 @@ import platform
 import re
 import subprocess
 import sys
-import tempfile
 
 import report
 import scenario
@@ -19,29 +18,14 @@ SIZES = (50, 200, 1000, 4096, 16384, 65536)
 CONNECTIONS = (1, 4, 16, 64)
 
 
-def unpack(packages, folder):
-    """Debian packages into a folder, because two of the programs can't be installed together."""
-    folder.mkdir(parents=True, exist_ok=True)
-    if not any(folder.glob("usr/sbin/*")):
-        with tempfile.TemporaryDirectory() as downloads:
-            subprocess.run(["apt-get", "download", "-q", *packages], cwd=downloads, check=True,
-                           stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-            for package in pathlib.Path(downloads).glob("*.deb"):
-                subprocess.run(["dpkg", "-x", package, folder], check=True)
-    return folder
-
-
-def find_peers(folder):
+def find_peers():
     """The programs that can be had, and what is to be said of the others."""
     found, missing = [], []
-    for make, name, packages in (
-            (systems.Rsyslog, "rsyslog", ["rsyslog", "libestr0", "libfastjson4", "liblognorm5"]),
-            (systems.SyslogNg, "syslog-ng",
-             ["syslog-ng-core", "libivykis0", "libnet1", "libwrap0"])):
+    for make in (systems.Rsyslog, systems.SyslogNg):
         try:
-            found.append(make(unpack(packages, folder / name)))
+            found.append(make())
         except (subprocess.CalledProcessError, OSError) as error:
-            missing.append(f"{name} could not be had from the package archive ({error}).")
+            missing.append(f"{make.name} is missing: {error}.")
     return found, missing
 
 
@@ -109,7 +93,6 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--agent", required=True)
     parser.add_argument("--modules", required=True)
-    parser.add_argument("--cache", required=True, help="folder for unpacked packages")
     parser.add_argument("--output", help="Markdown file whose marked tables are replaced")
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--events", type=int, default=1_000_000)
@@ -125,7 +108,7 @@ def main():
     if options.growth:
         grow(ours, (output.parent if output else pathlib.Path(".")) / "performance")
         return
-    peers, missing = find_peers(pathlib.Path(options.cache).resolve())
+    peers, missing = find_peers()
     peers += [systems.Command(text) for text in options.peer_command]
     figures = play([ours, *peers], options.rounds, options.events, options.size, missing)
     text = "\n\n".join([

@@ -4,8 +4,12 @@ import pathlib
 import re
 import shlex
 import struct
+import sys
 
 from scenario import Process, wait_until
+
+sys.path.append(str(pathlib.Path(__file__).resolve().parents[2] / "tests" / "peers"))
+import peers  # noqa: E402
 
 CONFIG = pathlib.Path(__file__).parent / "config"
 
@@ -64,37 +68,25 @@ class Orlo(System):
 class Rsyslog(System):
     name = "rsyslog"
 
-    def __init__(self, root):
-        self.root = pathlib.Path(root)
+    def __init__(self):
+        self.root = peers.unpack(self.name)
 
     def start(self, directory, inward, outward):
         config = write_config("rsyslog.conf", directory, inward, outward)
-        return Process([self.root / "usr/sbin/rsyslogd", "-n", "-f", config, "-i",
-                        directory / "pid", "-M",
-                        self.root / "usr/lib/x86_64-linux-gnu/rsyslog"],
-                       directory, {"LD_LIBRARY_PATH": libraries_of(self.root)})
+        return Process(peers.rsyslog_command(self.root, config, directory), directory,
+                       {"LD_LIBRARY_PATH": peers.libraries_of(self.root)})
 
 
 class SyslogNg(System):
     name = "syslog-ng"
 
-    def __init__(self, root):
-        self.root = pathlib.Path(root)
+    def __init__(self):
+        self.root = peers.unpack(self.name)
 
     def start(self, directory, inward, outward):
         config = write_config("syslog-ng.conf", directory, inward, outward)
-        modules = self.root / "usr/lib/syslog-ng/3.38"
-        return Process([self.root / "usr/sbin/syslog-ng", "-F", "-f", config,
-                        "-R", directory / "persist", "-p", directory / "pid",
-                        "-c", directory / "control", "--module-path", modules,
-                        "--no-caps"],
-                       directory, {"LD_LIBRARY_PATH": libraries_of(self.root)})
-
-
-def libraries_of(root):
-    folders = [root / "usr/lib/x86_64-linux-gnu", root / "usr/lib/syslog-ng",
-               root / "lib/x86_64-linux-gnu"]
-    return ":".join(str(folder) for folder in folders if folder.exists())
+        return Process(peers.syslog_ng_command(self.root, config, directory), directory,
+                       {"LD_LIBRARY_PATH": peers.libraries_of(self.root)})
 
 
 class Command(System):

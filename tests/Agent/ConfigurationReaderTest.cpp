@@ -229,6 +229,38 @@ streams:
   EXPECT_EQ(two.window, 10'000u);
 }
 
+TEST(Configuration, EveryKeyOfRelpIsRead) {
+  const Configuration configuration = ParseConfiguration(R"(
+streams:
+  - name: One
+    source: { type: stdin }
+    stages: [ { module: StoreAndForwardStage } ]
+    destination: { type: relp, target: "tls://h:1", tls: { ca: c, certificate: d, key: k, server_name: n }, window: 7, send_timeout: 2s, connect_timeout: 3s, ack_timeout: 4s }
+  - name: Two
+    source: { type: syslog, listen: "tcp://h:0" }
+    stages: [ { module: StoreAndForwardStage } ]
+    destination: { type: relp, target: "tcp://h:1", ack_timeout: 0 }
+)");
+  ASSERT_TRUE(configuration.mistakes.empty()) << ToText(configuration.mistakes[0], "f");
+  const auto& one =
+      std::get<OrloAgent::RelpDestinationOptions>(configuration.options.streams[0].destination);
+  EXPECT_EQ(one.target.host, "h");
+  EXPECT_EQ(one.target.port, 1);
+  EXPECT_EQ(one.target.transport, OrloAgent::Transport::Tls);
+  EXPECT_EQ(one.tls.ca, "c");
+  EXPECT_EQ(one.tls.certificate, "d");
+  EXPECT_EQ(one.tls.key, "k");
+  EXPECT_EQ(one.tls.serverName, "n");
+  EXPECT_EQ(one.window, 7u);
+  EXPECT_EQ(one.sendTimeout, milliseconds(2'000));
+  EXPECT_EQ(one.connectTimeout, milliseconds(3'000));
+  EXPECT_EQ(one.ackTimeout, milliseconds(4'000));
+  const auto& two =
+      std::get<OrloAgent::RelpDestinationOptions>(configuration.options.streams[1].destination);
+  EXPECT_EQ(two.window, 1'000u);
+  EXPECT_EQ(two.ackTimeout, milliseconds(0));
+}
+
 struct Wrong {
   const char* name;
   std::string text;
@@ -422,6 +454,18 @@ std::vector<Wrong> StreamCases() {
        WithDestination("{ type: kafka, brokers: b, topic: t, properties: { acks: 1 } }"),
        {"f:5: streams[0].destination.properties.acks: is set by the agent: its guarantees rest on "
         "it"}},
+      {"RelpWithoutATarget",
+       WithDestination("{ type: relp, window: 0, ack_timeout: 10ms, framing: newline }"),
+       {"f:5: streams[0].destination.target: is missing",
+        "f:5: streams[0].destination.window: \"0\" is not a whole number from 1 to "
+        "1000000",
+        "f:5: streams[0].destination.ack_timeout: is shorter than a second, and not 0",
+        "f:5: streams[0].destination.framing: is not known here; known are: type, target, tls, "
+        "window, connect_timeout, ack_timeout, send_timeout"}},
+      {"RelpOverDatagrams",
+       WithDestination("{ type: relp, target: \"udp://h:1\", tls: { ca: c } }"),
+       {"f:5: streams[0].destination.target: is no address for RELP, which needs tcp:// or tls://",
+        "f:5: streams[0].destination.tls: has no meaning for udp://h:1"}},
       {"TlsWithoutCertificate",
        WithSource("{ type: syslog, listen: \"tls://h:0\" }"),
        {"f:3: streams[0].source.listen: needs \"tls\" beside it, with the server's certificate and "
@@ -503,7 +547,7 @@ std::vector<Wrong> StreamCases() {
       {"DestinationTypeUnknown",
        WithDestination("{ type: mail }"),
        {"f:5: streams[0].destination.type: \"mail\" is not known; known are: stdout, file, "
-        "syslog, kafka"}},
+        "syslog, kafka, relp"}},
       {"TargetPortZero",
        WithDestination("{ type: syslog, target: \"tcp://h:0\" }"),
        {"f:5: streams[0].destination.target: \"tcp://h:0\" has a port out of range: 0 is not 1 to "

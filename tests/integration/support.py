@@ -54,10 +54,12 @@ def wait_until(condition, what, limit=LIMIT):
 
 class RefusingPort:
     """A port that is taken and on which nobody listens: connections to it are refused, until a
-    receiver opens it. A port that was merely free could become another test's in the meantime."""
+    receiver opens it. A port that was merely free could become another test's in the meantime. A
+    program that takes its port with SO_REUSEADDR can listen there as well."""
 
     def __init__(self):
         self._socket = socket.socket()
+        self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         self._socket.bind(("127.0.0.1", 0))
         self.number = self._socket.getsockname()[1]
 

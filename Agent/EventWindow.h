@@ -10,14 +10,18 @@
 
 namespace OrloAgent {
 
-// Events that were handed to a producer and are not all acknowledged, oldest first. Their numbers
-// are consecutive. An event's bytes stay where they are until it leaves the window. No locking.
-class KafkaWindow {
+// Makes the event's payload one block, as a message in one piece needs it. False when there is no
+// memory; the event is then as it was.
+bool JoinPayload(ACE_Message_Block& event);
+
+// Events that a receiver has not all acknowledged, oldest first. Their numbers are consecutive. An
+// event's bytes stay where they are until it leaves the window. No locking.
+class EventWindow {
  public:
   // The event's number.
   std::uint64_t Add(WindowsAgentCommon::MessageBlockPtr event);
 
-  // Gives back the event that was added last, which the producer did not take.
+  // Gives back the event that was added last, which was not sent.
   WindowsAgentCommon::MessageBlockPtr TakeBackLast();
 
   // The event with this number was acknowledged. Those that are acknowledged up to the oldest one

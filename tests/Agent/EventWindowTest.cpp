@@ -1,4 +1,4 @@
-#include "Agent/KafkaWindow.h"
+#include "Agent/EventWindow.h"
 
 #include <gtest/gtest.h>
 
@@ -6,15 +6,15 @@
 
 namespace {
 
-using OrloAgent::KafkaWindow;
+using OrloAgent::EventWindow;
 using WindowsAgentCommon::MessageBlockPtr;
 
 MessageBlockPtr Event(const std::string& payload) {
   return MessageBlockPtr(TestSupport::MakeEvent("head", payload));
 }
 
-TEST(KafkaWindow, EventsLeaveWhenAllBeforeThemAreAcknowledged) {
-  KafkaWindow window;
+TEST(EventWindow, EventsLeaveWhenAllBeforeThemAreAcknowledged) {
+  EventWindow window;
   EXPECT_EQ(window.Add(Event("a")), 0u);
   EXPECT_EQ(window.Add(Event("b")), 1u);
   EXPECT_EQ(window.Add(Event("c")), 2u);
@@ -32,8 +32,8 @@ TEST(KafkaWindow, EventsLeaveWhenAllBeforeThemAreAcknowledged) {
   EXPECT_EQ(window.Add(Event("d")), 3u);
 }
 
-TEST(KafkaWindow, AcknowledgementsThatComeTwiceOrTooLateChangeNothing) {
-  KafkaWindow window;
+TEST(EventWindow, AcknowledgementsThatComeTwiceOrTooLateChangeNothing) {
+  EventWindow window;
   window.Add(Event("a"));
   window.Add(Event("b"));
   window.Acknowledge(1);
@@ -46,8 +46,8 @@ TEST(KafkaWindow, AcknowledgementsThatComeTwiceOrTooLateChangeNothing) {
   EXPECT_EQ(window.GetFirst(), 2u);
 }
 
-TEST(KafkaWindow, RewindMakesAllOfItUnacknowledgedSoThatTheOrderHolds) {
-  KafkaWindow window;
+TEST(EventWindow, RewindMakesAllOfItUnacknowledgedSoThatTheOrderHolds) {
+  EventWindow window;
   window.Add(Event("a"));
   window.Add(Event("b"));
   window.Add(Event("c"));
@@ -59,14 +59,30 @@ TEST(KafkaWindow, RewindMakesAllOfItUnacknowledgedSoThatTheOrderHolds) {
   EXPECT_EQ(window.GetFirst(), 1u);
 }
 
-TEST(KafkaWindow, LastOneCanBeTakenBack) {
-  KafkaWindow window;
+TEST(EventWindow, LastOneCanBeTakenBack) {
+  EventWindow window;
   window.Add(Event("a"));
   window.Add(Event("b"));
   const MessageBlockPtr back = window.TakeBackLast();
   EXPECT_EQ(TestSupport::PayloadOf(back.get()), "b");
   EXPECT_EQ(window.GetUnacknowledged(), 1u);
   EXPECT_EQ(window.Add(Event("c")), 1u);
+}
+
+TEST(EventWindow, APayloadInSeveralBlocksBecomesOne) {
+  MessageBlockPtr event = Event("one ");
+  event->cont()->cont(TestSupport::MakeEvent("two", "three"));
+  ASSERT_TRUE(OrloAgent::JoinPayload(*event));
+  EXPECT_EQ(event->cont()->cont(), nullptr);
+  EXPECT_EQ(TestSupport::PayloadOf(event.get()), "one twothree");
+}
+
+TEST(EventWindow, AnEventWithoutAPayloadStaysAsItIs) {
+  MessageBlockPtr event = Event("gone");
+  MessageBlockPtr(event->cont()).reset();
+  event->cont(nullptr);
+  EXPECT_TRUE(OrloAgent::JoinPayload(*event));
+  EXPECT_EQ(event->cont(), nullptr);
 }
 
 }  // namespace

@@ -1,23 +1,43 @@
-#include "Agent/KafkaWindow.h"
+#include "Agent/EventWindow.h"
+
+#include "WindowsAgentCommon/MessageBlocks.h"
 
 namespace OrloAgent {
 
 using WindowsAgentCommon::MessageBlockPtr;
 
-std::uint64_t KafkaWindow::Add(MessageBlockPtr event) {
+bool JoinPayload(ACE_Message_Block& event) {
+  ACE_Message_Block* const payload = event.cont();
+  if (payload == nullptr || payload->cont() == nullptr) {
+    return true;
+  }
+  ACE_Message_Block* joined = nullptr;
+  WindowsAgentCommon::CreateDataMessageBlock(payload->total_length(), joined);
+  if (joined == nullptr) {
+    return false;
+  }
+  for (const ACE_Message_Block* part = payload; part != nullptr; part = part->cont()) {
+    joined->copy(part->rd_ptr(), part->length());
+  }
+  event.cont(joined);
+  payload->release();
+  return true;
+}
+
+std::uint64_t EventWindow::Add(MessageBlockPtr event) {
   m_entries.push_back({std::move(event), false});
   ++m_unacknowledged;
   return m_first + m_entries.size() - 1;
 }
 
-MessageBlockPtr KafkaWindow::TakeBackLast() {
+MessageBlockPtr EventWindow::TakeBackLast() {
   MessageBlockPtr event = std::move(m_entries.back().event);
   m_unacknowledged -= m_entries.back().acknowledged ? 0 : 1;
   m_entries.pop_back();
   return event;
 }
 
-void KafkaWindow::Acknowledge(std::uint64_t number) {
+void EventWindow::Acknowledge(std::uint64_t number) {
   if (number < m_first || number - m_first >= m_entries.size()) {
     return;  // of an event that was sent twice
   }
@@ -30,14 +50,14 @@ void KafkaWindow::Acknowledge(std::uint64_t number) {
   }
 }
 
-std::string_view KafkaWindow::GetMessage(std::uint64_t number) const {
+std::string_view EventWindow::GetMessage(std::uint64_t number) const {
   const ACE_Message_Block* const payload =
       m_entries[static_cast<std::size_t>(number - m_first)].event->cont();
   return payload == nullptr ? std::string_view()
                             : std::string_view(payload->rd_ptr(), payload->length());
 }
 
-void KafkaWindow::Rewind() {
+void EventWindow::Rewind() {
   for (Entry& entry : m_entries) {
     entry.acknowledged = false;
   }

@@ -1,0 +1,448 @@
+#include "Agent/RelpDestination.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <system_error>
+#include <thread>
+
+#include "Agent/EventWindow.h"
+#include "Agent/RelpFrames.h"
+#include "Agent/TcpConnection.h"
+#include "Agent/Units.h"
+#include "OrloStream/Status.h"
+#include "WindowsAgentCommon/Exceptions.h"
+#include "WindowsAgentCommon/Logging.h"
+
+namespace OrloAgent {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using WindowsAgentCommon::LogFacade;
+using WindowsAgentCommon::MessageBlockPtr;
+
+namespace {
+
+// A wait for room is cut into slices so that Refuse is seen.
+constexpr milliseconds kSlice{100};
+
+// Between two looks whether the receiver still answers.
+constexpr milliseconds kLook{500};
+
+// Between two attempts to connect. Twice as long, and so on, after each connection over which
+// nothing was acknowledged although something was sent: such a receiver takes connections and
+// refuses events.
+constexpr std::chrono::seconds kShortestPause{1};
+constexpr std::chrono::seconds kLongestPause{30};
+
+constexpr std::chrono::seconds kLongestEnd{1};
+
+// Frames are gathered up to this size, or one event.
+constexpr std::size_t kOutput = 64 * 1024;
+
+constexpr std::uint32_t kOpenNumber = 1;
+constexpr int kTaken = 200;
+
+class RelpDestination : public Destination {
+ public:
+  RelpDestination(const RelpDestinationOptions& options, const std::string& streamName);
+  ~RelpDestination() override { Stop(); }
+
+  void Initialize(const WindowsAgentCommon::EnvironmentBlock& environment) override;
+  void Stop() override;
+  int put(ACE_Message_Block* block, ACE_Time_Value* timeout = nullptr) override;
+  void Refuse() override { m_refusing = true; }
+  std::uint64_t GetUnsentEvents() const override { return m_unacknowledged.load(); }
+
+ private:
+  // All of these on the destination's thread; those that give false have said why in m_problem.
+  void Run();
+  bool OpenSession();
+  bool AwaitOpen();
+  bool RunSession();
+  bool Exchange();
+  bool TakeAnswers();
+  bool TakeFrame(const RelpFrame& frame);
+  bool AcknowledgeEvent(const RelpFrame& frame, const RelpAnswer& answer);
+  void Gather();
+  bool WriteOutput();
+  bool HasMoreToSend();
+  bool StillAnswers();
+  void EndSession();
+  void OnBreak();
+
+  const RelpDestinationOptions m_options;
+  WindowsAgentCommon::Log m_log;
+  ConnectionReport m_report;
+  TcpConnection m_connection;
+
+  std::mutex m_lock;
+  std::condition_variable m_room;
+  std::condition_variable m_stopped;
+  // Guarded by m_lock.
+  EventWindow m_window;
+  bool m_idle = false;  // the thread sleeps until it is woken
+
+  std::atomic<std::uint64_t> m_unacknowledged{0};
+  std::atomic<bool> m_refusing{false};
+  std::atomic<bool> m_stop{false};
+  bool m_ended = false;
+
+  // Of the thread.
+  enum class Phase { Opening, Open, Closing, Closed };
+  Phase m_phase = Phase::Opening;
+  RelpFrameReader m_reader;
+  std::string m_output;
+  std::size_t m_written = 0;  // of the output
+  std::string m_problem;
+  std::uint64_t m_nextEvent = 0;    // the first that was not sent over this connection
+  std::uint64_t m_firstEvent = 0;   // the first that was
+  std::uint32_t m_firstNumber = 0;  // the number that it got
+  std::uint32_t m_closeNumber = 0;
+  bool m_anyAcknowledged = false;  // over this connection
+  steady_clock::time_point m_lastAnswer{};
+  steady_clock::time_point m_nextAttempt{};
+  std::chrono::seconds m_pause = kShortestPause;
+
+  std::thread m_thread;
+};
+
+TcpConnectionOptions ConnectionOptions(const RelpDestinationOptions& options) {
+  return {options.target, options.tls, options.connectTimeout};
+}
+
+RelpDestination::RelpDestination(const RelpDestinationOptions& options,
+                                 const std::string& streamName)
+    : m_options(options),
+      m_log(WindowsAgentCommon::LoggerFactory::GetLog("Code.RelpDestination." + streamName)),
+      m_report(m_log, options.target),
+      m_connection(ConnectionOptions(options)) {
+  TcpConnection::Check(ConnectionOptions(options), m_log, "RelpDestination");
+}
+
+void RelpDestination::Initialize(const WindowsAgentCommon::EnvironmentBlock&) {
+  try {
+    m_thread = std::thread(&RelpDestination::Run, this);
+  } catch (const std::system_error& error) {
+    throw WindowsAgentCommon::InitializationException(
+        "RelpDestination", "OrloAgent::RelpDestination::Initialize", __LINE__,
+        std::string("The destination can't start its thread (") + error.what() + ")");
+  }
+}
+
+int RelpDestination::put(ACE_Message_Block* block, ACE_Time_Value*) {
+  MessageBlockPtr event(block);
+  const int backpressure = OrloStream::Status(OrloStream::Status::kBackpressure).ToInt();
+  if (!JoinPayload(*event)) {
+    return backpressure;
+  }
+  const auto deadline = steady_clock::now() + m_options.sendTimeout;
+  std::unique_lock lock(m_lock);
+  while (!m_refusing) {
+    if (m_window.GetSize() < m_options.window) {
+      m_window.Add(std::move(event));
+      m_unacknowledged = m_window.GetUnacknowledged();
+      const bool wasIdle = m_idle;
+      m_idle = false;
+      lock.unlock();
+      if (wasIdle) {
+        m_connection.Wake();
+      }
+      return 0;
+    }
+    const auto left = deadline - steady_clock::now();
+    if (left <= steady_clock::duration::zero()) {
+      break;
+    }
+    m_room.wait_for(lock, std::min<steady_clock::duration>(left, kSlice));
+  }
+  return backpressure;
+}
+
+void RelpDestination::Run() {
+  while (!m_stop) {
+    {
+      std::unique_lock lock(m_lock);
+      m_stopped.wait_until(lock, m_nextAttempt, [this] { return m_stop.load(); });
+    }
+    if (m_stop) {
+      break;
+    }
+    if (!OpenSession() || !RunSession()) {
+      OnBreak();
+    }
+  }
+  if (m_connection.IsOpen()) {
+    EndSession();
+  }
+}
+
+bool RelpDestination::OpenSession() {
+  m_phase = Phase::Opening;
+  m_anyAcknowledged = false;
+  m_reader = {};
+  m_written = 0;
+  m_output.clear();
+  {
+    const std::lock_guard lock(m_lock);
+    m_window.Rewind();
+    m_unacknowledged = m_window.GetUnacknowledged();
+    m_firstEvent = m_nextEvent = m_window.GetFirst();
+  }
+  m_firstNumber = AdvanceRelpNumber(kOpenNumber, 1);
+  m_problem = m_connection.Connect();
+  if (!m_problem.empty()) {
+    return false;
+  }
+  AppendRelpFrame(kOpenNumber, "open", "relp_version=0\nrelp_software=orlo-agent\ncommands=syslog",
+                  m_output);
+  if (!AwaitOpen()) {
+    return false;
+  }
+  m_report.OnUp();
+  m_lastAnswer = steady_clock::now();
+  return true;
+}
+
+bool RelpDestination::AwaitOpen() {
+  const auto deadline = steady_clock::now() + m_options.connectTimeout;
+  while (!m_stop) {
+    if (!WriteOutput() || !TakeAnswers()) {
+      return false;
+    }
+    if (m_phase == Phase::Open) {
+      return true;
+    }
+    const auto left = std::chrono::ceil<milliseconds>(deadline - steady_clock::now());
+    if (left.count() <= 0) {
+      m_problem = "it does not answer as a receiver of RELP does";
+      return false;
+    }
+    m_connection.Wait(!m_output.empty(), std::min(left, kLook));
+  }
+  m_problem = "the agent stops";
+  return false;
+}
+
+// Until the stop; false if it ends before.
+bool RelpDestination::RunSession() {
+  while (!m_stop) {
+    if (!Exchange() || !StillAnswers()) {
+      return false;
+    }
+    if (m_output.empty() && HasMoreToSend()) {
+      continue;
+    }
+    m_connection.Wait(!m_output.empty(), kLook);
+    const std::lock_guard lock(m_lock);
+    m_idle = false;
+  }
+  return true;
+}
+
+bool RelpDestination::Exchange() {
+  if (!TakeAnswers()) {
+    return false;
+  }
+  Gather();
+  return WriteOutput();
+}
+
+// If there is nothing, the thread is woken by what comes.
+bool RelpDestination::HasMoreToSend() {
+  const std::lock_guard lock(m_lock);
+  m_idle = m_nextEvent == m_window.GetFirst() + m_window.GetSize() && !m_stop;
+  return !m_idle;
+}
+
+bool RelpDestination::TakeAnswers() {
+  std::array<char, 16 * 1024> bytes;
+  for (;;) {
+    std::size_t size = 0;
+    switch (m_connection.Read(bytes.data(), bytes.size(), size)) {
+      case TcpConnection::ReadResult::Nothing:
+        return true;
+      case TcpConnection::ReadResult::Ended:
+        m_problem = m_connection.GetReason();
+        return false;
+      case TcpConnection::ReadResult::Some:
+        break;
+    }
+    m_reader.Append({bytes.data(), size});
+    const std::lock_guard lock(m_lock);
+    RelpFrame frame;
+    RelpFrameReader::Result result = RelpFrameReader::Result::More;
+    while ((result = m_reader.Next(frame)) == RelpFrameReader::Result::Frame) {
+      if (!TakeFrame(frame)) {
+        return false;
+      }
+    }
+    if (result == RelpFrameReader::Result::Unreadable) {
+      m_problem = "what it sends is not RELP";
+      return false;
+    }
+    m_unacknowledged = m_window.GetUnacknowledged();
+    m_room.notify_all();
+  }
+}
+
+bool RelpDestination::TakeFrame(const RelpFrame& frame) {
+  if (frame.number == 0) {
+    // A hint. The only one there is announces the end of the connection, which comes anyway.
+    return true;
+  }
+  const RelpAnswer answer = ParseRelpAnswer(frame.data);
+  if (frame.command != "rsp" || !answer.isReadable) {
+    m_problem = "what it sends is not RELP";
+    return false;
+  }
+  if (m_phase == Phase::Opening && frame.number == kOpenNumber) {
+    if (answer.status != kTaken || !OffersRelpCommand(answer.lines, "syslog")) {
+      m_problem = "it does not take events: " + std::to_string(answer.status) + " " +
+                  std::string(answer.text);
+      return false;
+    }
+    m_phase = Phase::Open;
+    return true;
+  }
+  if (m_phase == Phase::Closing && frame.number == m_closeNumber) {
+    m_phase = Phase::Closed;
+    return true;
+  }
+  return AcknowledgeEvent(frame, answer);
+}
+
+bool RelpDestination::AcknowledgeEvent(const RelpFrame& frame, const RelpAnswer& answer) {
+  const std::uint64_t oldest = m_window.GetFirst();
+  const std::uint64_t event =
+      oldest +
+      GetRelpDistance(AdvanceRelpNumber(m_firstNumber, oldest - m_firstEvent), frame.number);
+  if (m_phase == Phase::Opening || event >= m_nextEvent) {
+    m_problem = "it answers what was not sent";
+    return false;
+  }
+  if (answer.status != kTaken) {
+    m_problem =
+        "it refuses an event: " + std::to_string(answer.status) + " " + std::string(answer.text);
+    return false;
+  }
+  m_window.Acknowledge(event);
+  m_anyAcknowledged = true;
+  m_pause = kShortestPause;
+  m_lastAnswer = steady_clock::now();
+  return true;
+}
+
+void RelpDestination::Gather() {
+  if (!m_output.empty()) {
+    return;
+  }
+  const std::lock_guard lock(m_lock);
+  const std::uint64_t end = m_window.GetFirst() + m_window.GetSize();
+  if (m_nextEvent == m_window.GetFirst() && m_nextEvent != end) {
+    // Nothing was under way: the receiver's time begins now.
+    m_lastAnswer = steady_clock::now();
+  }
+  while (m_nextEvent != end && m_output.size() < kOutput) {
+    AppendRelpFrame(AdvanceRelpNumber(m_firstNumber, m_nextEvent - m_firstEvent), "syslog",
+                    m_window.GetMessage(m_nextEvent), m_output);
+    ++m_nextEvent;
+  }
+}
+
+bool RelpDestination::WriteOutput() {
+  if (m_output.empty()) {
+    return true;
+  }
+  const TcpConnection::WriteResult result =
+      m_connection.Write(std::string_view(m_output).substr(m_written), milliseconds(0));
+  m_written += result.written;
+  if (m_written == m_output.size()) {
+    m_output.clear();
+    m_written = 0;
+  }
+  if (result.broken) {
+    m_problem = m_connection.GetReason();
+  }
+  return !result.broken;
+}
+
+bool RelpDestination::StillAnswers() {
+  if (m_options.ackTimeout.count() == 0 ||
+      steady_clock::now() - m_lastAnswer < m_options.ackTimeout) {
+    return true;
+  }
+  const std::lock_guard lock(m_lock);
+  if (m_nextEvent == m_window.GetFirst()) {
+    return true;
+  }
+  m_problem = "it has acknowledged nothing for " +
+              std::to_string(m_options.ackTimeout.count() / 1000) + " s";
+  return false;
+}
+
+void RelpDestination::OnBreak() {
+  m_connection.Close();
+  if (m_stop) {
+    return;
+  }
+  m_report.OnDown(m_problem);
+  const bool wasRefused =
+      m_phase == Phase::Open && !m_anyAcknowledged && m_nextEvent != m_firstEvent;
+  m_nextAttempt = steady_clock::now() + m_pause;
+  if (wasRefused) {
+    m_pause = std::min(2 * m_pause, kLongestPause);
+  }
+}
+
+// Gives the receiver a moment for its last answers and for an end in good order.
+void RelpDestination::EndSession() {
+  const auto deadline = steady_clock::now() + kLongestEnd;
+  while (m_phase != Phase::Closed && steady_clock::now() < deadline) {
+    if (!Exchange()) {
+      break;
+    }
+    if (m_phase == Phase::Open && m_unacknowledged == 0) {
+      m_phase = Phase::Closing;
+      m_closeNumber = AdvanceRelpNumber(m_firstNumber, m_nextEvent - m_firstEvent);
+      AppendRelpFrame(m_closeNumber, "close", {}, m_output);
+      continue;
+    }
+    if (m_phase != Phase::Closed) {
+      m_connection.Wait(!m_output.empty(), kSlice);
+    }
+  }
+  m_connection.CloseInOrder(milliseconds(0));
+}
+
+void RelpDestination::Stop() {
+  m_refusing = true;
+  {
+    const std::lock_guard lock(m_lock);
+    if (m_ended) {
+      return;
+    }
+    m_ended = true;
+    m_stop = true;
+  }
+  m_stopped.notify_all();
+  m_connection.Wake();
+  if (m_thread.joinable()) {
+    m_thread.join();
+  }
+  if (m_unacknowledged > 0) {
+    LogFacade::Warn(m_log, "%d events were not acknowledged; %s may have some of them or none.",
+                    m_unacknowledged.load(), ToText(m_options.target));
+  }
+}
+
+}  // namespace
+
+std::unique_ptr<Destination> MakeRelpDestination(const RelpDestinationOptions& options,
+                                                 const std::string& streamName) {
+  return std::make_unique<RelpDestination>(options, streamName);
+}
+
+}  // namespace OrloAgent
