@@ -16,18 +16,18 @@ namespace WindowsAgentCommon::EventMemory {
 namespace {
 
 constexpr std::size_t kSlabSize = kPagesAlignment;
-constexpr std::size_t kSlabsInRegion = 4;
+constexpr std::size_t kSlabsInRegion = 16;
 constexpr std::size_t kRegionSize = kSlabSize * kSlabsInRegion;
 constexpr std::uint32_t kAllSlabs = (1u << kSlabsInRegion) - 1;
 constexpr std::size_t kAlignment = 16;
 
 // Free regions that stay for good.
-constexpr std::size_t kRegionsToKeep = 4;
+constexpr std::size_t kRegionsToKeep = 1;
 
 // Free regions that are kept at most, 64 MB: what a busy stream uses in a chunking period. More
 // than that goes back at once, so that a large chunk's events make room for its bytes while it is
 // written.
-constexpr std::size_t kMostToKeep = 256;
+constexpr std::size_t kMostToKeep = 64;
 
 // How long a region within these bounds is free at least before it is given back. Events come and
 // go once in a chunking period, and memory that the system has just handed out costs more than the
@@ -74,6 +74,7 @@ class Regions {
     }
     Region& region = *m_first;
     if (region.freeSlabs == kAllSlabs) {
+      m_firstWhole = region.next;
       --m_whole;
       m_leastWhole = std::min(m_leastWhole, m_whole);
     }
@@ -101,7 +102,7 @@ class Regions {
         LinkFirst(region);
       } else if (m_whole < kMostToKeep) {
         ++m_whole;
-        LinkLast(region);
+        LinkWhole(region);
         isWhole = true;
       } else {
         tooMuch = &region;
@@ -161,7 +162,7 @@ class Regions {
     }
     m_held.fetch_add(kRegionSize, std::memory_order_relaxed);
     ++m_whole;
-    LinkFirst(*region);
+    LinkWhole(*region);
     return true;
   }
 
@@ -172,14 +173,20 @@ class Regions {
     m_first = &region;
   }
 
-  void LinkLast(Region& region) {
-    region.previous = m_last;
-    region.next = nullptr;
-    (m_last == nullptr ? m_first : m_last->next) = &region;
-    m_last = &region;
+  // In front of the others whose slabs are all free: what was used last is most likely still in the
+  // processor's cache, and what has not been used for longest is at the end.
+  void LinkWhole(Region& region) {
+    region.next = m_firstWhole;
+    region.previous = m_firstWhole == nullptr ? m_last : m_firstWhole->previous;
+    (region.previous == nullptr ? m_first : region.previous->next) = &region;
+    (region.next == nullptr ? m_last : region.next->previous) = &region;
+    m_firstWhole = &region;
   }
 
   void Unlink(Region& region) {
+    if (m_firstWhole == &region) {
+      m_firstWhole = region.next;
+    }
     (region.previous == nullptr ? m_first : region.previous->next) = region.next;
     (region.next == nullptr ? m_last : region.next->previous) = region.previous;
   }
@@ -188,7 +195,9 @@ class Regions {
   // Regions with free slabs. Guarded by m_lock:
   Region* m_first = nullptr;
   Region* m_last = nullptr;
-  // Regions whose slabs are all free; they stand behind all others. The fewest since the last trim.
+  // Regions whose slabs are all free; they stand behind all others.
+  Region* m_firstWhole = nullptr;
+  // Their number, and the fewest since the last trim.
   std::size_t m_whole = 0;
   std::size_t m_leastWhole = 0;
   std::chrono::steady_clock::time_point m_nextTrim{};
@@ -207,6 +216,13 @@ void Drop(Slab* slab, std::int64_t pieces) {
   }
 }
 
+struct FreeBlockPiece {
+  FreeBlockPiece* next;
+};
+
+// As many as several events at once have blocks.
+constexpr unsigned kMostFreeBlocks = 16;
+
 // What a thread has at hand. Plain data, so that reaching it costs nothing.
 struct ThreadMemory {
   // The slab out of which the thread takes pieces: the rest of it, and how many pieces were taken,
@@ -215,6 +231,10 @@ struct ThreadMemory {
   char* end = nullptr;
   Slab* current = nullptr;
   std::int64_t taken = 0;
+
+  // Freed pieces of kBlockSize, all of the current slab, which still counts them as taken.
+  FreeBlockPiece* freeBlocks = nullptr;
+  unsigned freeBlockCount = 0;
 
   // Pieces of one slab that the thread has freed and has not yet told the slab about.
   Slab* freeing = nullptr;
@@ -227,6 +247,8 @@ struct ThreadMemory {
       Slab* const slab = current;
       current = nullptr;
       next = end = nullptr;
+      taken -= std::exchange(freeBlockCount, 0);
+      freeBlocks = nullptr;
       Drop(slab, Slab::kInUse - taken);
     }
   }
@@ -259,7 +281,7 @@ std::size_t RoundUp(std::size_t size) {
   return (std::max<std::size_t>(size, 1) + kAlignment - 1) & ~(kAlignment - 1);
 }
 
-void* AllocateFromNewSlab(ThreadMemory& own, std::size_t size, int pieces) {
+void* AllocateFromNewSlab(ThreadMemory& own, std::size_t size) {
   own.LeaveCurrent();
   if (!own.ended) {
     threadEnd.Touch();
@@ -273,7 +295,7 @@ void* AllocateFromNewSlab(ThreadMemory& own, std::size_t size, int pieces) {
   own.current = slab;
   own.next = first + size;
   own.end = reinterpret_cast<char*>(slab) + kSlabSize;
-  own.taken = pieces;
+  own.taken = 1;
   if (own.ended) {
     // Nobody comes back to the rest of it.
     own.LeaveCurrent();
@@ -281,16 +303,15 @@ void* AllocateFromNewSlab(ThreadMemory& own, std::size_t size, int pieces) {
   return first;
 }
 
-// Memory for so many pieces; the size is theirs together.
-void* AllocatePieces(std::size_t size, int pieces) {
-  ThreadMemory& own = memory;
+// The size is a multiple of the alignment.
+void* AllocatePiece(ThreadMemory& own, std::size_t size) {
   if (size > static_cast<std::size_t>(own.end - own.next)) {
-    return AllocateFromNewSlab(own, size, pieces);
+    return AllocateFromNewSlab(own, size);
   }
-  void* const first = own.next;
+  void* const piece = own.next;
   own.next += size;
-  own.taken += pieces;
-  return first;
+  ++own.taken;
+  return piece;
 }
 
 void FreeOfAnotherSlab(ThreadMemory& own, Slab* slab) {
@@ -306,20 +327,7 @@ void FreeOfAnotherSlab(ThreadMemory& own, Slab* slab) {
 
 }  // namespace
 
-void* Allocate(std::size_t size) noexcept { return AllocatePieces(RoundUp(size), 1); }
-
-bool Allocate(const std::size_t (&sizes)[3], void* (&pieces)[3]) noexcept {
-  const std::size_t first = RoundUp(sizes[0]);
-  const std::size_t second = RoundUp(sizes[1]);
-  auto* const all = static_cast<char*>(AllocatePieces(first + second + RoundUp(sizes[2]), 3));
-  if (all == nullptr) {
-    return false;
-  }
-  pieces[0] = all;
-  pieces[1] = all + first;
-  pieces[2] = all + first + second;
-  return true;
-}
+void* Allocate(std::size_t size) noexcept { return AllocatePiece(memory, RoundUp(size)); }
 
 void Free(void* piece) noexcept {
   if (piece == nullptr) {
@@ -334,6 +342,27 @@ void Free(void* piece) noexcept {
   } else {
     FreeOfAnotherSlab(own, slab);
   }
+}
+
+void* AllocateBlock() noexcept {
+  ThreadMemory& own = memory;
+  FreeBlockPiece* const again = own.freeBlocks;
+  if (again == nullptr) {
+    return AllocatePiece(own, RoundUp(kBlockSize));
+  }
+  own.freeBlocks = again->next;
+  --own.freeBlockCount;
+  return again;
+}
+
+void FreeBlock(void* piece) noexcept {
+  ThreadMemory& own = memory;
+  if (SlabOf(piece) != own.current || own.freeBlockCount == kMostFreeBlocks) {
+    Free(piece);
+    return;
+  }
+  own.freeBlocks = new (piece) FreeBlockPiece{own.freeBlocks};
+  ++own.freeBlockCount;
 }
 
 void GiveBackUnused(std::chrono::steady_clock::time_point now) noexcept { GetRegions().Trim(now); }

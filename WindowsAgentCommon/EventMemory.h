@@ -30,12 +30,15 @@ constexpr std::size_t kLargest = 8 * 1024;
 // there is no memory. Any thread.
 void* Allocate(std::size_t size) noexcept;
 
-// Three pieces one behind the other, each to be freed on its own; false, with none of them, when
-// there is no memory.
-bool Allocate(const std::size_t (&sizes)[3], void* (&pieces)[3]) noexcept;
-
 // Frees a piece, once, on any thread.
 void Free(void* piece) noexcept;
+
+// Pieces of one size, for message blocks: an event has several in turn, most of which end, moments
+// after they were made, on the thread that made them. Such a thread gets the same memory again; it
+// keeps a few of these pieces of its own at hand, and nothing that it would have to give back.
+constexpr std::size_t kBlockSize = 80;
+void* AllocateBlock() noexcept;
+void FreeBlock(void* piece) noexcept;
 
 // Gives back to the system what was free all the time since it was last done, if that is half a
 // minute ago. Freeing memory does so by itself; this is for the time when nothing is freed any

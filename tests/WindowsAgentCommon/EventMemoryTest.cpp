@@ -51,23 +51,52 @@ TEST(EventMemoryTest, PiecesOfEverySizeAreAlignedAndApart) {
   }
 }
 
-TEST(EventMemoryTest, ThreePiecesAtOnceAreFreedOneByOne) {
+Piece MakeBlock(unsigned char mark) {
+  auto* const memory = static_cast<unsigned char*>(EventMemory::AllocateBlock());
+  EXPECT_NE(memory, nullptr);
+  std::memset(memory, mark, EventMemory::kBlockSize);
+  return {memory, EventMemory::kBlockSize, mark};
+}
+
+TEST(EventMemoryTest, BlocksAndOtherPiecesAreApartHoweverTheyComeAndGo) {
+  std::mt19937 random(1);
+  std::vector<Piece> blocks;
   std::vector<Piece> pieces;
-  for (std::size_t size = 0; size < 3000; ++size) {
-    void* made[3];
-    ASSERT_TRUE(EventMemory::Allocate({size, 80, EventMemory::kLargest - size}, made));
-    std::size_t number = 0;
-    for (const std::size_t each : {size, std::size_t{80}, EventMemory::kLargest - size}) {
-      pieces.push_back({static_cast<unsigned char*>(made[number]), each,
-                        static_cast<unsigned char>(size + number)});
-      std::memset(made[number], pieces.back().mark, each);
-      ++number;
+  for (int round = 0; round < 100'000; ++round) {
+    const auto mark = static_cast<unsigned char>(random());
+    std::vector<Piece>& kind = random() % 2 == 0 ? blocks : pieces;
+    if (kind.size() < random() % 100) {
+      kind.push_back(&kind == &blocks ? MakeBlock(mark) : Make(random() % 300, mark));
+    } else if (!kind.empty()) {
+      std::swap(kind[random() % kind.size()], kind.back());
+      ASSERT_TRUE(IsUntouched(kind.back()));
+      (&kind == &blocks ? EventMemory::FreeBlock : EventMemory::Free)(kind.back().memory);
+      kind.pop_back();
     }
   }
-  std::shuffle(pieces.begin(), pieces.end(), std::mt19937(1));
+  for (const Piece& piece : blocks) {
+    ASSERT_TRUE(IsUntouched(piece));
+    EventMemory::FreeBlock(piece.memory);
+  }
   for (const Piece& piece : pieces) {
     ASSERT_TRUE(IsUntouched(piece));
     EventMemory::Free(piece.memory);
+  }
+}
+
+TEST(EventMemoryTest, BlocksMadeOnOneThreadAreFreedOnAnother) {
+  for (int round = 0; round < 20; ++round) {
+    std::vector<Piece> blocks;
+    for (unsigned number = 0; number < 5'000; ++number) {
+      blocks.push_back(MakeBlock(static_cast<unsigned char>(number)));
+      EventMemory::FreeBlock(EventMemory::AllocateBlock());
+    }
+    std::thread([&blocks] {
+      for (const Piece& piece : blocks) {
+        EXPECT_TRUE(IsUntouched(piece));
+        EventMemory::FreeBlock(piece.memory);
+      }
+    }).join();
   }
 }
 
@@ -180,6 +209,16 @@ TEST(EventMemoryTest, ABurstIsHandedBackWhenItHasNotBeenUsedForAWhile) {
   }).join();
   GiveBackTwice();
   EXPECT_LE(EventMemory::GetHeldBytes(), std::max(before, 3 * kMegabyte));
+}
+
+TEST(EventMemoryTest, ABlockThatEndsOnItsOwnThreadLeavesItsMemoryToTheNext) {
+  void* const lasting = EventMemory::AllocateBlock();
+  void* const brief = EventMemory::AllocateBlock();
+  EventMemory::FreeBlock(brief);
+  void* const next = EventMemory::AllocateBlock();
+  EXPECT_EQ(next, brief);
+  EventMemory::FreeBlock(next);
+  EventMemory::FreeBlock(lasting);
 }
 
 TEST(EventMemoryTest, WhatWasFreedIsUsedAgainFirst) {

@@ -120,6 +120,94 @@ TEST(MessageBlocksTest, AChainIsReleasedWhole) {
   EXPECT_TRUE(allocators.NothingAlive());
 }
 
+// Some stage may put a block of its own in front of the payload, or behind it.
+TEST(MessageBlocksTest, ChainsWithBlocksOfAnotherMakeAreDuplicatedAndReleasedWhole) {
+  const TestSupport::CountingAllocators allocators;
+  for (const bool ownFirst : {true, false}) {
+    auto* const other = new ACE_Message_Block(10);
+    other->copy("other", 5);
+    ACE_Message_Block* const own = Make(10);
+    own->copy("own", 3);
+    ACE_Message_Block* const head = ownFirst ? own : other;
+    head->cont(ownFirst ? other : own);
+    head->cont()->cont(Make(3));
+    ACE_Message_Block* const duplicate = head->duplicate();
+    ASSERT_NE(duplicate, nullptr);
+    EXPECT_EQ(duplicate->total_length(), 8u);
+    EXPECT_EQ(duplicate->cont()->cont()->capacity(), 3u);
+    EXPECT_EQ(own->reference_count(), 2);
+    EXPECT_EQ(other->reference_count(), 2);
+    head->release();
+    EXPECT_EQ(allocators.DataBlocksAlive(), 2u);
+    EXPECT_EQ(duplicate->reference_count(), 1);
+    duplicate->release();
+    EXPECT_TRUE(allocators.NothingAlive());
+  }
+}
+
+TEST(MessageBlocksTest, ADuplicateHasReadAndWritePositionsOfItsOwn) {
+  ACE_Message_Block* const block = Make(10);
+  block->copy("0123456789", 10);
+  block->rd_ptr(3);
+  block->msg_priority(7);
+  ACE_Message_Block* const duplicate = block->duplicate();
+  EXPECT_EQ(std::string(duplicate->rd_ptr(), duplicate->length()), "3456789");
+  EXPECT_EQ(duplicate->msg_priority(), 7u);
+  duplicate->rd_ptr(2);
+  block->wr_ptr(block->base() + 4);
+  EXPECT_EQ(block->length(), 1u);
+  EXPECT_EQ(duplicate->length(), 5u);
+  EXPECT_EQ(duplicate->base(), block->base());
+  duplicate->release();
+  block->release();
+}
+
+TEST(MessageBlocksTest, WithoutMemoryForAPartOfAChainThereIsNoDuplicateAndNoLeak) {
+  TestSupport::CountingAllocators allocators;
+  ACE_Message_Block* const head = Make(1);
+  head->cont(Make(1));
+  head->cont()->cont(Make(1));
+  for (long made = 0; made < 3; ++made) {
+    allocators.Blocks().FailAfter(made);
+    EXPECT_EQ(head->duplicate(), nullptr);
+    EXPECT_EQ(allocators.BlocksAlive(), 3u);
+  }
+  EXPECT_EQ(head->reference_count(), 1);
+  EXPECT_EQ(head->cont()->reference_count(), 1);
+  head->release();
+  EXPECT_TRUE(allocators.NothingAlive());
+}
+
+TEST(MessageBlocksTest, ABlockMayGrowBeyondItsCapacity) {
+  for (const std::size_t size : {100u, 5'000u, 20'000u, 100'000u}) {
+    ACE_Message_Block* const block = Make(100);
+    block->copy("0123456789", 10);
+    ASSERT_EQ(block->size(size), 0);
+    EXPECT_EQ(block->capacity(), size);
+    EXPECT_EQ(std::string(block->rd_ptr(), block->length()), "0123456789");
+    std::memset(block->wr_ptr(), 'x', size - 10);
+    ACE_Message_Block* const clone = block->clone();
+    block->release();
+    EXPECT_EQ(clone->capacity(), size);
+    EXPECT_EQ(clone->base()[size - 1], 'x');
+    clone->release();
+  }
+}
+
+TEST(MessageBlocksTest, ABlockWhoseDataBlockWasReplacedReleasesTheNewOne) {
+  const TestSupport::CountingAllocators allocators;
+  ACE_Message_Block* const block = Make(10);
+  block->data_block(
+      new ACE_Data_Block(20, ACE_Message_Block::MB_DATA, nullptr, nullptr, nullptr, 0, nullptr));
+  EXPECT_EQ(allocators.DataBlocksAlive(), 0u);
+  EXPECT_EQ(block->capacity(), 20u);
+  ACE_Message_Block* const duplicate = block->duplicate();
+  EXPECT_EQ(block->reference_count(), 2);
+  duplicate->release();
+  block->release();
+  EXPECT_TRUE(allocators.NothingAlive());
+}
+
 TEST(MessageBlocksTest, ACloneOutlivesItsOriginal) {
   const TestSupport::CountingAllocators allocators;
   ACE_Message_Block* const block = Make(10);
