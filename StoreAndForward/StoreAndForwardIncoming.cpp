@@ -108,27 +108,34 @@ int StoreAndForwardIncoming::svc() {
   Chunk chunk;
   Chunk farChunk;
   try {
-    ACE_Time_Value deadline = ACE_OS::gettimeofday() + ACE_Time_Value(m_dataChunkingPeriod);
+    // The time is read once in a pass, and again after one that has done something.
+    ACE_Time_Value now = ACE_OS::gettimeofday();
+    ACE_Time_Value deadline = now + ACE_Time_Value(m_dataChunkingPeriod);
     bool running = true;
     while (running) {
-      running = TakeBlock(chunk);
-      const bool due = IsChunkDue(chunk, deadline);
+      running = TakeBlock(chunk, now);
+      now = ACE_OS::gettimeofday();
+      const bool due = IsChunkDue(chunk, now, deadline);
 
       if (running && m_eventCache->Empty()) {
-        if (due && !HandOverChunk(chunk)) {
+        if (!due) {
+          continue;
+        }
+        if (!HandOverChunk(chunk)) {
           m_statistics->UpdateOutgoingHandlerRejects(1, false);
           Spill(chunk);
         }
-        continue;
+      } else {
+        if (running) {
+          HandOverOldestCachedChunk(farChunk);
+        }
+        // Behind what was cached before the pass, even if that has just been handed over; and, at
+        // the end, to where the next run finds it.
+        if (due) {
+          Spill(chunk);
+        }
       }
-      if (running) {
-        HandOverOldestCachedChunk(farChunk);
-      }
-      // Behind what was cached before the pass, even if that has just been handed over; and, at
-      // the end, to where the next run finds it.
-      if (due) {
-        Spill(chunk);
-      }
+      now = ACE_OS::gettimeofday();
     }
   } catch (int error) {
     LogFacade::Debug(m_log, "Stage thread exception %d.", error);
@@ -138,9 +145,9 @@ int StoreAndForwardIncoming::svc() {
 }
 
 // Waits for one block and adds it to the chunk. False if it was the hang-up block.
-bool StoreAndForwardIncoming::TakeBlock(Chunk& chunk) {
+bool StoreAndForwardIncoming::TakeBlock(Chunk& chunk, const ACE_Time_Value& now) {
   ACE_Time_Value deadline =
-      ACE_OS::gettimeofday() + ACE_Time_Value(0, static_cast<suseconds_t>(m_dataProcessingPeriod));
+      now + ACE_Time_Value(0, static_cast<suseconds_t>(m_dataProcessingPeriod));
   ACE_Message_Block* block = nullptr;
   if (getq(block, &deadline) == -1) {
     return true;
@@ -155,8 +162,8 @@ bool StoreAndForwardIncoming::TakeBlock(Chunk& chunk) {
 
 // Moves the deadline on when it has passed, also for an empty chunk, so that a silent period does
 // not carry over.
-bool StoreAndForwardIncoming::IsChunkDue(const Chunk& chunk, ACE_Time_Value& deadline) const {
-  const ACE_Time_Value now = ACE_OS::gettimeofday();
+bool StoreAndForwardIncoming::IsChunkDue(const Chunk& chunk, const ACE_Time_Value& now,
+                                         ACE_Time_Value& deadline) const {
   if (!(deadline < now)) {
     return false;
   }

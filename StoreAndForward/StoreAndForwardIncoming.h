@@ -53,8 +53,8 @@ class StoreAndForwardIncoming : public WindowsAgentCommon::OrloTask {
   void OpenEventCache();
   void PublishSettings(int lowWaterMark, int highWaterMark);
 
-  bool TakeBlock(Chunk& chunk);
-  bool IsChunkDue(const Chunk& chunk, ACE_Time_Value& deadline) const;
+  bool TakeBlock(Chunk& chunk, const ACE_Time_Value& now);
+  bool IsChunkDue(const Chunk& chunk, const ACE_Time_Value& now, ACE_Time_Value& deadline) const;
   bool HandOverChunk(Chunk& chunk);
   void HandOverOldestCachedChunk(Chunk& farChunk);
   void Spill(Chunk& chunk);

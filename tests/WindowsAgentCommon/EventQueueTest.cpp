@@ -12,6 +12,7 @@
 
 #include "WindowsAgentCommon/MessageBlockPtr.h"
 #include "WindowsAgentCommon/MessageBlocks.h"
+#include "tests/support/CountingAllocators.h"
 
 namespace WindowsAgentCommon {
 namespace {
@@ -123,6 +124,94 @@ TEST(EventQueueTest, DeactivationWakesAWaitingThreadAlsoAfterABurst) {
   EXPECT_EQ(Take(queue), -1);
   EXPECT_EQ(errno, ESHUTDOWN);
   other.join();
+}
+
+// After the first block was taken, those behind it are in a batch.
+void PostAndTakeTheFirst(EventQueue& queue, std::size_t count) {
+  Post(queue, 0, count);
+  ASSERT_EQ(Take(queue), 0);
+}
+
+TEST(EventQueueTest, WhatWasTakenIsInNoCount) {
+  EventQueue queue;
+  PostAndTakeTheFirst(queue, 5);
+  EXPECT_EQ(queue.message_count(), 4u);
+  EXPECT_EQ(queue.message_bytes(), 4 * sizeof(std::size_t));
+  EXPECT_EQ(queue.message_length(), 4 * sizeof(std::size_t));
+  EXPECT_FALSE(queue.is_empty());
+  ASSERT_EQ(Take(queue), 1);
+  Post(queue, 5, 1);
+  EXPECT_EQ(queue.message_count(), 4u);
+  for (const int number : {2, 3, 4, 5}) {
+    EXPECT_EQ(Take(queue), number);
+  }
+  EXPECT_EQ(queue.message_count(), 0u);
+  EXPECT_EQ(queue.message_bytes(), 0u);
+  EXPECT_TRUE(queue.is_empty());
+}
+
+TEST(EventQueueTest, EveryOtherOperationSeesTheBlocksOfABatchInTheirPlace) {
+  EventQueue queue;
+  PostAndTakeTheFirst(queue, 4);
+  Post(queue, 4, 2);
+  ACE_Message_Block* block = nullptr;
+  ASSERT_NE(queue.peek_dequeue_head(block), -1);
+  EXPECT_EQ(*block->rd_ptr(), 1);
+  ASSERT_EQ(Take(queue), 1);
+  ASSERT_NE(queue.dequeue_tail(block), -1);
+  EXPECT_EQ(*block->rd_ptr(), 5);
+  block->release();
+  ASSERT_EQ(Take(queue), 2);
+  ASSERT_NE(queue.enqueue_head(Make(9)), -1);
+  ACE_Message_Block* const urgent = Make(8);
+  urgent->msg_priority(1'000'000);
+  ASSERT_NE(queue.enqueue_prio(urgent), -1);
+  EXPECT_EQ(queue.message_count(), 4u);
+  for (const int number : {8, 9, 3, 4}) {
+    EXPECT_EQ(Take(queue), number);
+  }
+}
+
+TEST(EventQueueTest, DeactivationKeepsABatchBackUntilTheQueueIsActiveAgain) {
+  EventQueue queue;
+  PostAndTakeTheFirst(queue, 3);
+  queue.deactivate();
+  EXPECT_EQ(Take(queue), -1);
+  EXPECT_EQ(errno, ESHUTDOWN);
+  EXPECT_EQ(queue.message_count(), 2u);
+  queue.activate();
+  EXPECT_EQ(Take(queue), 1);
+  EXPECT_EQ(Take(queue), 2);
+}
+
+TEST(EventQueueTest, APosterGoesOnWhenABatchHasBeenTakenDownToTheLowWaterMark) {
+  EventQueue queue;
+  queue.high_water_mark(10 * sizeof(std::size_t));
+  queue.low_water_mark(5 * sizeof(std::size_t));
+  PostAndTakeTheFirst(queue, 10);
+  Post(queue, 10, 1);
+  ASSERT_TRUE(queue.is_full());
+  std::thread poster([&queue] { Post(queue, 11, 1); });
+  for (std::size_t left = 9; left > 5; --left) {
+    EXPECT_GE(Take(queue), 0);
+    EXPECT_EQ(queue.message_count(), left);
+  }
+  EXPECT_GE(Take(queue), 0);
+  poster.join();
+  EXPECT_EQ(queue.message_count(), 6u);
+}
+
+TEST(EventQueueTest, ABatchIsReleasedWithTheQueueAndWhenItIsFlushed) {
+  const TestSupport::CountingAllocators allocators;
+  {
+    EventQueue queue;
+    PostAndTakeTheFirst(queue, 5);
+    EXPECT_EQ(queue.flush(), 4);
+    EXPECT_EQ(allocators.BlocksAlive(), 0u);
+    PostAndTakeTheFirst(queue, 5);
+    EXPECT_EQ(allocators.BlocksAlive(), 4u);
+  }
+  EXPECT_TRUE(allocators.NothingAlive());
 }
 
 TEST(EventQueueTest, SeveralTakersGetEveryBlockOnce) {
