@@ -74,4 +74,15 @@ void UpdateCounter(IStatisticsGroup* group, std::int64_t* counter,
   } while (!total.compare_exchange_strong(before, before + amount));
 }
 
+void UpdateSerialCounter(IStatisticsGroup* group, std::int64_t* counter,
+                         const StatisticDeclaration& statistic, std::int64_t amount, bool flag,
+                         const StatisticUpdateSite& site) {
+  if (counter == nullptr) {
+    ThrowNotDeclared(statistic, site);
+  }
+  const std::int64_t total = *counter + amount;
+  group->UpdateStatistic(statistic.name, StatisticValue(kCounterKind, total), flag);
+  *counter = total;
+}
+
 }  // namespace OrloStream

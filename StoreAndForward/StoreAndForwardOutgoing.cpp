@@ -120,7 +120,9 @@ void StoreAndForwardOutgoing::DeliverPending() {
     event->release();
     m_statistics->UpdateEventsOutgoing(1, false);
     m_pending.pop_front();
-    m_pendingEmpty = m_pending.empty();
+    if (m_pending.empty()) {
+      m_pendingEmpty = true;
+    }
   }
 }
 

@@ -13,6 +13,7 @@ using OrloStream::kCounterKind;
 using OrloStream::StatisticDeclaration;
 using OrloStream::StatisticUpdateSite;
 using OrloStream::UpdateCounter;
+using OrloStream::UpdateSerialCounter;
 using WindowsAgentCommon::AggregatedStatistics;
 using WindowsAgentCommon::IStatisticsServer;
 using WindowsAgentCommon::StatisticValue;
@@ -331,10 +332,10 @@ void StoreAndForwardOutgoingStatisticsProfile::UpdateEventsIncoming(std::int64_t
 
 void StoreAndForwardOutgoingStatisticsProfile::UpdateEventsOutgoing(std::int64_t amount,
                                                                     bool flag) {
-  UpdateCounter(m_group.get(), m_eventsOutgoing, kEventsOutgoing, amount, flag,
-                {kFile,
-                 "OrloStoreAndForward::StoreAndForwardOutgoingStatisticsProfile::"
-                 "UpdateEventsOutgoing"});
+  UpdateSerialCounter(m_group.get(), m_eventsOutgoing, kEventsOutgoing, amount, flag,
+                      {kFile,
+                       "OrloStoreAndForward::StoreAndForwardOutgoingStatisticsProfile::"
+                       "UpdateEventsOutgoing"});
 }
 
 void StoreAndForwardOutgoingStatisticsProfile::UpdateNumberOfRequeues(std::int64_t amount,

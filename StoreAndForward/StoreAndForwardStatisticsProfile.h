@@ -10,8 +10,9 @@
 // What the stage and its two processors publish about themselves. A profile is created and
 // initialised by its owner and then only updated; an update before that throws
 // OrloStatisticsException. The statistics service must be registered before a profile is
-// initialised. Profiles have no lock: UpdateChunkSize belongs to one thread, counters and settings
-// may be updated from several.
+// initialised. Profiles have no lock: UpdateChunkSize belongs to one thread, the Outgoing profile
+// is used under its processor's lock, other counters and settings may be updated from several
+// threads at once.
 namespace OrloStoreAndForward {
 
 // Posting threads update it through StoreAndForwardStage::ProcessMessage.

@@ -6,6 +6,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "WindowsAgentCommon/BriefLock.h"
 #include "WindowsAgentCommon/Logging.h"
 
 namespace WindowsAgentCommon {
@@ -33,44 +34,73 @@ class StatisticsGroup : public IStatisticsGroup {
     const std::lock_guard guard(m_lock);
     const auto [entry, isNew] = m_index.try_emplace(name, m_statistics.size());
     if (isNew) {
-      m_statistics.push_back({name, description, initial});
+      m_statistics.push_back({{name, description, initial}});
     } else {
-      m_statistics[entry->second] = {name, description, initial};
+      m_statistics[entry->second] = {{name, description, initial}};
     }
   }
 
   void UpdateStatistic(const std::string& name, const StatisticValue& value,
                        bool /*flag*/) override {
+    const auto* const number = boost::get<std::int64_t>(&value.GetValue());
     const std::lock_guard guard(m_lock);
     // The statistic of most updates is that of the last one.
-    if (m_last >= m_statistics.size() || m_statistics[m_last].name != name) {
+    if (m_last >= m_statistics.size() || m_statistics[m_last].shown.name != name) {
       const auto found = m_index.find(name);
       if (found == m_index.end()) {
         return;
       }
       m_last = found->second;
     }
-    m_statistics[m_last].value = value;
+    Entry& entry = m_statistics[m_last];
+    entry.isNumber = number != nullptr;
+    if (number != nullptr) {
+      entry.kind = value.GetKind();
+      entry.number = *number;
+    } else {
+      entry.shown.value = value;
+    }
   }
 
   const std::string& GetInstance() const { return m_instance; }
 
   // Adds nothing while the group is not published.
   void AddTo(std::vector<StatisticsGroupSnapshot>& snapshot) const {
-    const std::lock_guard guard(m_lock);
-    if (m_published) {
-      snapshot.push_back({m_name, m_categoryPath, m_instance, m_statistics});
+    StatisticsGroupSnapshot group{m_name, m_categoryPath, m_instance, {}};
+    {
+      const std::lock_guard guard(m_lock);
+      if (!m_published) {
+        return;
+      }
+      group.statistics.reserve(m_statistics.size());
+      for (const Entry& entry : m_statistics) {
+        group.statistics.push_back(entry.shown);
+        if (entry.isNumber) {
+          group.statistics.back().value = StatisticValue(entry.kind, entry.number);
+        }
+      }
     }
+    snapshot.push_back(std::move(group));
   }
 
  private:
+  struct Entry {
+    StatisticSnapshot shown;
+    // What the last update brought, if it was a whole number; its value is then in place of the
+    // shown one. To put it into the variant would be a good part of an update's cost.
+    bool isNumber = false;
+    std::int64_t kind = 0;
+    std::int64_t number = 0;
+  };
+
   const std::string m_name;
   const std::string m_categoryPath;
   const std::string m_instance;
 
-  mutable std::mutex m_lock;
+  // Held for a few instructions by updates, and while somebody looks, which is rare.
+  alignas(64) mutable BriefLock m_lock;
   // Guarded by m_lock:
-  std::vector<StatisticSnapshot> m_statistics;
+  std::vector<Entry> m_statistics;
   std::unordered_map<std::string, std::size_t> m_index;
   std::size_t m_last = 0;  // in m_statistics, of the last update
   bool m_published = false;

@@ -3,6 +3,7 @@
 #include <ace/Time_Value.h>
 
 #include <boost/variant.hpp>
+#include <concepts>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -24,6 +25,10 @@ class StatisticValue {
  public:
   StatisticValue(const std::int64_t& kind, const StatisticVariant& value)
       : m_kind(kind), m_value(value) {}
+
+  // A whole number is what every event brings; it is not made into a variant first.
+  template <std::same_as<std::int64_t> Number>
+  StatisticValue(const std::int64_t& kind, Number number) : m_kind(kind), m_value(number) {}
 
   std::int64_t GetKind() const { return m_kind; }
   const StatisticVariant& GetValue() const { return m_value; }
