@@ -7,8 +7,9 @@
 
 namespace Benchmark {
 
-// The size of the head block that goes before every payload, as large as the agent's own.
-constexpr std::size_t kHeadSize = 24;
+// The size of the head block that goes before every payload, as large as the agent's own for a
+// sender with an IPv4 address.
+constexpr std::size_t kHeadSize = 11;
 
 // An event as the agent makes them: a head block whose continuation carries the payload. The
 // number stands at the start of the head. Ends the program when there is no memory.

@@ -4,6 +4,8 @@
 #include <ctime>
 #include <mutex>
 #include <stdexcept>
+#include <thread>
+#include <vector>
 
 #include "OrloStream/StreamManager.h"
 #include "WindowsAgentCommon/DiskManager.h"
@@ -18,6 +20,13 @@ using WindowsAgentCommon::MessageBlockPtr;
 using WindowsAgentCommon::ServiceRegistration;
 using WindowsAgentCommon::StatisticsServer;
 
+namespace {
+
+// An event's number is its place in its poster's row times this, plus the poster's own.
+constexpr std::uint64_t kMostPosters = 64;
+
+}  // namespace
+
 // Takes the events of one batch, notes when the first and the last came, and wakes whoever waits
 // for the batch's end. put runs on the stage's sending thread.
 class CountingDestination : public WindowsAgentCommon::OrloTask {
@@ -30,7 +39,9 @@ class CountingDestination : public WindowsAgentCommon::OrloTask {
     if (m_arrived == 0) {
       m_first = Clock::now();
     }
-    m_inOrder = m_inOrder && GetNumber(*event) == m_arrived;
+    const std::uint64_t number = GetNumber(*event);
+    m_inOrder = m_inOrder && number % kMostPosters < m_next.size() &&
+                number / kMostPosters == m_next[number % kMostPosters]++;
     if (++m_arrived == m_expected) {
       m_last = Clock::now();
       const std::lock_guard guard(m_lock);
@@ -41,8 +52,9 @@ class CountingDestination : public WindowsAgentCommon::OrloTask {
   }
 
   // Before the first post of a batch, which is when nothing is on its way.
-  void Expect(std::size_t events) {
+  void Expect(std::size_t events, unsigned posters) {
     m_expected = events;
+    m_next.assign(posters, 0);
     m_arrived = 0;
     m_inOrder = true;
     m_done = false;
@@ -65,6 +77,7 @@ class CountingDestination : public WindowsAgentCommon::OrloTask {
   // Handed from the posting thread to the sending thread and back through the stage's queues.
   std::size_t m_expected = 0;
   std::size_t m_arrived = 0;
+  std::vector<std::uint64_t> m_next;  // of each poster
   bool m_inOrder = true;
   Clock::time_point m_first;
   Clock::time_point m_last;
@@ -94,19 +107,31 @@ StageRun::StageRun()
 
 StageRun::~StageRun() { m_manager->Remove(*m_stream); }
 
-void StageRun::WaitForPeriod() { Post(1, 1); }
+void StageRun::WaitForPeriod() { Post(1, 1, 1); }
 
-StageTimes StageRun::Post(std::size_t events, std::size_t payloadSize) {
+void StageRun::PostFrom(unsigned poster, std::size_t events, std::size_t payloadSize) {
+  for (std::size_t number = 0; number < events; ++number) {
+    if (m_stream->Post(MakeEvent(number * kMostPosters + poster, payloadSize).release()).Failed()) {
+      throw std::runtime_error("the stage refused an event");
+    }
+  }
+}
+
+StageTimes StageRun::Post(std::size_t events, std::size_t payloadSize, unsigned posters) {
   StageTimes times;
   const std::int64_t chunksBefore = CountChunks();
-  m_destination->Expect(events);
+  const std::size_t each = events / posters;
+  m_destination->Expect(each * posters, posters);
 
   const auto processorStart = GetProcessorTime();
   const auto start = Clock::now();
-  for (std::size_t number = 0; number < events; ++number) {
-    if (m_stream->Post(MakeEvent(number, payloadSize).release()).Failed()) {
-      throw std::runtime_error("the stage refused an event");
-    }
+  std::vector<std::thread> others;
+  for (unsigned poster = 1; poster < posters; ++poster) {
+    others.emplace_back([=, this] { PostFrom(poster, each, payloadSize); });
+  }
+  PostFrom(0, each, payloadSize);
+  for (std::thread& other : others) {
+    other.join();
   }
   times.posting = Clock::now() - start;
   m_destination->Wait();

@@ -44,11 +44,12 @@ class StageRun {
   // Posts one event and returns when it has arrived: a chunking period has just begun.
   void WaitForPeriod();
 
-  // Posts the events and returns when all have arrived. Ends the program if one is missing or out
-  // of order.
-  StageTimes Post(std::size_t events, std::size_t payloadSize);
+  // Posts the events, the same number of them from so many threads at once, and returns when all
+  // have arrived. Ends the program if one is missing, or out of the order of its thread.
+  StageTimes Post(std::size_t events, std::size_t payloadSize, unsigned posters);
 
  private:
+  void PostFrom(unsigned poster, std::size_t events, std::size_t payloadSize);
   std::int64_t CountChunks() const;
 
   ScratchDirectory m_scratch;

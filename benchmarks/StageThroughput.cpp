@@ -20,7 +20,7 @@
 // Processor time is that of all threads, the wait included, in which next to nothing is used. A
 // batch that straddles the end of a period is measured again. Each figure is the median of the
 // rounds. The ratio is the hop's time per event divided by the line's: 1.00 would be as fast as the
-// bare queue.
+// bare queue. The last lines are those of four threads that post at once.
 
 #include <ace/Message_Queue.h>
 #include <ace/Synch.h>
@@ -31,6 +31,7 @@
 #include <exception>
 #include <functional>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -44,8 +45,11 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// Posters of the last lines.
+constexpr unsigned kCrowd = 4;
+
 struct Options {
-  std::size_t events = 200'000;
+  std::size_t events = 100'000;
   std::size_t payloadSize = 200;
   unsigned rounds = 5;
 };
@@ -79,18 +83,25 @@ HopTimes MeasureQueueHop(const Options& options) {
 struct Round {
   HopTimes hop;
   StageTimes stage;
+  StageTimes crowd;  // with several posters
 };
 
-Round Measure(StageRun& run, const Options& options) {
+StageTimes MeasureStage(StageRun& run, const Options& options, unsigned posters) {
   constexpr int kAttempts = 3;
   for (int attempt = 0; attempt < kAttempts; ++attempt) {
     run.WaitForPeriod();
-    const StageTimes stage = run.Post(options.events, options.payloadSize);
+    const StageTimes stage = run.Post(options.events, options.payloadSize, posters);
     if (!stage.cut) {
-      return {MeasureQueueHop(options), stage};
+      return stage;
     }
   }
   throw std::runtime_error("a batch takes longer than a chunking period; give fewer --events");
+}
+
+Round Measure(StageRun& run, const Options& options) {
+  const HopTimes hop = MeasureQueueHop(options);
+  const StageTimes stage = MeasureStage(run, options, 1);
+  return {hop, stage, MeasureStage(run, options, kCrowd)};
 }
 
 double Median(const std::vector<Round>& rounds,
@@ -107,33 +118,43 @@ double Median(const std::vector<Round>& rounds,
 
 void PrintLine(const char* name, double seconds, double hopSeconds, const Options& options) {
   const auto events = static_cast<double>(options.events);
-  std::printf("%-28s %12.0f %10.0f %8.2f\n", name, events / seconds, seconds / events * 1e9,
+  std::printf("| %s | %.0f | %.0f | %.2f |\n", name, events / seconds / 1e3, seconds / events * 1e9,
               hopSeconds / seconds);
+}
+
+void PrintHead(const char* what) {
+  std::printf("| %s | thousand events/s | ns/event | ratio |\n|---|---|---|---|\n", what);
 }
 
 void Print(const std::vector<Round>& rounds, const Options& options) {
   const double hop = Median(rounds, [](const Round& round) { return round.hop.wall.count(); });
+  const auto wall = [&](const char* name, StageTimes Round::*times) {
+    const auto print = [&](const char* what, auto seconds) {
+      PrintLine((std::string(name) + what).c_str(),
+                Median(rounds, [&](const Round& round) { return seconds(round.*times).count(); }),
+                hop, options);
+    };
+    print(", posting", [](const StageTimes& stage) { return stage.posting; });
+    print(", delivery", [](const StageTimes& stage) { return stage.delivery; });
+    print(", both", [](const StageTimes& stage) { return stage.posting + stage.delivery; });
+  };
+  PrintHead("wall time");
+  PrintLine("bare queue hop", hop, hop, options);
+  wall("stage, one poster", &Round::stage);
+  wall("stage, four posters", &Round::crowd);
+
   const double hopProcessor =
       Median(rounds, [](const Round& round) { return round.hop.processor.count(); });
-  std::printf("%-28s %12s %10s %8s\n", "wall time", "events/s", "ns/event", "ratio");
-  PrintLine("bare queue hop", hop, hop, options);
-  PrintLine("stage, posting",
-            Median(rounds, [](const Round& round) { return round.stage.posting.count(); }), hop,
-            options);
-  PrintLine("stage, delivery",
-            Median(rounds, [](const Round& round) { return round.stage.delivery.count(); }), hop,
-            options);
-  PrintLine("stage, both",
-            Median(rounds,
-                   [](const Round& round) {
-                     return (round.stage.posting + round.stage.delivery).count();
-                   }),
-            hop, options);
-  std::printf("%-28s %12s %10s %8s\n", "processor time", "events/s", "ns/event", "ratio");
+  const auto processor = [&](const char* name, StageTimes Round::*times) {
+    PrintLine(name,
+              Median(rounds, [&](const Round& round) { return (round.*times).processor.count(); }),
+              hopProcessor, options);
+  };
+  std::printf("\n");
+  PrintHead("processor time of all threads");
   PrintLine("bare queue hop", hopProcessor, hopProcessor, options);
-  PrintLine("stage, both",
-            Median(rounds, [](const Round& round) { return round.stage.processor.count(); }),
-            hopProcessor, options);
+  processor("stage, one poster", &Round::stage);
+  processor("stage, four posters", &Round::crowd);
 }
 
 }  // namespace
@@ -156,8 +177,8 @@ int Run(int argc, char** argv) {
   logging.level = WindowsAgentCommon::LogLevel::Warn;
   WindowsAgentCommon::LoggerFactory::Configure(logging);
 
-  std::printf("%zu events of %zu + %zu bytes, median of %u rounds of ten seconds\n\n",
-              options.events, kHeadSize, options.payloadSize, options.rounds);
+  std::printf("%zu events of %zu + %zu bytes, median of %u rounds\n\n", options.events, kHeadSize,
+              options.payloadSize, options.rounds);
   StageRun run;
   std::vector<Round> rounds;
   for (unsigned number = 0; number < options.rounds; ++number) {

@@ -10,12 +10,15 @@ import re
 import subprocess
 import sys
 
+import backlog
 import report
 import scenario
 import systems
 
 SIZES = (50, 200, 1000, 4096, 16384, 65536)
 CONNECTIONS = (1, 4, 16, 64)
+CHUNKS = (1, 10, 100, 500, 2000)
+BACKLOG_EVENTS = 200_000
 
 
 def find_peers():
@@ -49,7 +52,7 @@ def play(programs, rounds, events, size, missing):
 
 
 def grow(ours, directory):
-    """Take-in and drain over sizes, connections and backlogs: a plot each."""
+    """Take-in and drain over sizes and connections, and emptying backlogs: a plot each."""
     directory.mkdir(parents=True, exist_ok=True)
 
     def measure(events, size, connections=1):
@@ -60,9 +63,7 @@ def grow(ours, directory):
             ("sizes", "Events per second over event sizes", "bytes of an event",
              [(size, (min(500_000, 100_000_000 // size), size, 1)) for size in SIZES]),
             ("connections", "Events per second over connections (200 bytes)", "connections",
-             [(count, (500_000, 200, count)) for count in CONNECTIONS]),
-            ("backlogs", "Events per second over the events held (200 bytes)", "thousand events",
-             [(count // 1000, (count, 200, 1)) for count in (10_000, 100_000, 1_000_000)])):
+             [(count, (500_000, 200, count)) for count in CONNECTIONS])):
         series = {"taken in": [], "drained": []}
         for x, arguments in cases:
             taken, drained = measure(*arguments)
@@ -70,6 +71,13 @@ def grow(ours, directory):
             series["drained"].append((x, drained))
             print(f"{name} {x}: {taken:.0f} {drained:.0f}", file=sys.stderr)
         report.svg(title, x_title, "events/s", series, directory / f"{name}.svg")
+
+    points = []
+    for chunks in CHUNKS:
+        points.append((chunks, backlog.run_backlog(ours, chunks, BACKLOG_EVENTS, 200)))
+        print(f"backlogs {chunks}: {points[-1][1]:.0f}", file=sys.stderr)
+    report.svg(f"Emptying {BACKLOG_EVENTS:,} events (200 bytes) over the chunks that they are in",
+               "chunks", "events/s", {"drained": points}, directory / "backlogs.svg")
 
 
 def machine():
@@ -113,7 +121,7 @@ def main():
     figures = play([ours, *peers], options.rounds, options.events, options.size, missing)
     text = "\n\n".join([
         f"{options.events:,} events of {options.size} bytes. {machine()}.",
-        report.table(figures), report.ratios(figures, ours.name, options.events), *missing])
+        report.table(figures), report.ratios(figures, ours.name), *missing])
     print(text)
     if output:
         replace(output, "outage", text)
