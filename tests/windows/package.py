@@ -36,10 +36,13 @@ class Package(support.AgentTest):
             archive.extractall(place)
         (self.package,) = place.glob("orlo-*")
 
-    def run_agent(self, *arguments):
-        return subprocess.run(["wine", str(self.package / "orlo-agent.exe"), *arguments],
+    def run_program(self, name, *arguments):
+        return subprocess.run(["wine", str(self.package / name), *arguments],
                               cwd=self.package, capture_output=True, text=True,
                               timeout=support.LIMIT)
+
+    def run_agent(self, *arguments):
+        return self.run_program("orlo-agent.exe", *arguments)
 
     def start_agent(self, config):
         return self.start(config, arguments=["wine", str(self.package / "orlo-agent.exe"), "run",
@@ -67,6 +70,13 @@ class Package(support.AgentTest):
         self.wait_for_cached(EVENTS)
         self.assertEqual(agent.stop(), 0)
         self.assertEqual(agent.summary(), (0, EVENTS, 0, 1))
+
+        looked = self.run_program("orlo-cache.exe", "verify", str(self.directory / "data"))
+        self.assertEqual(looked.returncode, 0, looked.stdout + looked.stderr)
+        self.assertIn(f"{EVENTS} events", looked.stdout)
+        exported = self.run_program("orlo-cache.exe", "export", str(self.directory / "data"),
+                                    "--format", "raw")
+        self.assertEqual(exported.stdout.encode(), support.as_lines(events))
 
         receiver = self.receiver(port)
         agent = self.start_agent(config)

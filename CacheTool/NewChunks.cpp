@@ -1,0 +1,151 @@
+#include "CacheTool/NewChunks.h"
+
+#include <algorithm>
+#include <fstream>
+
+#include "Agent/PathText.h"
+#include "CacheTool/System.h"
+#include "CacheTool/ToolError.h"
+#include "Platform/Windows.h"
+#include "StoreAndForward/ChunkFormat.h"
+#include "StoreAndForward/ChunkNames.h"
+#include "WindowsAgentCommon/MessageBlocks.h"
+#include "WindowsAgentCommon/Text.h"
+
+namespace OrloCacheTool {
+
+namespace fs = std::filesystem;
+using OrloAgent::ToPath;
+using OrloAgent::ToText;
+using WindowsAgentCommon::MessageBlockPtr;
+
+namespace {
+
+constexpr std::size_t kDigits = 6;
+// Of the two blocks of an event.
+constexpr std::uint64_t kLengths = 8;
+constexpr std::uint64_t kLargestChunk = 0xffffffff;
+
+MessageBlockPtr MakeBlock(std::string_view bytes) {
+  ACE_Message_Block* created = nullptr;
+  if (WindowsAgentCommon::CreateDataMessageBlock(bytes.size(), created) != 0) {
+    throw ToolError("There is no memory for an event of " + std::to_string(bytes.size()) +
+                    " bytes");
+  }
+  MessageBlockPtr block(created);
+  block->copy(bytes.data(), bytes.size());
+  return block;
+}
+
+}  // namespace
+
+std::string NameBehind(const std::string& file) {
+  const std::size_t dash = file.rfind('-');
+  if (dash != std::string::npos && file.size() - dash - 1 == kDigits) {
+    std::string number = file.substr(dash + 1);
+    const bool isNumber = std::all_of(number.begin(), number.end(), [](char character) {
+      return character >= '0' && character <= '9';
+    });
+    if (isNumber && number != std::string(kDigits, '9')) {
+      return file.substr(0, dash) + WindowsAgentCommon::Format("-%06d", std::stoul(number) + 1);
+    }
+  }
+  return file + "-000001";
+}
+
+NewChunks::NewChunks(fs::path cache, const std::optional<ListedChunk>& last,
+                     std::uint64_t chunkSize)
+    : m_cache(std::move(cache)), m_chunkSize(chunkSize), m_pageSize(GetPageSize()) {
+  if (last) {
+    m_minute = last->minute;
+    m_lastFile = last->file;
+  } else {
+    const auto now = OrloStoreAndForward::MakeChunkName(_time64(nullptr));
+    m_minute = WindowsAgentCommon::ToUtf8(now.minute);
+    m_lastFile = WindowsAgentCommon::ToUtf8(now.second);
+  }
+  m_directory = m_cache / ToPath(m_minute);
+}
+
+NewChunks::~NewChunks() {
+  std::error_code ignored;
+  for (const Unnamed& chunk : m_unnamed) {
+    fs::remove(chunk.written, ignored);
+  }
+  if (m_madeDirectory) {
+    // Not if there is a chunk in it.
+    fs::remove(m_directory, ignored);
+  }
+}
+
+void NewChunks::Add(const StoredEvent& event) {
+  const std::uint64_t size = kLengths + event.head.size() + event.payload.size();
+  if (!m_events.empty() && m_gathered + size > m_chunkSize) {
+    WriteChunk();
+  }
+  MessageBlockPtr block = MakeBlock(event.head);
+  block->cont(MakeBlock(event.payload).release());
+  m_events.push_back(std::move(block));
+  m_gathered += size;
+}
+
+void NewChunks::WriteChunk() {
+  std::vector<ACE_Message_Block*> events;
+  for (const MessageBlockPtr& event : m_events) {
+    events.push_back(event.get());
+  }
+  const std::uint64_t size =
+      OrloStoreAndForward::RoundUpToPage(OrloStoreAndForward::ChunkDataSize(events), m_pageSize);
+  if (size > kLargestChunk) {
+    throw ToolError("An event is too large for a chunk");
+  }
+  std::vector<unsigned char> bytes(static_cast<std::size_t>(size));
+  // Writing them down releases them.
+  std::for_each(m_events.begin(), m_events.end(), [](MessageBlockPtr& event) { event.release(); });
+  m_events.clear();
+  m_gathered = 0;
+  OrloStoreAndForward::WriteChunk(events, bytes.data());
+
+  std::error_code error;
+  if (fs::create_directory(m_directory, error)) {
+    m_madeDirectory = true;
+    GiveToOwnerOf(m_cache, m_directory);
+  }
+  m_lastFile = NameBehind(m_lastFile);
+  m_unnamed.push_back({m_directory / ToPath(m_lastFile + ".new"), m_lastFile});
+  const fs::path& path = m_unnamed.back().written;
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file.write(reinterpret_cast<const char*>(bytes.data()),
+             static_cast<std::streamsize>(bytes.size()));
+  file.close();
+  if (!file) {
+    throw ToolError(ToText(path) + " can't be written" + (error ? ": " + error.message() : ""));
+  }
+  GiveToOwnerOf(m_cache, path);
+}
+
+std::vector<std::string> NewChunks::Finish() {
+  if (!m_events.empty()) {
+    WriteChunk();
+  }
+  std::vector<std::string> names;
+  while (names.size() < m_unnamed.size()) {
+    const Unnamed& chunk = m_unnamed[names.size()];
+    std::error_code error;
+    fs::rename(chunk.written, m_directory / ToPath(chunk.file), error);
+    if (error) {
+      // What has its name already is taken back: all of them, or none.
+      for (std::size_t done = 0; done < names.size(); ++done) {
+        std::error_code ignored;
+        fs::remove(m_directory / ToPath(m_unnamed[done].file), ignored);
+      }
+      throw ToolError(ToText(chunk.written) + " can't be renamed: " + error.message());
+    }
+    names.push_back(m_minute + "/" + chunk.file);
+  }
+  m_unnamed.clear();
+  m_madeDirectory = false;
+  return names;
+}
+
+}  // namespace OrloCacheTool
