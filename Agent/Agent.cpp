@@ -10,6 +10,7 @@
 #include "Agent/PathText.h"
 #include "Agent/ProcessSignals.h"
 #include "Agent/StdinSource.h"
+#include "Agent/StreamPulse.h"
 #include "Agent/StreamWatch.h"
 #include "Agent/SyslogSource.h"
 #include "Agent/Units.h"
@@ -65,6 +66,25 @@ std::chrono::milliseconds GetProcessingPeriod(const std::vector<StageOptions>& s
   return std::chrono::milliseconds(microseconds / 1000);
 }
 
+// Far longer than a thread that works ever takes, so that no busy machine is taken for a thread
+// that hangs.
+StreamPulse::Limits GetPulseLimits(const StreamOptions& stream) {
+  constexpr std::chrono::minutes kMargin{2};
+  StreamPulse::Limits limits{kMargin, kMargin};
+  for (const StageOptions& stage : stream.stages) {
+    limits.decide += GetChunkPeriod(stage);
+  }
+  std::visit(
+      [&limits](const auto& destination) {
+        limits.send += destination.sendTimeout;
+        if constexpr (requires { destination.connectTimeout; }) {
+          limits.send += destination.connectTimeout;
+        }
+      },
+      stream.destination);
+  return limits;
+}
+
 }  // namespace
 
 // The sources and the destination belong to the stream.
@@ -77,6 +97,8 @@ struct Agent::RunningStream {
   std::chrono::milliseconds processingPeriod{0};
   // Null where there is no store-and-forward stage.
   std::unique_ptr<StreamWatch> watch{};
+  // Null as long as nobody wants to know.
+  std::unique_ptr<StreamPulse> pulse{};
 };
 
 Agent::Agent(AgentOptions options, std::string moduleDirectory)
@@ -139,6 +161,10 @@ void Agent::CreateStream(StreamOptions& options) {
       running->watch = std::make_unique<StreamWatch>(m_options.watch, options.name, stage,
                                                      m_dataDirectory, *m_statistics);
     }
+  }
+
+  if (m_service.GetWatchdogPeriod().count() > 0) {
+    running->pulse = std::make_unique<StreamPulse>(GetPulseLimits(options));
   }
 
   OrloStream::StreamDefinition definition;
@@ -229,8 +255,40 @@ void Agent::WatchStreams() {
   });
 }
 
+// Only while every stream works: a watchdog that is told so by a thread which has nothing to do
+// with the streams would watch nothing.
+void Agent::TellThatItWorks() {
+  if (m_service.GetWatchdogPeriod().count() == 0) {
+    return;
+  }
+  bool isWell = true;
+  for (const auto& running : m_streams) {
+    const auto state = running->pulse->Look(Look(*running), StreamPulse::Clock::now());
+    if (state != StreamPulse::State::Well) {
+      isWell = false;
+      LogFacade::Error(m_log, "Stream %s hangs: %s. The watchdog is not told that all is well.",
+                       running->name,
+                       state == StreamPulse::State::NothingDecided
+                           ? "nothing becomes of the events that are posted"
+                           : "its sender neither sends nor is refused");
+    }
+  }
+  if (isWell) {
+    m_service.StillWorks();
+  }
+  m_serviceTimer.expires_after(m_service.GetWatchdogPeriod() / 4);
+  m_serviceTimer.async_wait([this](const boost::system::error_code& error) {
+    if (!error) {
+      TellThatItWorks();
+    }
+  });
+}
+
 void Agent::Wait() {
   WatchStreams();
+  m_service.Ready(std::to_string(m_streams.size()) +
+                  (m_streams.size() == 1 ? " stream" : " streams"));
+  TellThatItWorks();
   while (!m_stopRequested) {
     m_control.restart();
     m_control.run();
@@ -238,6 +296,7 @@ void Agent::Wait() {
 }
 
 std::vector<StreamReport> Agent::Stop() {
+  m_service.Stopping();
   m_watchTimer.cancel();
   for (const auto& running : m_streams) {
     m_manager->StopSources(*running->stream);

@@ -9,6 +9,7 @@
 
 #include "Agent/Options.h"
 #include "Agent/ProcessSignals.h"
+#include "Agent/ServiceNotifier.h"
 #include "Agent/StreamAccount.h"
 #include "OrloStream/StreamManager.h"
 #include "WindowsAgentCommon/DiskManager.h"
@@ -55,6 +56,7 @@ class Agent {
   void WarnOfShortDrain(const StreamOptions& options) const;
   void OnSourceEnded();
   void WatchStreams();
+  void TellThatItWorks();
   void OnSignal(ProcessSignals::Request request, const std::string& name);
   void Drain();
   std::vector<StreamReport> CloseStreams();
@@ -68,6 +70,8 @@ class Agent {
 
   boost::asio::io_context m_control{1};
   boost::asio::steady_timer m_watchTimer{m_control};
+  ServiceNotifier m_service;
+  boost::asio::steady_timer m_serviceTimer{m_control};
   std::unique_ptr<ProcessSignals> m_signals;
   unsigned m_signalCount = 0;
   std::size_t m_sourcesRunning = 0;

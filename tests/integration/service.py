@@ -1,0 +1,104 @@
+"""The agent as a service of systemd: what it says on the socket of its manager."""
+
+import os
+import socket
+import threading
+import unittest
+
+import support
+
+
+class Manager:
+    """Reads what a service says."""
+
+    def __init__(self, address):
+        self.messages = []
+        self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self._socket.bind(address)
+        self._thread = threading.Thread(target=self._read, daemon=True)
+        self._thread.start()
+
+    def _read(self):
+        while True:
+            message = self._socket.recv(4096).decode().split("\n")
+            self.messages.append(message)
+            if message == ["END"]:
+                return
+
+    def said(self, line):
+        return sum(line in message for message in list(self.messages))
+
+    def close(self, address):
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as last:
+            last.sendto(b"END", address)
+        self._thread.join(support.LIMIT)
+        self._socket.close()
+
+
+class Service(support.AgentTest):
+    def run_as_service(self, address, **environment):
+        """An agent for that socket, whose environment is set for its start alone."""
+        manager = Manager(address)
+        self.addCleanup(manager.close, address)
+        name = address.replace("\0", "@")
+        names = {"NOTIFY_SOCKET": name, **environment}
+        os.environ.update(names)
+        try:
+            config = self.configure(self.stream(
+                support.SYSLOG_SOURCE, "{ type: file, path: events.log }"))
+            agent = self.start(config)
+        finally:
+            for key in names:
+                del os.environ[key]
+        agent.port()
+        return manager, agent
+
+    def test_readiness_and_the_stop_are_told(self):
+        manager, agent = self.run_as_service(str(self.directory / "notify"))
+        support.wait_until(lambda: manager.said("READY=1"), "readiness")
+        self.assertEqual(manager.said("STATUS=1 stream"), 1)
+        self.assertEqual(manager.said("STOPPING=1"), 0)
+        self.assertEqual(agent.stop(), 0)
+        support.wait_until(lambda: manager.said("STOPPING=1"), "the stop")
+        self.assertEqual(manager.said("WATCHDOG=1"), 0, "nobody has asked for it")
+
+    def test_a_watchdog_is_told_again_and_again_also_while_the_agent_stops(self):
+        manager, agent = self.run_as_service(str(self.directory / "notify"),
+                                             WATCHDOG_USEC="1000000")
+        support.wait_until(lambda: manager.said("WATCHDOG=1") >= 5, "five signs of life")
+        # An event makes the stop last for the rest of its chunking period.
+        support.send(agent.port(), b"one\n")
+        agent.signal()
+        support.wait_until(lambda: manager.said("STOPPING=1"), "the stop")
+        before = manager.said("WATCHDOG=1")
+        self.assertEqual(agent.wait(), 0)
+        self.assertGreater(manager.said("WATCHDOG=1"), before)
+        self.assertEqual((self.directory / "events.log").read_bytes(), b"one\n")
+
+    def test_a_watchdog_of_another_process_is_not_told(self):
+        manager, agent = self.run_as_service(str(self.directory / "notify"),
+                                             WATCHDOG_USEC="100000", WATCHDOG_PID="1")
+        support.wait_until(lambda: manager.said("READY=1"), "readiness")
+        self.assertEqual(agent.stop(), 0)
+        support.wait_until(lambda: manager.said("STOPPING=1"), "the stop")
+        self.assertEqual(manager.said("WATCHDOG=1"), 0)
+
+    def test_a_socket_may_have_an_abstract_name(self):
+        manager, agent = self.run_as_service(f"\0orlo-test-{self.directory.name}")
+        support.wait_until(lambda: manager.said("READY=1"), "readiness")
+        self.assertEqual(agent.stop(), 0)
+
+    def test_a_manager_that_is_not_there_does_not_matter(self):
+        for address in (str(self.directory / "absent"), "no-path", "/" + 200 * "x"):
+            os.environ["NOTIFY_SOCKET"] = address
+            try:
+                agent = self.start(self.configure(self.stream(
+                    support.SYSLOG_SOURCE, "{ type: file, path: events.log }")))
+            finally:
+                del os.environ["NOTIFY_SOCKET"]
+            agent.port()
+            self.assertEqual(agent.stop(), 0)
+
+
+if __name__ == "__main__":
+    unittest.main()
