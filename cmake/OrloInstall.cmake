@@ -1,12 +1,16 @@
 # What `cmake --install` puts where, and the CMake package through which other projects build stage
 # modules:
 #
-#   bin/orlo-agent
+#   bin/orlo-agent, bin/orlo-cache
 #   lib/                      the agent's libraries
 #   lib/orlo/                 stage modules; the agent looks for them here
 #   lib/cmake/Orlo/           find_package(Orlo)
 #   include/orlo/<folder>/    headers
 #   share/orlo/               examples of configurations
+#   share/man/, share/bash-completion/
+#                             manual pages, completion of command lines
+#
+# Component "agent" is what running the agent needs, "development" the rest.
 include(CMakePackageConfigHelpers)
 
 set(ORLO_INSTALL_MODULEDIR "${CMAKE_INSTALL_LIBDIR}/orlo")
@@ -18,27 +22,42 @@ set_target_properties(StoreAndForwardStage PROPERTIES INSTALL_RPATH "$ORIGIN/.."
 
 install(TARGETS Platform WindowsAgentCommon OrloStream
   EXPORT OrloTargets
-  RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}"
-  LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
-  ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}"
+  RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT agent
+  LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT agent
+  ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT development
   INCLUDES DESTINATION include/orlo)
 install(TARGETS StoreAndForwardStage
-  RUNTIME DESTINATION "${ORLO_INSTALL_MODULEDIR}"
-  LIBRARY DESTINATION "${ORLO_INSTALL_MODULEDIR}")
-foreach(program orlo-agent orlo-cache)
-  if(TARGET ${program})
-    install(TARGETS ${program} RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+  RUNTIME DESTINATION "${ORLO_INSTALL_MODULEDIR}" COMPONENT agent
+  LIBRARY DESTINATION "${ORLO_INSTALL_MODULEDIR}" COMPONENT agent)
+install(TARGETS orlo-agent orlo-cache
+  RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT agent)
+
+if(NOT WIN32)
+  install(FILES packaging/completions/orlo-agent packaging/completions/orlo-cache
+    DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" COMPONENT agent)
+endif()
+if(ORLO_DEBIAN_PACKAGE)
+  include(OrloDebianPackage)
+else()
+  install(DIRECTORY config/ DESTINATION "${CMAKE_INSTALL_DATADIR}/orlo" COMPONENT agent
+    FILES_MATCHING PATTERN "*.yaml")
+  if(NOT WIN32)
+    install(FILES packaging/man/orlo-cache.1 DESTINATION "${CMAKE_INSTALL_MANDIR}/man1"
+      COMPONENT agent)
+    install(FILES packaging/man/orlo-agent.8 DESTINATION "${CMAKE_INSTALL_MANDIR}/man8"
+      COMPONENT agent)
   endif()
-endforeach()
+endif()
 
-install(FILES Platform/Windows.h Platform/Error.h DESTINATION include/orlo/Platform)
+install(FILES Platform/Windows.h Platform/Error.h DESTINATION include/orlo/Platform
+  COMPONENT development)
 foreach(folder WindowsAgentCommon OrloStream)
-  install(DIRECTORY ${folder}/ DESTINATION include/orlo/${folder} FILES_MATCHING PATTERN "*.h")
+  install(DIRECTORY ${folder}/ DESTINATION include/orlo/${folder} COMPONENT development
+    FILES_MATCHING PATTERN "*.h")
 endforeach()
-install(DIRECTORY config/ DESTINATION "${CMAKE_INSTALL_DATADIR}/orlo"
-  FILES_MATCHING PATTERN "*.yaml")
 
-install(EXPORT OrloTargets NAMESPACE Orlo:: DESTINATION "${ORLO_INSTALL_CMAKEDIR}")
+install(EXPORT OrloTargets NAMESPACE Orlo:: DESTINATION "${ORLO_INSTALL_CMAKEDIR}"
+  COMPONENT development)
 configure_package_config_file(cmake/OrloConfig.cmake.in OrloConfig.cmake
   INSTALL_DESTINATION "${ORLO_INSTALL_CMAKEDIR}"
   PATH_VARS ORLO_INSTALL_MODULEDIR)
@@ -47,7 +66,7 @@ install(FILES
   "${CMAKE_CURRENT_BINARY_DIR}/OrloConfig.cmake"
   "${CMAKE_CURRENT_BINARY_DIR}/OrloConfigVersion.cmake"
   cmake/FindACE.cmake
-  DESTINATION "${ORLO_INSTALL_CMAKEDIR}")
+  DESTINATION "${ORLO_INSTALL_CMAKEDIR}" COMPONENT development)
 
 if(ORLO_BUILD_TESTS AND NOT WIN32)
   # Installs into a place of its own, builds the example project against what is there, and runs
