@@ -80,8 +80,7 @@ std::optional<std::string> GetHex(const nlohmann::json& object, const char* key)
   if (found == object.end()) {
     return std::nullopt;
   }
-  const auto bytes =
-      found->is_string() ? FromHex(found->get_ref<const std::string&>()) : std::nullopt;
+  auto bytes = found->is_string() ? FromHex(found->get_ref<const std::string&>()) : std::nullopt;
   if (!bytes) {
     throw ToolError(Format("\"%s\" is not made of pairs of hexadecimal digits", key));
   }

@@ -71,7 +71,7 @@ fs::path Move(const CachePlace& place, const ListedChunk& chunk, const ChunkCont
   if (error) {
     throw ToolError(ToText(directory) + " can't be made: " + error.message());
   }
-  const fs::path target = FindFreeName(directory, chunk);
+  fs::path target = FindFreeName(directory, chunk);
   const fs::path note = ToPath(ToText(target) + kNoteEnding);
   WriteNote(note, target, chunk, contents);
   GiveToOwnerOf(place.cache, note);
