@@ -1,10 +1,11 @@
 # The fuzz targets. fuzz/ links each with libFuzzer, tests/fuzz/ with a program that replays inputs.
 
-set(ORLO_FUZZ_TARGETS ReadChunk ParseInterval FrameReader RelpFrames Configuration ZoneRules)
+set(ORLO_FUZZ_TARGETS ReadChunk ParseInterval FrameReader RelpFrames EventHeader Configuration ZoneRules)
 set(ORLO_FUZZ_LIBRARIES_ReadChunk StoreAndForwardCore)
 set(ORLO_FUZZ_LIBRARIES_ParseInterval StoreAndForwardSchedule)
 set(ORLO_FUZZ_LIBRARIES_FrameReader AgentCore)
 set(ORLO_FUZZ_LIBRARIES_RelpFrames AgentCore)
+set(ORLO_FUZZ_LIBRARIES_EventHeader AgentCore)
 set(ORLO_FUZZ_LIBRARIES_Configuration AgentCore)
 set(ORLO_FUZZ_LIBRARIES_ZoneRules Platform)
 
