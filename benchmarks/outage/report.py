@@ -64,16 +64,18 @@ def ratios(rounds, ours):
 
 
 def svg(title, x_title, y_title, series, path):
-    """A plot with logarithmic x and y from 0: `series` maps names to lists of (x, y)."""
+    """A plot with both axes logarithmic: `series` maps names to lists of (x, y)."""
     import math
     width, height, left, bottom, top, right = 640, 360, 80, 50, 40, 20
     xs = sorted({x for points in series.values() for x, _ in points})
-    highest = max((y for points in series.values() for _, y in points), default=1) * 1.1
+    ys = [y for points in series.values() for _, y in points]
+    decades = range(math.floor(math.log10(min(ys))), math.ceil(math.log10(max(ys))) + 1)
     low, high = math.log(xs[0]), math.log(xs[-1] if xs[-1] > xs[0] else xs[0] * 2)
 
     def place(x, y):
         return (left + (math.log(x) - low) / (high - low) * (width - left - right),
-                height - bottom - y / highest * (height - bottom - top))
+                height - bottom - (math.log10(y) - decades[0]) / max(len(decades) - 1, 1) *
+                (height - bottom - top))
 
     out = [f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {width} {height}" '
            'font-family="sans-serif" font-size="12">',
@@ -82,14 +84,14 @@ def svg(title, x_title, y_title, series, path):
            f'<text x="{(width + left) / 2}" y="{height - 10}" text-anchor="middle">{x_title}</text>',
            f'<text x="15" y="{height / 2}" text-anchor="middle" '
            f'transform="rotate(-90 15 {height / 2})">{y_title}</text>']
-    for step in range(5):
-        value = highest * step / 4
+    for decade in decades:
+        value = 10 ** decade
         _, y = place(xs[0], value)
         out.append(f'<line x1="{left}" y1="{y:.1f}" x2="{width - right}" y2="{y:.1f}" '
                    'stroke="#ddd"/>'
                    f'<text x="{left - 6}" y="{y + 4:.1f}" text-anchor="end">{value:,.0f}</text>')
     for x in xs:
-        at, _ = place(x, 0)
+        at, _ = place(x, 1)
         out.append(f'<text x="{at:.1f}" y="{height - bottom + 18}" text-anchor="middle">{x}</text>')
     for index, (name, points) in enumerate(series.items()):
         colour = COLOURS[index % len(COLOURS)]

@@ -115,6 +115,8 @@ def main():
     output = pathlib.Path(options.output) if options.output else None
     if options.growth:
         grow(ours, (output.parent if output else pathlib.Path(".")) / "performance")
+        if output:
+            replace(output, "growth", f"{machine()}.")
         return
     peers, missing = find_peers()
     peers += [systems.Command(text) for text in options.peer_command]
