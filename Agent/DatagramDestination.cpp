@@ -119,8 +119,10 @@ bool DatagramDestination::Send(std::string_view message) {
     if (!error) {
       return true;
     }
-    if (error == boost::asio::error::connection_refused) {
-      // The answer to an earlier datagram. This one has not been sent.
+    if (error == boost::asio::error::connection_refused ||
+        error == boost::asio::error::connection_reset) {
+      // The answer to an earlier datagram, by the name that POSIX and that Windows has for it. This
+      // one has not been sent.
       ++m_unreachable;
       OnDown("nobody listens there, so an event that was sent is lost");
       return false;

@@ -7,6 +7,7 @@
 #include <thread>
 #include <unordered_set>
 
+#include "Agent/ListeningSocket.h"
 #include "Agent/SyslogConnection.h"
 #include "Agent/Units.h"
 #include "WindowsAgentCommon/Exceptions.h"
@@ -103,7 +104,7 @@ void SyslogSource::Server::Open() {
         m_options.listen.host, std::to_string(m_options.listen.port), tcp::resolver::passive);
     const tcp::endpoint endpoint = found.begin()->endpoint();
     m_acceptor.open(endpoint.protocol());
-    m_acceptor.set_option(tcp::acceptor::reuse_address(true));
+    ClaimAddress(m_acceptor);
     m_acceptor.bind(endpoint);
     m_acceptor.listen();
     m_acceptor.non_blocking(true);

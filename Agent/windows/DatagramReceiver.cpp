@@ -13,14 +13,15 @@ constexpr std::size_t kLongestDatagram = 65'535;
 
 }  // namespace
 
+// The buffer takes every datagram whole, and the cutting is done here: what Windows says of one
+// that is longer than the buffer does not come through Asio.
 struct DatagramReceiver::Batch {
-  std::vector<char> buffer;
+  std::size_t maxSize;
+  std::vector<char> buffer = std::vector<char>(kLongestDatagram);
 };
 
 DatagramReceiver::DatagramReceiver(boost::asio::ip::udp::socket& socket, std::size_t maxSize)
-    : m_socket(socket),
-      m_batch(
-          std::make_unique<Batch>(Batch{std::vector<char>(std::min(maxSize, kLongestDatagram))})) {}
+    : m_socket(socket), m_batch(std::make_unique<Batch>(Batch{maxSize})) {}
 
 DatagramReceiver::~DatagramReceiver() = default;
 
@@ -31,11 +32,11 @@ std::size_t DatagramReceiver::Receive(const std::function<void(const Datagram&)>
     boost::system::error_code error;
     const std::size_t size =
         m_socket.receive_from(boost::asio::buffer(m_batch->buffer), datagram.peer, 0, error);
-    datagram.cut = error == boost::asio::error::message_size;
-    if (error && !datagram.cut) {
+    if (error) {
       break;
     }
-    datagram.bytes = {m_batch->buffer.data(), datagram.cut ? m_batch->buffer.size() : size};
+    datagram.cut = size > m_batch->maxSize;
+    datagram.bytes = {m_batch->buffer.data(), std::min(size, m_batch->maxSize)};
     sink(datagram);
     ++count;
   }

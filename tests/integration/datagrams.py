@@ -94,7 +94,7 @@ class DatagramSource(support.AgentTest):
                 "{ type: file, path: ./out.log }")))
             self.assertEqual(agent.wait(), 1)
         self.assertRegex(agent.messages("Error")[0],
-                         rf"Can't listen on udp://127\.0\.0\.1:{port} \(Address already in use\)")
+                         rf"Can't listen on udp://127\.0\.0\.1:{port} \({support.ADDRESS_IN_USE}\)")
 
 
 class DatagramDestination(support.AgentTest):

@@ -53,7 +53,7 @@ class Stall(support.AgentTest):
         agent.wait_for(WARNING)
         support.wait_until(lambda: len(self.warnings(agent)) >= 3, "the warning is repeated")
         for line in self.warnings(agent):
-            self.assertIn(str(stuck), line)
+            self.assertIn(support.as_named(stuck), line)
             self.assertIn("it is a directory", line)
         support.wait_until(lambda: re.search(r"0 events delivered, \d+ cached in \d+ chunks, 0 "
                                              r"lost, 0 held; stalled for [1-9]\d* s\.",

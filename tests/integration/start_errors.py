@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import shlex
 import shutil
 import socket
 import subprocess
@@ -29,7 +30,7 @@ class StartErrors(support.AgentTest):
         self.assertEqual(agent.stop(), 0, agent.lines)
 
     def call(self, *arguments):
-        return subprocess.run([support.AGENT, *arguments], cwd=self.directory, text=True,
+        return subprocess.run([*support.COMMAND, *arguments], cwd=self.directory, text=True,
                               capture_output=True, timeout=support.LIMIT, check=False)
 
     def test_a_missing_module(self):
@@ -69,8 +70,18 @@ class StartErrors(support.AgentTest):
             port = taken.getsockname()[1]
             config = self.configure(self.good() + self.good(f"tcp://127.0.0.1:{port}", "Second"))
             self.refuse(config, rf"Can't listen on tcp://127\.0\.0\.1:{port} "
-                                r"\(Address already in use\)")
+                                rf"\({support.ADDRESS_IN_USE}\)")
         self.start_and_stop(config)
+
+    def test_a_port_on_which_another_agent_listens(self):
+        first = self.start(self.configure(self.good()))
+        port = first.port()
+        second = self.configure(self.good(f"tcp://127.0.0.1:{port}", "Second"),
+                                name="second.yaml")
+        second.write_text(second.read_text().replace("./data", "./second"))
+        self.refuse(second, rf"Can't listen on tcp://127\.0\.0\.1:{port} "
+                            rf"\({support.ADDRESS_IN_USE}\)")
+        self.assertEqual(first.stop(), 0)
 
     def test_a_data_directory_in_use(self):
         config = self.configure(self.good())
@@ -140,13 +151,14 @@ class StartErrors(support.AgentTest):
 
     def test_modules_are_found_beside_the_program(self):
         config = self.configure(self.good())
-        agent = self.start(config, arguments=[support.AGENT, "run", "--config", str(config)])
+        agent = self.start(config, arguments=[*support.COMMAND, "run", "--config", str(config)])
         agent.port()
         self.assertEqual(agent.stop(), 0)
 
     def test_a_closed_standard_output_and_input_do_not_hide_files_behind_their_numbers(self):
         config = self.configure(self.stream("{ type: stdin }", "{ type: stdout }"), drain="6s")
-        command = f'exec "{support.AGENT}" run --config "{config}" --modules "$0" <&- >&-'
+        command = (f'exec {shlex.join(support.COMMAND)} run --config "{config}" --modules "$0" '
+                   "<&- >&-")
         agent = self.start(config, arguments=["sh", "-c", command, support.MODULES])
         self.assertEqual(agent.wait(), 0, agent.lines)
         self.assertRegex("\n".join(agent.messages("Error")), "standard input can't be read")

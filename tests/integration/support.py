@@ -30,8 +30,14 @@ AGENT = os.environ.get("ORLO_AGENT", "")
 MODULES = os.environ.get("ORLO_MODULES", "")
 LAUNCHER = shlex.split(os.environ.get("ORLO_AGENT_LAUNCHER", ""))
 
+# What the program is called by, as the beginning of a command.
+COMMAND = [*LAUNCHER, AGENT]
+
 # What asks the agent to stop. Wine turns an interrupt into Ctrl+C; it ends at once at SIGTERM.
 STOP = signal.SIGINT if LAUNCHER else signal.SIGTERM
+
+# How the system calls what keeps a port from being listened on. Wine has no text for that number.
+ADDRESS_IN_USE = r"Unknown error \(10048\)" if LAUNCHER else "Address already in use"
 
 # Longer than anything takes on a busy machine; a test that is good never waits for it.
 LIMIT = 120
@@ -50,6 +56,13 @@ def wait_until(condition, what, limit=LIMIT):
         if time.monotonic() > end:
             raise AssertionError(f"{what}: not within {limit} s")
         time.sleep(0.02)
+
+
+def as_named(path):
+    """The path as the agent names it: of a program for Windows, this machine's root is drive Z."""
+    if not LAUNCHER:
+        return str(path)
+    return ("Z:" if os.path.isabs(path) else "") + str(path).replace("/", "\\")
 
 
 class RefusingPort:
@@ -82,7 +95,7 @@ class Agent:
 
     def __init__(self, config, directory, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                  modules=None, arguments=None, abandons=False):
-        command = arguments or [*LAUNCHER, AGENT, "run", "--config", str(config),
+        command = arguments or [*COMMAND, "run", "--config", str(config),
                                 "--modules", str(modules or MODULES)]
         environment = dict(os.environ)
         if abandons:
