@@ -116,6 +116,8 @@ void Agent::Start() {
           OnSignal(request, name);
         });
     StartServices();
+    // Before anything moves: an address that is taken is found at once.
+    m_monitor = MakeMonitor(m_options.monitor, {m_statistics, m_disk, m_dataDirectory});
     m_manager = std::make_unique<OrloStream::StreamManager>(m_moduleDirectory);
     for (StreamOptions& stream : m_options.streams) {
       CreateStream(stream);
@@ -123,8 +125,13 @@ void Agent::Start() {
     for (const auto& running : m_streams) {
       m_sourcesRunning += running->sources.size();
     }
-    for (const auto& running : m_streams) {
-      m_manager->StartSources(*running->stream);
+    for (std::size_t i = 0; i < m_streams.size(); ++i) {
+      m_manager->StartSources(*m_streams[i]->stream);
+      if (m_monitor) {
+        m_monitor->AddStream(m_options.streams[i],
+                             {m_streams[i]->sources.begin(), m_streams[i]->sources.end()},
+                             *m_streams[i]->destination);
+      }
     }
   } catch (const std::exception&) {
     TearDown();
@@ -137,11 +144,11 @@ void Agent::StartServices() {
   disk.dataDirectory = WindowsAgentCommon::ToWide(ToText(m_dataDirectory));
   disk.quota = m_options.disk.quota;
   disk.keepFree = m_options.disk.keepFree;
-  const auto diskManager = std::make_shared<WindowsAgentCommon::DiskManager>(std::move(disk));
+  m_disk = std::make_shared<WindowsAgentCommon::DiskManager>(std::move(disk));
   m_lock = std::make_unique<DataDirectoryLock>(m_dataDirectory);
   m_statistics = std::make_shared<WindowsAgentCommon::StatisticsServer>();
   m_services.push_back(std::make_unique<WindowsAgentCommon::ServiceRegistration>(
-      WindowsAgentCommon::IDiskManager::GetServiceName(), diskManager));
+      WindowsAgentCommon::IDiskManager::GetServiceName(), m_disk));
   m_services.push_back(std::make_unique<WindowsAgentCommon::ServiceRegistration>(
       WindowsAgentCommon::IStatisticsServer::GetServiceName(), m_statistics));
 }
@@ -331,6 +338,7 @@ void Agent::Drain() {
 }
 
 std::vector<StreamReport> Agent::CloseStreams() {
+  m_monitor.reset();
   // A sender that is in the middle of a backlog is not let finish it: that could take hours.
   for (const auto& running : m_streams) {
     running->destination->Refuse();
@@ -357,6 +365,7 @@ StreamReport Agent::Look(RunningStream& running) {
 }
 
 void Agent::TearDown() {
+  m_monitor.reset();
   for (const auto& running : m_streams) {
     running->destination->Refuse();
   }
@@ -364,6 +373,7 @@ void Agent::TearDown() {
   m_manager.reset();
   m_services.clear();
   m_statistics.reset();
+  m_disk.reset();
   m_lock.reset();
   m_signals.reset();
 }

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "Agent/Monitor/Monitor.h"
 #include "Agent/Options.h"
 #include "Agent/ProcessSignals.h"
 #include "Agent/ServiceNotifier.h"
@@ -79,10 +80,13 @@ class Agent {
 
   // Destroyed in the reverse order: streams first, services last.
   std::unique_ptr<DataDirectoryLock> m_lock;
+  std::shared_ptr<WindowsAgentCommon::DiskManager> m_disk;
   std::shared_ptr<WindowsAgentCommon::StatisticsServer> m_statistics;
   std::vector<std::unique_ptr<WindowsAgentCommon::ServiceRegistration>> m_services;
   std::unique_ptr<OrloStream::StreamManager> m_manager;
   std::vector<std::unique_ptr<RunningStream>> m_streams;
+  // Null where the options ask for none. Asks the streams' ends, so it goes before them.
+  std::unique_ptr<Monitor> m_monitor;
 };
 
 }  // namespace OrloAgent

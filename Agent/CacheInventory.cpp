@@ -75,6 +75,8 @@ void CacheInventory::LookInto(const fs::path& minuteDirectory, CacheContents& co
     chunk.seen = true;
     contents.events += chunk.events;
     ++contents.chunks;
+    contents.bytes += size;
+    contents.oldest = contents.oldest ? std::min(*contents.oldest, written) : written;
   }
 }
 

@@ -3,12 +3,17 @@
 #include <cstdint>
 #include <filesystem>
 #include <map>
+#include <optional>
 
 namespace OrloAgent {
 
 struct CacheContents {
   std::uint64_t events = 0;
   std::uint64_t chunks = 0;
+  // Of the chunk files, as they lie on the disk.
+  std::uint64_t bytes = 0;
+  // When the oldest of them was written; nothing if there is none.
+  std::optional<std::filesystem::file_time_type> oldest;
 };
 
 // Tells how many events wait in a stream's event cache, from the count at the start of each chunk

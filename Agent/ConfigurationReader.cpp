@@ -1,6 +1,7 @@
 #include "Agent/ConfigurationReader.h"
 
 #include <algorithm>
+#include <boost/asio/ip/address.hpp>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -8,8 +9,10 @@
 
 #include "Agent/ConfigurationNodes.h"
 #include "Agent/ConfigurationShape.h"
+#include "Agent/Monitor/Monitor.h"
 #include "Agent/PathText.h"
 #include "Agent/StreamSection.h"
+#include "Agent/Units.h"
 
 namespace OrloAgent {
 
@@ -74,6 +77,52 @@ void ReadWatch(const ConfigurationEntry& entry, ValueReader& reader, WatchOption
   map.RefuseOthers();
 }
 
+// HOST:PORT, the host an address: a name could lead elsewhere tomorrow.
+void ReadMonitorAddress(const ConfigurationEntry& entry, ValueReader& reader,
+                        MonitorOptions& monitor) {
+  std::string text;
+  if (!reader.ReadText(entry, text)) {
+    return;
+  }
+  std::string problem;
+  const auto endpoint = ParseEndpoint("tcp://" + text, true, problem);
+  boost::system::error_code error;
+  const auto address = boost::asio::ip::make_address(endpoint ? endpoint->host : "", error);
+  if (error) {
+    reader.Note(entry, "\"" + text + "\" is not ADDRESS:PORT, as 127.0.0.1:9464 or [::1]:9464");
+    return;
+  }
+  monitor.host = endpoint->host;
+  monitor.port = endpoint->port;
+  if (!address.is_loopback() && monitor.token.empty()) {
+    reader.Note(
+        entry, "\"" + text + "\" can be reached from other machines; it needs \"token\" beside it");
+  }
+}
+
+void ReadMonitor(const ConfigurationEntry& entry, ValueReader& reader, MonitorOptions& monitor) {
+  constexpr std::size_t kShortestToken = 16;
+  if (!IsMonitorAvailable()) {
+    reader.Note(entry, "can't be used: this program was built without the monitor");
+    return;
+  }
+  MapReader map(entry, reader);
+  if (const auto token = map.Find("token"); token && reader.ReadText(*token, monitor.token)) {
+    if (monitor.token.size() < kShortestToken) {
+      // Without its text.
+      reader.Note(*token, "is too short; a token has 16 characters or more");
+    }
+  }
+  if (const auto listen = map.Require("listen")) {
+    ReadMonitorAddress(*listen, reader, monitor);
+  }
+  if (const auto after = map.Find("refused_after")) {
+    reader.ReadDuration(*after, std::chrono::milliseconds(0), std::chrono::hours(24),
+                        monitor.refusedAfter);
+  }
+  map.RefuseOthers();
+}
+
 void ReadDocument(const YAML::Node& document, Configuration& configuration) {
   ValueReader reader(configuration.mistakes);
   MapReader map({document, 1, ""}, reader);
@@ -92,6 +141,9 @@ void ReadDocument(const YAML::Node& document, Configuration& configuration) {
   }
   if (const auto watch = map.Find("watch")) {
     ReadWatch(*watch, reader, options.watch);
+  }
+  if (const auto monitor = map.Find("monitor")) {
+    ReadMonitor(*monitor, reader, options.monitor);
   }
   if (const auto streams = map.Require("streams")) {
     options.streams = ReadStreams(*streams, reader);

@@ -60,7 +60,7 @@ void DatagramDestination::Stop() {
   m_socket.close(ignored);
   LogFacade::Info(m_log,
                   "%d events were sent as datagrams; %d were cut, %d came back as not receivable.",
-                  m_sent, m_cut, m_unreachable);
+                  m_sent.load(), m_cut.load(), m_unreachable.load());
 }
 
 int DatagramDestination::put(ACE_Message_Block* block, ACE_Time_Value*) {
@@ -77,6 +77,15 @@ int DatagramDestination::put(ACE_Message_Block* block, ACE_Time_Value*) {
                     message.size());
   }
   return 0;
+}
+
+std::vector<EndCounter> DatagramDestination::GetCounters() const {
+  return {
+      {"datagrams", "Events that were sent as datagrams", m_sent},
+      {"messages_cut", "Messages that no datagram can hold and that were cut", m_cut},
+      {"datagrams_unreachable", "Datagrams that came back because nobody listens there",
+       m_unreachable},
+  };
 }
 
 bool DatagramDestination::Prepare() {

@@ -32,6 +32,8 @@ class DatagramDestination : public Destination {
   // What the system has taken has left.
   std::uint64_t GetUnsentEvents() const override { return 0; }
 
+  std::vector<EndCounter> GetCounters() const override;
+
  private:
   bool Prepare();
   bool Send(std::string_view message);
@@ -46,9 +48,9 @@ class DatagramDestination : public Destination {
   std::atomic<bool> m_refusing{false};
   std::chrono::steady_clock::time_point m_nextAttempt{};
   std::chrono::steady_clock::time_point m_nextWarning{};
-  std::uint64_t m_sent = 0;
-  std::uint64_t m_cut = 0;
-  std::uint64_t m_unreachable = 0;
+  std::atomic<std::uint64_t> m_sent{0};
+  std::atomic<std::uint64_t> m_cut{0};
+  std::atomic<std::uint64_t> m_unreachable{0};
   bool m_reportedReady = false;
 };
 

@@ -223,6 +223,17 @@ void DatagramSource::Stop() {
 
 std::uint64_t DatagramSource::GetNotMade() const { return m_server ? m_server->GetNotMade() : 0; }
 
+std::vector<EndCounter> DatagramSource::GetCounters() const {
+  const DatagramSourceCounts counts = GetCounts();
+  return {
+      {"events", "Events that the source has posted", counts.events},
+      {"messages_cut", "Messages that were longer than allowed and were cut", counts.cut},
+      {"datagrams_dropped",
+       "Datagrams that the system has dropped because they came faster than they were taken",
+       counts.dropped},
+  };
+}
+
 std::uint16_t DatagramSource::GetPort() const { return m_server ? m_server->GetPort() : 0; }
 
 DatagramSourceCounts DatagramSource::GetCounts() const {

@@ -34,6 +34,7 @@ class DatagramSource : public Source {
   void Stop() override;
 
   std::uint64_t GetNotMade() const override;
+  std::vector<EndCounter> GetCounters() const override;
 
   // The port in use; 0 when not running. Any thread.
   std::uint16_t GetPort() const;

@@ -3,14 +3,16 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "Agent/EndCounter.h"
 #include "Agent/Options.h"
 #include "WindowsAgentCommon/OrloTask.h"
 
 namespace OrloAgent {
 
 // The end of a stream. put is called by the stage's sending thread; everything else by the control
-// thread, but for GetUnsentEvents and GetLostEvents, which any thread may call.
+// thread, but for the three that ask something, which any thread may call.
 //
 // put takes over the block in any case. 0: the event is taken. 0x40000000: it can't be taken now
 // and is forgotten; it must be offered again before any other.
@@ -24,6 +26,9 @@ class Destination : public WindowsAgentCommon::OrloTask {
 
   // Events that were taken and can never be sent.
   virtual std::uint64_t GetLostEvents() const { return 0; }
+
+  // What else it has counted. Any thread.
+  virtual std::vector<EndCounter> GetCounters() const { return {}; }
 };
 
 // The destination that the options describe; `streamName` is for its messages. Throws

@@ -77,6 +77,10 @@ void FileSource::Stop() {
 
 std::uint64_t FileSource::GetNotMade() const { return m_poster ? m_poster->GetNotMade() : 0; }
 
+std::vector<EndCounter> FileSource::GetCounters() const {
+  return {{"events", "Events that the source has posted", m_poster ? m_poster->GetPosted() : 0}};
+}
+
 void FileSource::Run() {
   Restore();
   do {

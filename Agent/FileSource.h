@@ -34,6 +34,7 @@ class FileSource : public Source {
   void Stop() override;
 
   std::uint64_t GetNotMade() const override;
+  std::vector<EndCounter> GetCounters() const override;
 
  private:
   void Run();

@@ -67,6 +67,22 @@ struct WatchOptions {
   std::chrono::milliseconds report{0};
 };
 
+// Where the agent shows how it is. docs/monitoring.md
+struct MonitorOptions {
+  // An address, never a name. Empty: there is no monitor.
+  std::string host;
+  // 0 lets the system choose.
+  std::uint16_t port = 0;
+
+  // What every request must carry. Needed where `host` is no loopback address; 16 characters at
+  // least. Empty: none.
+  std::string token;
+
+  // For how long a destination may refuse events until the agent no longer calls itself healthy.
+  // 0 to a day.
+  std::chrono::milliseconds refusedAfter{30'000};
+};
+
 // Lines of standard input. Its end stops the agent, unless another source goes on.
 struct StdinSourceOptions {
   // A longer line becomes several events, none of it is dropped. 64 bytes to 16 MiB.
@@ -266,6 +282,7 @@ struct AgentOptions {
   LogOptions log;
   ShutdownOptions shutdown;
   WatchOptions watch;
+  MonitorOptions monitor;
 
   // At least one.
   std::vector<StreamOptions> streams;

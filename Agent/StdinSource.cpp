@@ -63,6 +63,10 @@ void StdinSource::Stop() {
 
 std::uint64_t StdinSource::GetNotMade() const { return m_poster ? m_poster->GetNotMade() : 0; }
 
+std::vector<EndCounter> StdinSource::GetCounters() const {
+  return {{"events", "Events that the source has posted", m_poster ? m_poster->GetPosted() : 0}};
+}
+
 void StdinSource::Run() {
   FrameReader reader({m_options.maxEventSize, FrameReaderOptions::Framing::Newline,
                       FrameReaderOptions::TooLong::Split});

@@ -23,6 +23,7 @@ class StdinSource : public Source {
   void Stop() override;
 
   std::uint64_t GetNotMade() const override;
+  std::vector<EndCounter> GetCounters() const override;
 
  private:
   void Run();

@@ -342,6 +342,23 @@ void SyslogSource::Reload() {
 
 std::uint64_t SyslogSource::GetNotMade() const { return m_server ? m_server->GetNotMade() : 0; }
 
+std::vector<EndCounter> SyslogSource::GetCounters() const {
+  const SyslogSourceCounts counts = GetCounts();
+  return {
+      {"events", "Events that the source has posted", counts.events},
+      {"messages_cut", "Messages that were longer than allowed and were cut", counts.cut},
+      {"messages_truncated", "Octet-counted messages dropped because their connection ended inside",
+       counts.truncated},
+      {"connections", "Connections that were accepted", counts.connections},
+      {"connections_refused", "Connections closed at once because there were too many",
+       counts.refusedConnections},
+      {"connections_malformed", "Connections closed because a length could not be read",
+       counts.malformed},
+      {"handshakes_failed", "Connections closed because they were not secured as demanded",
+       counts.failedHandshakes},
+  };
+}
+
 std::uint16_t SyslogSource::GetPort() const { return m_server ? m_server->GetPort() : 0; }
 
 SyslogSourceCounts SyslogSource::GetCounts() const {

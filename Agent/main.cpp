@@ -4,6 +4,7 @@
 
 #include "Agent/Agent.h"
 #include "Agent/ConfigurationReader.h"
+#include "Agent/Monitor/StatusCommand.h"
 #include "Agent/PathText.h"
 #include "Agent/Process.h"
 #include "WindowsAgentCommon/Exceptions.h"
@@ -112,6 +113,17 @@ int main(int argc, char** argv) {
     command->add_option("--modules", modules,
                         "Directory of the stage modules (default: beside the program)");
   }
+  OrloAgent::StatusQuestion question;
+  CLI::App* const status = app.add_subcommand(
+      "status", "Ask a running agent how it is: 0 healthy, 1 degraded, 2 no agent");
+  auto* const config = status->add_option("--config", question.configuration,
+                                          "The running agent's configuration file");
+  status
+      ->add_option("--url", question.url,
+                   "Where its monitor listens, http://HOST:PORT (token: ORLO_MONITOR_TOKEN)")
+      ->excludes(config);
+  status->add_flag("--json", question.json, "Print what the agent answers");
+  status->add_flag("--watch", question.watch, "Print it again every two seconds");
   try {
     std::vector<std::string> arguments = OrloAgent::GetArguments(argc, argv);
     // That is the order in which they are taken off.
@@ -119,6 +131,9 @@ int main(int argc, char** argv) {
     app.parse(arguments);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : kWrongUsage;
+  }
+  if (status->parsed()) {
+    return OrloAgent::RunStatus(question);
   }
   return run->parsed() ? Run(file, modules) : Check(file);
 }

@@ -50,6 +50,8 @@ void StoreAndForwardIncoming::Initialize(const EnvironmentBlock& environment) {
   m_statistics = std::make_shared<StoreAndForwardIncomingStatisticsProfile>();
   m_statistics->Initialize();
   PublishSettings(lowWaterMark, highWaterMark);
+  m_gauges = std::make_unique<IncomingGauges>(StreamNameText(m_stage->GetParentStreamName()),
+                                              *msg_queue());
 
   ActivateOneThread(*this);
   m_started = true;
@@ -113,6 +115,7 @@ int StoreAndForwardIncoming::svc() {
     ACE_Time_Value deadline = now + ACE_Time_Value(m_dataChunkingPeriod);
     bool running = true;
     while (running) {
+      m_gauges->SetChunk(chunk.size());
       running = TakeBlock(chunk, now);
       now = ACE_OS::gettimeofday();
       const bool due = IsChunkDue(chunk, now, deadline);
@@ -179,6 +182,7 @@ bool StoreAndForwardIncoming::HandOverChunk(Chunk& chunk) {
                    chunk.size());
   m_outgoing->Accept(chunk);
   CountHandOver(chunk);
+  m_gauges->CountNear(chunk.size());
   chunk.clear();
   return true;
 }
@@ -191,6 +195,7 @@ void StoreAndForwardIncoming::HandOverOldestCachedChunk(Chunk& farChunk) {
                    farChunk.size());
   m_outgoing->Accept(farChunk);
   CountHandOver(farChunk);
+  m_gauges->CountFar(farChunk.size());
   m_eventCache->Pop();
   if (m_eventCache->Empty()) {
     LogFacade::Debug(m_log, "No remaining cached data.");
@@ -208,6 +213,7 @@ void StoreAndForwardIncoming::Spill(Chunk& chunk) {
                    records);
   if (m_eventCache->Push(chunk)) {
     m_statistics->UpdateEventDiskCacheAccepts(1, false);
+    m_gauges->CountSpilled(records);
   } else {
     LogFacade::Warn(
         m_log, "Event cache rejected message block for persistance.  Messages lost (%d).", records);

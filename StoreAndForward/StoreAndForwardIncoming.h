@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "StoreAndForward/EventCache.h"
+#include "StoreAndForward/IncomingGauges.h"
 #include "StoreAndForward/StoreAndForwardStatisticsProfile.h"
 #include "WindowsAgentCommon/Logging.h"
 #include "WindowsAgentCommon/OrloTask.h"
@@ -65,7 +66,8 @@ class StoreAndForwardIncoming : public WindowsAgentCommon::OrloTask {
   WindowsAgentCommon::Log m_log;
   std::shared_ptr<EventCache> m_eventCache;
   std::shared_ptr<StoreAndForwardIncomingStatisticsProfile> m_statistics;
-  bool m_started = false;  // control thread only
+  std::unique_ptr<IncomingGauges> m_gauges;  // there from Initialize on
+  bool m_started = false;                    // control thread only
   StoreAndForwardStage* m_stage;
   StoreAndForwardOutgoing* m_outgoing;
 };

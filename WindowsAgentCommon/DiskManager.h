@@ -48,6 +48,7 @@ class DiskManager : public IDiskManager {
 
   std::uint64_t GetUsedSpace() const;
   std::uint64_t GetQuota() const { return m_options.quota; }
+  std::uint64_t GetKeepFree() const { return m_options.keepFree; }
 
  private:
   const DiskManagerOptions m_options;

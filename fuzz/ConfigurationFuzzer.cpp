@@ -172,6 +172,13 @@ void CheckOptions(const AgentOptions& options) {
           "the time until a stall is in range");
   Require(IsIn(options.watch.repeat, std::chrono::seconds(1), hours(24)),
           "the time between warnings of a stall is in range");
+  const MonitorOptions& monitor = options.monitor;
+  Require(IsIn(monitor.refusedAfter, milliseconds(0), hours(24)),
+          "the time until a refusal counts is in range");
+  Require(monitor.token.empty() || monitor.token.size() >= 16, "a token is no short one");
+  Require(monitor.host.find_first_not_of("0123456789abcdefABCDEF.:%") == monitor.host.npos ||
+              monitor.host.find('%') != monitor.host.npos,
+          "the monitor listens on an address");
   Require(IsIn(options.watch.report, milliseconds(0), hours(24)),
           "the time between reports is in range");
   CheckStreams(options.streams);

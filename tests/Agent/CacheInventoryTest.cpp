@@ -33,11 +33,24 @@ TEST_F(CacheInventoryTest, ACacheThatDoesNotExistIsEmpty) {
   EXPECT_EQ(contents.chunks, 0u);
 }
 
+TEST_F(CacheInventoryTest, TheOldestChunkIsTheOneThatWasWrittenFirst) {
+  EXPECT_FALSE(m_inventory.Look().oldest);
+  Write("2016-03-07-14-05/07", 3);
+  Write("2016-03-07-14-05/31", 3);
+  const auto now = fs::file_time_type::clock::now();
+  fs::last_write_time(m_directory.Path() / "2016-03-07-14-05/07", now - std::chrono::hours(2));
+  fs::last_write_time(m_directory.Path() / "2016-03-07-14-05/31", now - std::chrono::hours(3));
+  ASSERT_TRUE(m_inventory.Look().oldest);
+  EXPECT_EQ(*m_inventory.Look().oldest,
+            fs::last_write_time(m_directory.Path() / "2016-03-07-14-05/31"));
+}
+
 TEST_F(CacheInventoryTest, TheCountsOfAllChunksAreAdded) {
   Write("2016-03-07-14-05/07", 3);
   Write("2016-03-07-14-05/31", 200);
   Write("2016-03-07-14-06/00", 0x1234, 1 << 20);
   const auto contents = m_inventory.Look();
+  EXPECT_EQ(contents.bytes, 2u * 4096 + (1 << 20));
   EXPECT_EQ(contents.events, 3u + 200u + 0x1234u);
   EXPECT_EQ(contents.chunks, 3u);
 }

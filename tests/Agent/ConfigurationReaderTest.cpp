@@ -201,6 +201,29 @@ streams:
   EXPECT_EQ(two.maxFiles, 9u);
 }
 
+TEST(Configuration, EveryKeyOfTheMonitorIsRead) {
+  const std::string streams = R"(
+streams:
+  - name: One
+    source: { type: stdin }
+    stages: [ { module: StoreAndForwardStage } ]
+    destination: { type: stdout }
+)";
+  const Configuration none = ParseConfiguration(streams);
+  EXPECT_EQ(none.options.monitor.host, "");
+  const Configuration configuration = ParseConfiguration(
+      "monitor: { listen: \"[::]:9464\", token: 0123456789abcdef, refused_after: 2m }" + streams);
+  ASSERT_TRUE(configuration.mistakes.empty()) << ToText(configuration.mistakes[0], "f");
+  EXPECT_EQ(configuration.options.monitor.host, "::");
+  EXPECT_EQ(configuration.options.monitor.port, 9464);
+  EXPECT_EQ(configuration.options.monitor.token, "0123456789abcdef");
+  EXPECT_EQ(configuration.options.monitor.refusedAfter, milliseconds(120'000));
+  const Configuration loopback =
+      ParseConfiguration("monitor: { listen: \"127.0.0.2:0\" }" + streams);
+  EXPECT_TRUE(loopback.mistakes.empty());
+  EXPECT_EQ(loopback.options.monitor.refusedAfter, milliseconds(30'000));
+}
+
 TEST(Configuration, EveryKeyOfKafkaIsRead) {
   const Configuration configuration = ParseConfiguration(R"(
 streams:
@@ -335,7 +358,7 @@ std::vector<Wrong> DocumentCases() {
       {"UnknownKey",
        "data_dir: x\n" + kStream,
        {"f:1: data_dir: is not known here; known are: data_directory, disk, log, shutdown, "
-        "watch, streams"}},
+        "watch, monitor, streams"}},
       {"KeyTwice",
        "data_directory: x\n\ndata_directory: y\n" + kStream,
        {"f:3: data_directory: stands here a second time; the first is in line 1"}},
@@ -343,7 +366,7 @@ std::vector<Wrong> DocumentCases() {
       {"LineEndInAKey",
        "\"a\\nb\": x\n" + kStream,
        {"f:1: a?b: is not known here; known are: data_directory, disk, log, shutdown, "
-        "watch, streams"}},
+        "watch, monitor, streams"}},
       {"SizeWithoutSense",
        "disk:\n  quota: lots\n  keep_free: 1.5GiB\n" + kStream,
        {"f:2: disk.quota: \"lots\" is not a size such as 10GiB, 512KiB or 4096",
@@ -446,6 +469,19 @@ std::vector<Wrong> StreamCases() {
        WithSource("[ { type: file, path: x }, { type: file, path: y } ]"),
        {"f:3: streams[0].source[1]: is the second source of files of its stream; one can have "
         "several paths"}},
+      {"MonitorOfAName",
+       "monitor: { listen: \"localhost:9464\" }\n" + WithSource("{ type: stdin }"),
+       {"f:1: monitor.listen: \"localhost:9464\" is not ADDRESS:PORT, as 127.0.0.1:9464 or "
+        "[::1]:9464"}},
+      {"MonitorForOthersWithoutAToken",
+       "monitor: { listen: \"0.0.0.0:9464\" }\n" + WithSource("{ type: stdin }"),
+       {"f:1: monitor.listen: \"0.0.0.0:9464\" can be reached from other machines; it needs "
+        "\"token\" beside it"}},
+      {"MonitorWithAShortToken",
+       "monitor: { token: secret, port: 1 }\n" + WithSource("{ type: stdin }"),
+       {"f:1: monitor.token: is too short; a token has 16 characters or more",
+        "f:1: monitor.listen: is missing",
+        "f:1: monitor.port: is not known here; known are: token, listen, refused_after"}},
       {"KafkaWithoutATopic",
        WithDestination("{ type: kafka, brokers: [] }"),
        {"f:5: streams[0].destination.brokers: names no broker",
@@ -591,7 +627,7 @@ TEST(Configuration, AllMistakesAreNamedInOneGoInTheOrderOfTheFile) {
             (std::vector<std::string>{
                 "f:1: disk.quota: \"x\" is not a size such as 10GiB, 512KiB or 4096",
                 "f:2: nonsense: is not known here; known are: data_directory, disk, log, shutdown, "
-                "watch, streams",
+                "watch, monitor, streams",
                 "f:8: streams[1].name: \"a\" differs only by letter case from the name of the "
                 "stream in line 4",
                 "f:9: streams[1].source: reads the standard input, which another source reads "

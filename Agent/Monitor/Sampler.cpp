@@ -1,0 +1,234 @@
+#include "Agent/Monitor/Sampler.h"
+
+#include <algorithm>
+
+#include "Agent/PathText.h"
+#include "Agent/Units.h"
+#include "WindowsAgentCommon/Text.h"
+
+namespace OrloAgent {
+
+using WindowsAgentCommon::Format;
+using WindowsAgentCommon::LoggerFactory;
+
+namespace {
+
+constexpr std::chrono::seconds kPeriod{1};
+constexpr std::chrono::seconds kBetweenPoints{5};
+constexpr std::chrono::hours kHistory{1};
+constexpr std::size_t kMessages = 50;
+
+// Chunks are written in whole pages, so a little less than a page is as good as nothing.
+constexpr std::uint64_t kPage = 4096;
+
+std::int64_t GetMilliseconds() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+struct DescribeSource {
+  EndState operator()(const StdinSourceOptions&) const { return {"stdin", "stdin", {}}; }
+  EndState operator()(const SyslogSourceOptions& options) const {
+    return {"syslog", ToText(options.listen), {}};
+  }
+  EndState operator()(const FileSourceOptions& options) const {
+    std::string paths;
+    for (const std::string& path : options.paths) {
+      paths += (paths.empty() ? "" : ", ") + path;
+    }
+    return {"file", paths, {}};
+  }
+};
+
+struct DescribeDestination {
+  EndState operator()(const StdoutDestinationOptions&) const { return {"stdout", "stdout", {}}; }
+  EndState operator()(const FileDestinationOptions& options) const {
+    return {"file", options.path, {}};
+  }
+  EndState operator()(const SyslogDestinationOptions& options) const {
+    return {"syslog", ToText(options.target), {}};
+  }
+  EndState operator()(const RelpDestinationOptions& options) const {
+    return {"relp", ToText(options.target), {}};
+  }
+  EndState operator()(const KafkaDestinationOptions& options) const {
+    return {"kafka", options.brokers + " " + options.topic, {}};
+  }
+};
+
+}  // namespace
+
+struct Sampler::Watched {
+  StreamSampler sampler;
+  // Null once the stream is gone. Guarded by m_streamsLock.
+  std::vector<const Source*> sources;
+  const Destination* destination;
+  EndsReading described;
+
+  EndsReading Ask() const {
+    EndsReading reading = described;
+    for (std::size_t i = 0; i < sources.size(); ++i) {
+      reading.sources[i].counters = sources[i]->GetCounters();
+      reading.notMade += sources[i]->GetNotMade();
+    }
+    reading.destination.counters = destination->GetCounters();
+    reading.unsent = destination->GetUnsentEvents();
+    reading.refused = destination->GetLostEvents();
+    return reading;
+  }
+};
+
+Sampler::Sampler(Surroundings surroundings)
+    : m_surroundings(std::move(surroundings)),
+      m_started(GetMilliseconds()),
+      m_messages(kMessages) {}
+
+Sampler::~Sampler() {
+  {
+    const std::lock_guard guard(m_lock);
+    m_stop = true;
+  }
+  m_stopped.notify_all();
+  if (m_thread.joinable()) {
+    m_thread.join();
+  }
+}
+
+void Sampler::AddStream(const StreamOptions& options, std::vector<const Source*> sources,
+                        const Destination& destination) {
+  EndsReading described;
+  for (const SourceOptions& source : options.sources) {
+    described.sources.push_back(std::visit(DescribeSource{}, source));
+    const EndState& added = described.sources.back();
+    const auto alike = std::count_if(
+        described.sources.begin(), described.sources.end(),
+        [&](const EndState& one) { return one.type == added.type && one.name == added.name; });
+    if (alike > 1) {
+      described.sources.back().name += Format(" (%d)", alike);
+    }
+  }
+  described.destination = std::visit(DescribeDestination{}, options.destination);
+  auto watched = std::make_shared<Watched>(
+      Watched{StreamSampler(options, m_surroundings.dataDirectory, m_surroundings.refusedAfter),
+              std::move(sources), &destination, std::move(described)});
+  const std::lock_guard guard(m_streamsLock);
+  m_streams.push_back(std::move(watched));
+}
+
+void Sampler::RemoveStream(const std::string& name) {
+  const std::lock_guard guard(m_streamsLock);
+  std::erase_if(m_streams, [&](const auto& one) { return one->sampler.GetName() == name; });
+}
+
+void Sampler::Start() {
+  Sample();
+  m_thread = std::thread(&Sampler::Run, this);
+}
+
+void Sampler::Run() {
+  std::unique_lock lock(m_lock);
+  while (!m_stopped.wait_for(lock, kPeriod, [this] { return m_stop; })) {
+    lock.unlock();
+    try {
+      Sample();
+    } catch (const std::exception&) {
+      // For want of memory. The last state stays; when it grows old, that is seen.
+    }
+    lock.lock();
+  }
+}
+
+void Sampler::Sample() {
+  auto state = std::make_shared<AgentState>();
+  state->version = m_surroundings.version;
+  state->started = m_started;
+  const auto now = StreamSampler::Clock::now();
+  std::vector<std::pair<std::shared_ptr<Watched>, EndsReading>> asked;
+  {
+    const std::lock_guard guard(m_streamsLock);
+    for (const auto& watched : m_streams) {
+      asked.emplace_back(watched, watched->Ask());
+    }
+  }
+  // After the destinations were asked, so that what has left one of them has been counted.
+  state->statistics = m_surroundings.statistics->GetSnapshot();
+  for (auto& [watched, ends] : asked) {
+    state->streams.push_back(watched->sampler.Look(state->statistics, std::move(ends), now));
+  }
+  state->disk = LookAtDisk(state->problems);
+  m_messages.AddTo(*state);
+  state->sampled = GetMilliseconds();
+  const std::lock_guard guard(m_lock);
+  KeepHistory(*state);
+  m_state = std::move(state);
+}
+
+DiskState Sampler::LookAtDisk(std::vector<std::string>& problems) const {
+  DiskState disk;
+  disk.used = m_surroundings.disk->GetUsedSpace();
+  disk.quota = m_surroundings.disk->GetQuota();
+  disk.keepFree = m_surroundings.disk->GetKeepFree();
+  std::error_code error;
+  const auto space = std::filesystem::space(m_surroundings.dataDirectory, error);
+  if (!error) {
+    disk.available = space.available;
+  }
+  if (disk.quota != 0 && disk.used + kPage > disk.quota) {
+    problems.push_back(Format("disk full: the quota of %d bytes is used up", disk.quota));
+  }
+  if (disk.keepFree != 0 && disk.available && *disk.available < disk.keepFree + kPage) {
+    problems.push_back(Format("disk full: %d bytes are free, and %d must stay free",
+                              *disk.available, disk.keepFree));
+  }
+  return disk;
+}
+
+// Requires m_lock.
+void Sampler::KeepHistory(const AgentState& state) {
+  const auto oldest = state.sampled - std::chrono::milliseconds(kHistory).count();
+  const auto between = std::chrono::milliseconds(kBetweenPoints).count();
+  for (const StreamState& stream : state.streams) {
+    auto& points = m_history[stream.name];
+    // A clock that was put back does not stop the history.
+    if (!points.empty() && state.sampled >= points.back().time &&
+        state.sampled - points.back().time < between - 100) {
+      continue;
+    }
+    HistoryPoint point;
+    point.time = state.sampled;
+    point.posted = stream.posted;
+    point.delivered = stream.delivered;
+    point.lost = stream.lost + stream.failed;
+    point.inMemory = stream.GetEventsInMemory();
+    point.cached = stream.cachedEvents;
+    point.cachedBytes = stream.cachedBytes;
+    point.oldestSeconds = stream.oldestSeconds;
+    point.open = !stream.schedule || stream.schedule->open;
+    points.push_back(point);
+  }
+  for (auto& [name, points] : m_history) {
+    while (!points.empty() && points.front().time < oldest) {
+      points.pop_front();
+    }
+  }
+  std::erase_if(m_history, [](const auto& one) { return one.second.empty(); });
+}
+
+std::shared_ptr<const AgentState> Sampler::GetState() const {
+  const std::lock_guard guard(m_lock);
+  return m_state;
+}
+
+History Sampler::GetHistory(std::int64_t since) const {
+  const std::lock_guard guard(m_lock);
+  History history;
+  for (const auto& [name, points] : m_history) {
+    auto& chosen = history[name];
+    std::copy_if(points.begin(), points.end(), std::back_inserter(chosen),
+                 [&](const HistoryPoint& point) { return point.time > since; });
+  }
+  return history;
+}
+
+}  // namespace OrloAgent

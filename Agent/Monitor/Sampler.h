@@ -1,0 +1,77 @@
+#pragma once
+
+#include <condition_variable>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Agent/Destination.h"
+#include "Agent/Monitor/MessageRing.h"
+#include "Agent/Monitor/MonitorState.h"
+#include "Agent/Monitor/StreamSampler.h"
+#include "Agent/Source.h"
+#include "WindowsAgentCommon/DiskManager.h"
+
+namespace OrloAgent {
+
+// Looks at the agent once a second, on a thread of its own, and keeps what it saw: the last state,
+// and an hour of history. Nothing that the streams do waits for it, except that RemoveStream waits
+// until the stream is not being asked.
+class Sampler {
+ public:
+  struct Surroundings {
+    std::shared_ptr<WindowsAgentCommon::StatisticsServer> statistics;
+    std::shared_ptr<WindowsAgentCommon::DiskManager> disk;
+    std::filesystem::path dataDirectory;
+    std::string version;
+    std::chrono::milliseconds refusedAfter{0};
+  };
+
+  explicit Sampler(Surroundings surroundings);
+  ~Sampler();
+
+  // Control thread. The sources and the destination are asked until RemoveStream has returned.
+  void AddStream(const StreamOptions& options, std::vector<const Source*> sources,
+                 const Destination& destination);
+  void RemoveStream(const std::string& name);
+
+  // Takes a first look and starts the thread.
+  void Start();
+
+  // Any thread. Never null after Start.
+  std::shared_ptr<const AgentState> GetState() const;
+
+  // The points of all streams that are younger than `since` (milliseconds since 1970).
+  History GetHistory(std::int64_t since) const;
+
+ private:
+  struct Watched;
+
+  void Run();
+  void Sample();
+  void KeepHistory(const AgentState& state);
+  DiskState LookAtDisk(std::vector<std::string>& problems) const;
+
+  const Surroundings m_surroundings;
+  const std::int64_t m_started;
+  MessageRing m_messages;
+
+  // Held while streams are asked. Taken before m_lock.
+  std::mutex m_streamsLock;
+  std::vector<std::shared_ptr<Watched>> m_streams;  // guarded by m_streamsLock
+
+  mutable std::mutex m_lock;
+  // Guarded by m_lock:
+  std::shared_ptr<const AgentState> m_state;
+  History m_history;
+  bool m_stop = false;
+
+  std::condition_variable m_stopped;
+  std::thread m_thread;
+};
+
+}  // namespace OrloAgent

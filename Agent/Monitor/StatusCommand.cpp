@@ -1,0 +1,206 @@
+#include "Agent/Monitor/StatusCommand.h"
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+#include <chrono>
+#include <cstdlib>
+#include <iostream>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <thread>
+
+#include "Agent/ConfigurationReader.h"
+#include "Agent/Monitor/StatusText.h"
+#include "Agent/Units.h"
+
+namespace OrloAgent {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = boost::beast::http;
+
+using boost::system::error_code;
+using nlohmann::json;
+
+namespace {
+
+constexpr int kHealthy = 0;
+constexpr int kDegraded = 1;
+constexpr int kNotRunning = 2;
+
+constexpr std::chrono::seconds kPatience{10};
+constexpr std::chrono::seconds kBetweenLooks{2};
+// An agent whose last look at itself is older than that hangs.
+constexpr double kStateLastsMilliseconds = 60'000.0;
+constexpr std::uint64_t kLargestAnswer = 64 * 1024 * 1024;
+
+struct Target {
+  std::string host;
+  std::string port;
+  std::string token;
+};
+
+Target ReadTarget(const std::string& file) {
+  const Configuration configuration = LoadConfiguration(file);
+  if (!configuration.mistakes.empty()) {
+    throw std::runtime_error(ToText(configuration.mistakes.front(), file));
+  }
+  const MonitorOptions& monitor = configuration.options.monitor;
+  if (monitor.host.empty()) {
+    throw std::runtime_error(file + " has no section \"monitor\"");
+  }
+  if (monitor.port == 0) {
+    throw std::runtime_error(
+        "the port of the monitor is chosen by the system; the agent's log tells it, and --url "
+        "takes "
+        "it");
+  }
+  const asio::ip::address address = asio::ip::make_address(monitor.host);
+  const std::string host = !address.is_unspecified() ? monitor.host
+                           : address.is_v6()         ? "::1"
+                                                     : "127.0.0.1";
+  return {host, std::to_string(monitor.port), monitor.token};
+}
+
+Target ParseUrl(std::string url) {
+  constexpr std::string_view kScheme = "http://";
+  if (!url.empty() && url.back() == '/') {
+    url.pop_back();
+  }
+  std::string problem;
+  const auto endpoint = url.starts_with(kScheme)
+                            ? ParseEndpoint("tcp://" + url.substr(kScheme.size()), false, problem)
+                            : std::nullopt;
+  if (!endpoint) {
+    throw std::runtime_error("\"" + url + "\" is not http://HOST:PORT");
+  }
+  const char* const token = std::getenv("ORLO_MONITOR_TOKEN");
+  return {endpoint->host, std::to_string(endpoint->port), token != nullptr ? token : ""};
+}
+
+// One request, each step of which ends when the patience does.
+class Client {
+ public:
+  explicit Client(const Target& target) : m_target(target) {}
+
+  // The body of the answer. Throws when there is none.
+  std::string Get(const std::string& path) {
+    asio::ip::tcp::resolver resolver(m_context);
+    asio::ip::tcp::resolver::results_type found;
+    Check(Run([&](auto done) {
+      resolver.async_resolve(m_target.host, m_target.port,
+                             [&found, done](const error_code& error, auto results) {
+                               found = results;
+                               done(error);
+                             });
+    }));
+    m_stream.expires_after(kPatience);
+    Check(Run([&](auto done) {
+      m_stream.async_connect(found, [done](const error_code& error, const auto&) { done(error); });
+    }));
+    const bool isV6 = m_target.host.find(':') != m_target.host.npos;
+    http::request<http::empty_body> request(http::verb::get, path, 11);
+    request.set(http::field::host,
+                (isV6 ? "[" + m_target.host + "]" : m_target.host) + ":" + m_target.port);
+    if (!m_target.token.empty()) {
+      request.set(http::field::authorization, "Bearer " + m_target.token);
+    }
+    Check(Run([&](auto done) {
+      http::async_write(m_stream, request,
+                        [done](const error_code& error, std::size_t) { done(error); });
+    }));
+    beast::flat_buffer buffer;
+    http::response_parser<http::string_body> parser;
+    parser.body_limit(kLargestAnswer);
+    Check(Run([&](auto done) {
+      http::async_read(m_stream, buffer, parser,
+                       [done](const error_code& error, std::size_t) { done(error); });
+    }));
+    if (parser.get().result() != http::status::ok) {
+      throw std::runtime_error("the answer is " + std::to_string(parser.get().result_int()) + " " +
+                               parser.get().body());
+    }
+    return parser.get().body();
+  }
+
+ private:
+  template <typename Start>
+  error_code Run(Start start) {
+    error_code result = asio::error::timed_out;
+    start([&result](const error_code& error) { result = error; });
+    m_context.restart();
+    m_context.run();
+    return result;
+  }
+
+  static void Check(const error_code& error) {
+    if (error) {
+      throw std::runtime_error(error.message());
+    }
+  }
+
+  const Target m_target;
+  asio::io_context m_context{1};
+  beast::tcp_stream m_stream{m_context};
+};
+
+json Fetch(const Target& target, std::string& text) {
+  try {
+    text = Client(target).Get("/status");
+    return json::parse(text);
+  } catch (const std::exception& exception) {
+    throw std::runtime_error("no agent answers at " + target.host + " port " + target.port + " (" +
+                             exception.what() + ")");
+  }
+}
+
+bool IsHealthy(const json& status) {
+  const auto now = std::chrono::duration_cast<std::chrono::milliseconds>(
+                       std::chrono::system_clock::now().time_since_epoch())
+                       .count();
+  return status.at("healthy").get<bool>() &&
+         static_cast<double>(now) - status.at("sampled").get<double>() < kStateLastsMilliseconds;
+}
+
+// Prints once; leaves what was fetched for the rates of the next time.
+int Show(const StatusQuestion& question, const Target& target, json& last) {
+  std::string text;
+  const json status = Fetch(target, text);
+  const bool isHealthy = IsHealthy(status);
+  const std::string shown = question.json ? text : MakeStatusText(status, last);
+  if (question.watch && !question.json) {
+    // From the upper left corner on, and nothing below.
+    std::cout << "\x1b[H\x1b[J";
+  }
+  std::cout << shown << std::flush;
+  last = status;
+  return isHealthy ? kHealthy : kDegraded;
+}
+
+}  // namespace
+
+int RunStatus(const StatusQuestion& question) {
+  if (question.url.empty() && question.configuration.empty()) {
+    std::cerr << "orlo-agent status: which agent? Say --config FILE or --url http://HOST:PORT.\n";
+    return kNotRunning;
+  }
+  json last;
+  for (;;) {
+    int code = kNotRunning;
+    try {
+      const Target target =
+          question.url.empty() ? ReadTarget(question.configuration) : ParseUrl(question.url);
+      code = Show(question, target, last);
+    } catch (const std::exception& exception) {
+      std::cerr << "orlo-agent status: " << exception.what() << ".\n";
+    }
+    if (!question.watch || !std::cout) {
+      return code;
+    }
+    std::this_thread::sleep_for(kBetweenLooks);
+  }
+}
+
+}  // namespace OrloAgent

@@ -1,0 +1,202 @@
+#include "Agent/Monitor/StatusText.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <optional>
+
+#include "WindowsAgentCommon/Text.h"
+
+namespace OrloAgent {
+
+using nlohmann::json;
+using WindowsAgentCommon::Format;
+
+namespace {
+
+// The agent's log may hold what others have sent.
+std::string Printable(const std::string& text) {
+  std::string printable;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    const auto next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0u;
+    const bool isTwoByteControl = byte == 0xC2 && next >= 0x80 && next <= 0x9F;
+    printable += byte < 0x20 || byte == 0x7F || isTwoByteControl ? '?' : text[i];
+    i += isTwoByteControl ? 1 : 0;
+  }
+  return printable;
+}
+
+std::string GetText(const json& object, const char* key) {
+  return Printable(object.value(key, std::string()));
+}
+
+// "1234567" with a blank between thousands.
+std::string Grouped(std::uint64_t number) {
+  std::string digits = std::to_string(number);
+  for (std::size_t at = digits.size(); at > 3;) {
+    at -= 3;
+    digits.insert(at, 1, ' ');
+  }
+  return digits;
+}
+
+std::string Size(std::uint64_t bytes) {
+  constexpr std::array<const char*, 5> kUnits{"B", "KiB", "MiB", "GiB", "TiB"};
+  auto value = static_cast<double>(bytes);
+  std::size_t unit = 0;
+  while (value >= 1024.0 && unit + 1 < kUnits.size()) {
+    value /= 1024.0;
+    ++unit;
+  }
+  return unit == 0 ? Format("%d B", bytes) : Format("%.1f %s", value, kUnits[unit]);
+}
+
+std::string Age(double seconds) {
+  const auto whole = static_cast<std::int64_t>(seconds);
+  if (whole < 120) {
+    return Format("%d s", whole);
+  }
+  if (whole < 2 * 3600) {
+    return Format("%d min %d s", whole / 60, whole % 60);
+  }
+  if (whole < 48 * 3600) {
+    return Format("%d h %d min", whole / 3600, whole % 3600 / 60);
+  }
+  return Format("%d days %d h", whole / 86400, whole % 86400 / 3600);
+}
+
+// "2026-11-21 16:40:12"
+std::string UtcTime(std::int64_t seconds) {
+  using namespace std::chrono;
+  const sys_seconds time{std::chrono::seconds(seconds)};
+  const auto day = floor<days>(time);
+  const year_month_day date(day);
+  const hh_mm_ss clock(time - day);
+  return Format("%04d-%02u-%02u %02d:%02d:%02d", static_cast<int>(date.year()),
+                static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+                clock.hours().count(), clock.minutes().count(), clock.seconds().count());
+}
+
+const json* FindStream(const json& status, const std::string& name) {
+  if (!status.is_object() || !status.contains("streams")) {
+    return nullptr;
+  }
+  for (const json& stream : status["streams"]) {
+    if (stream["name"] == name) {
+      return &stream;
+    }
+  }
+  return nullptr;
+}
+
+// Events per second since `before`, as a column; empty without it.
+std::string Rate(const json& status, const json& before, const json& stream, const char* counter) {
+  const json* const earlier = FindStream(before, stream["name"]);
+  if (earlier == nullptr) {
+    return "";
+  }
+  const double seconds = (status["sampled"].get<double>() - before["sampled"].get<double>()) / 1000;
+  const double events =
+      stream["events"][counter].get<double>() - (*earlier)["events"][counter].get<double>();
+  return seconds > 0.0 && events >= 0.0
+             ? Format("  %s/s", Grouped(static_cast<std::uint64_t>(events / seconds + 0.5)))
+             : "";
+}
+
+std::string DescribeEnd(const json& end) {
+  const std::string type = GetText(end, "type");
+  const std::string name = GetText(end, "name");
+  return type == name ? type : type + " " + name;
+}
+
+std::string CountChunks(std::uint64_t chunks) {
+  return Grouped(chunks) + (chunks == 1 ? " chunk" : " chunks");
+}
+
+std::string DescribeWay(const json& way) {
+  return Format("%s events in %s", Grouped(way["events"]), CountChunks(way["chunks"]));
+}
+
+std::string DescribeSchedule(const json& schedule) {
+  std::string text = schedule["open"].get<bool>() ? "open" : "closed";
+  if (schedule["next_change"].is_number()) {
+    text += " until " + UtcTime(schedule["next_change"]) + " UTC";
+  }
+  return text + " (" + GetText(schedule, "zone") + ")";
+}
+
+void AddProblems(const json& problems, const char* indent, std::string& text) {
+  for (const json& problem : problems) {
+    text += std::string(indent) + "! " + Printable(problem) + "\n";
+  }
+}
+
+void AddStream(const json& status, const json& before, const json& stream, std::string& text) {
+  text += "\n" + GetText(stream, "name") + ": " +
+          (stream["healthy"].get<bool>() ? "healthy" : "degraded") + "\n";
+  AddProblems(stream["problems"], "  ", text);
+  std::string sources;
+  for (const json& source : stream["sources"]) {
+    sources += (sources.empty() ? "" : ", ") + DescribeEnd(source);
+  }
+  const json& events = stream["events"];
+  text += "  in        " + Grouped(events["posted"]) + " events" +
+          Rate(status, before, stream, "posted") + "  from " + sources + "\n";
+  text += "  out       " + Grouped(events["delivered"]) + " events" +
+          Rate(status, before, stream, "delivered") + "  to " + DescribeEnd(stream["destination"]) +
+          "\n";
+  const json& memory = stream["memory"];
+  text += Format("  memory    %s queued (%s), %s in the chunk (%s old), %s pending, %s unsent\n",
+                 Grouped(memory["queue_events"]), Size(memory["queue_bytes"]),
+                 Grouped(memory["chunk_events"]), Age(memory["chunk_age"]),
+                 Grouped(memory["pending_events"]), Grouped(memory["unsent_events"]));
+  const json& cache = stream["cache"];
+  text += Format("  cache     %s events in %s, %s", Grouped(cache["events"]),
+                 CountChunks(cache["chunks"]), Size(cache["bytes"]));
+  text += cache["chunks"] != 0 ? ", the oldest from " + Age(cache["oldest_age"]) + " ago\n" : "\n";
+  text += "  near      " + DescribeWay(stream["near"]) + "\n";
+  text += "  spilled   " + DescribeWay(stream["spilled"]) + "\n";
+  text += "  far       " + DescribeWay(stream["far"]) + "\n";
+  text += "  lost      " + Grouped(events["lost"]) + " events\n";
+  if (stream["schedule"].is_object()) {
+    text += "  schedule  " + DescribeSchedule(stream["schedule"]) + "\n";
+  }
+}
+
+void AddMessages(const json& messages, std::string& text) {
+  constexpr std::size_t kShown = 5;
+  if (messages.empty()) {
+    return;
+  }
+  text += "\nLast warnings\n";
+  for (std::size_t i = messages.size() - std::min(messages.size(), kShown); i < messages.size();
+       ++i) {
+    text += "  " + UtcTime(messages[i]["time"].get<std::int64_t>() / 1000) + " " +
+            GetText(messages[i], "level") + " " + GetText(messages[i], "logger") + ": " +
+            GetText(messages[i], "text") + "\n";
+  }
+}
+
+}  // namespace
+
+std::string MakeStatusText(const json& status, const json& before) {
+  std::string text =
+      "orlo-agent " + GetText(status, "version") + ": " +
+      (status["healthy"].get<bool>() ? "healthy" : "degraded") + ", up " +
+      Age((status["sampled"].get<double>() - status["started"].get<double>()) / 1000) + "\n";
+  AddProblems(status["problems"], "", text);
+  const json& disk = status["disk"];
+  text += "disk: " + Size(disk["used"]) + " used";
+  text += disk["quota"] != 0 ? " of " + Size(disk["quota"]) : "";
+  text += disk["available"].is_number() ? ", " + Size(disk["available"]) + " free" : "";
+  text += "\n";
+  for (const json& stream : status["streams"]) {
+    AddStream(status, before, stream, text);
+  }
+  AddMessages(status["messages"], text);
+  return text;
+}
+
+}  // namespace OrloAgent

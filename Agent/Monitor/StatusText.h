@@ -1,0 +1,12 @@
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+
+namespace OrloAgent {
+
+// The status (what /status answers) for a terminal. `before` is an earlier one, from which rates
+// are taken, or null. Whatever the status holds, the text has no control characters but line feeds.
+std::string MakeStatusText(const nlohmann::json& status, const nlohmann::json& before);
+
+}  // namespace OrloAgent

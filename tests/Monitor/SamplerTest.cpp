@@ -1,0 +1,117 @@
+#include "Agent/Monitor/Sampler.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+
+#include "WindowsAgentCommon/Text.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace OrloAgent {
+namespace {
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class CountingSource : public Source {
+ public:
+  void Start(OrloStream::Stream&) override {}
+  void Stop() override {}
+  std::uint64_t GetNotMade() const override { return 2; }
+  std::vector<EndCounter> GetCounters() const override { return {{"events", "Events", ++m_asked}}; }
+
+ private:
+  mutable std::atomic<std::uint64_t> m_asked{0};
+};
+
+class IdleDestination : public Destination {
+ public:
+  void Initialize(const WindowsAgentCommon::EnvironmentBlock&) override {}
+  void Stop() override {}
+  void Refuse() override {}
+  std::uint64_t GetUnsentEvents() const override { return 4; }
+};
+
+class SamplerTest : public testing::Test {
+ protected:
+  SamplerTest() {
+    WindowsAgentCommon::DiskManagerOptions disk;
+    disk.dataDirectory = WindowsAgentCommon::ToWide(m_directory.Path().string());
+    disk.quota = 100'000;
+    m_disk = std::make_shared<WindowsAgentCommon::DiskManager>(disk);
+    m_sampler = std::make_unique<Sampler>(
+        Sampler::Surroundings{std::make_shared<WindowsAgentCommon::StatisticsServer>(), m_disk,
+                              m_directory.Path(), "1.2.3", std::chrono::seconds(30)});
+    m_options.name = "S";
+    m_options.sources = {StdinSourceOptions{}, StdinSourceOptions{}};
+    m_options.destination = FileDestinationOptions{"out.log"};
+  }
+
+  // The first state of which that is true.
+  std::shared_ptr<const AgentState> WaitFor(
+      const std::function<bool(const AgentState&)>& condition) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (std::chrono::steady_clock::now() < end) {
+      auto state = m_sampler->GetState();
+      if (condition(*state)) {
+        return state;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ADD_FAILURE() << "not within a minute";
+    return m_sampler->GetState();
+  }
+
+  TestSupport::LogCapture m_log;
+  TestSupport::TemporaryDirectory m_directory;
+  std::shared_ptr<WindowsAgentCommon::DiskManager> m_disk;
+  std::unique_ptr<Sampler> m_sampler;
+  StreamOptions m_options;
+};
+
+TEST_F(SamplerTest, StreamIsSeenFromAddToRemove) {
+  auto first = std::make_unique<CountingSource>();
+  auto second = std::make_unique<CountingSource>();
+  auto destination = std::make_unique<IdleDestination>();
+  m_sampler->Start();
+  EXPECT_THAT(m_sampler->GetState()->streams, IsEmpty());
+  m_sampler->AddStream(m_options, {first.get(), second.get()}, *destination);
+  const auto with = WaitFor([](const AgentState& state) { return !state.streams.empty(); });
+  const StreamState& stream = with->streams.front();
+  EXPECT_EQ(stream.unsentEvents, 4u);
+  EXPECT_EQ(stream.posted, 4u) << "what two sources could not make";
+  ASSERT_EQ(stream.sources.size(), 2u);
+  EXPECT_EQ(stream.sources[0].name, "stdin");
+  EXPECT_EQ(stream.sources[1].name, "stdin (2)") << "names tell sources apart";
+  EXPECT_EQ(stream.destination.name, "out.log");
+
+  m_sampler->RemoveStream("S");
+  first.reset();
+  second.reset();
+  destination.reset();
+  WaitFor([](const AgentState& state) { return state.streams.empty(); });
+  EXPECT_EQ(m_sampler->GetHistory(0).count("S"), 1u) << "the past stays";
+}
+
+TEST_F(SamplerTest, DiskThatIsFullIsAProblem) {
+  m_sampler->Start();
+  EXPECT_THAT(m_sampler->GetState()->problems, IsEmpty());
+  EXPECT_EQ(m_sampler->GetState()->disk.quota, 100'000u);
+  ASSERT_TRUE(m_disk->ReserveSpace(0, 98'000));
+  const auto full = WaitFor([](const AgentState& state) { return !state.problems.empty(); });
+  EXPECT_THAT(full->problems.front(), HasSubstr("the quota of 100000 bytes is used up"));
+  EXPECT_EQ(full->disk.used, 98'000u);
+}
+
+TEST_F(SamplerTest, WarningsAreInTheState) {
+  m_sampler->Start();
+  WindowsAgentCommon::LogFacade::Warn(WindowsAgentCommon::LoggerFactory::GetLog("Code.SamplerTest"),
+                                      "look here");
+  const auto warned = WaitFor([](const AgentState& state) { return state.warnings == 1; });
+  EXPECT_EQ(warned->messages.front().text, "look here");
+}
+
+}  // namespace
+}  // namespace OrloAgent

@@ -1,0 +1,224 @@
+// The monitor's page in a real browser, through an outage: the backlog grows and drains.
+//
+//   node page.mjs AGENT MODULES PLAYWRIGHT CHROMIUM [SCREENSHOTS]
+//
+// PLAYWRIGHT is the directory of the package playwright-core. With SCREENSHOTS pictures of the outage
+// are left in that directory.
+import assert from "node:assert/strict";
+import { spawn } from "node:child_process";
+import { mkdtempSync, rmSync, writeFileSync } from "node:fs";
+import { createRequire } from "node:module";
+import net from "node:net";
+import { tmpdir } from "node:os";
+import path from "node:path";
+
+const [agentPath, modules, playwright, chromiumPath, screenshots] = process.argv.slice(2);
+const { chromium } = createRequire(import.meta.url)(playwright);
+
+const LIMIT = 180e3;
+const directory = mkdtempSync(path.join(tmpdir(), "orlo-page-"));
+
+async function until(condition, what) {
+  const end = Date.now() + LIMIT;
+  for (;;) {
+    const value = await condition();
+    if (value) return value;
+    if (Date.now() > end) throw new Error(`${what}: not within ${LIMIT / 1000} s`);
+    await new Promise((resolve) => setTimeout(resolve, 100));
+  }
+}
+
+// A receiver that can go away and come back on the same port. The port is below those that the
+// system gives to others.
+class Receiver {
+  lines = 0;
+  connections = new Set();
+  async open() {
+    for (let attempt = 0; ; ++attempt) {
+      this.port ??= 20000 + Math.floor(Math.random() * 10000);
+      this.server = net.createServer((socket) => {
+        this.connections.add(socket);
+        socket.on("data", (data) => { for (const byte of data) this.lines += byte === 10; });
+        socket.on("error", () => {});
+        socket.on("close", () => this.connections.delete(socket));
+      });
+      try {
+        await new Promise((resolve, reject) => {
+          this.server.once("error", reject);
+          this.server.listen(this.port, "127.0.0.1", resolve);
+        });
+        return;
+      } catch (error) {
+        if (attempt === 20) throw error;
+        if (!this.lines) this.port = undefined;
+        await new Promise((resolve) => setTimeout(resolve, 200));
+      }
+    }
+  }
+  close() {
+    this.server.close();
+    // The agent sees that and sends no more; what is on its way is still taken.
+    for (const socket of this.connections) socket.end();
+  }
+}
+
+class Agent {
+  text = "";
+  constructor(receiverPort) {
+    // The second stream has a schedule to show, and nothing to send.
+    const config = path.join(directory, "agent.yaml");
+    writeFileSync(config, `data_directory: ./data
+disk: { quota: 1GiB, keep_free: 0 }
+shutdown: { drain_timeout: 1s }
+monitor: { listen: "127.0.0.1:0", refused_after: 1s }
+streams:
+  - name: Firewall
+    source: { type: syslog, listen: "tcp://127.0.0.1:0" }
+    stages: [ { module: StoreAndForwardStage, settings: { DataChunkPeriod: 5 } } ]
+    destination: { type: syslog, target: "tcp://127.0.0.1:${receiverPort}" }
+  - name: Branch office
+    source: { type: file, path: branch.log }
+    stages:
+      - module: StoreAndForwardStage
+        settings: { Schedule.Enable: true, Schedule.Interval: [ "0800-1200;3E;Europe/Berlin", "1330-1800;3E;Europe/Berlin", "1000-1400;40;Europe/Berlin" ] }
+    destination: { type: file, path: events.log }
+`);
+    this.process = spawn(agentPath, ["run", "--config", config, "--modules", modules],
+      { cwd: directory, stdio: ["ignore", "ignore", "pipe"] });
+    this.process.stderr.on("data", (data) => { this.text += data; });
+  }
+  async find(pattern) {
+    return until(() => {
+      const found = this.text.match(pattern);
+      if (!found && this.process.exitCode !== null) throw new Error("the agent ended:\n" + this.text);
+      return found && Number(found[1]);
+    }, String(pattern));
+  }
+}
+
+const receiver = new Receiver();
+let agent, browser, feeder;
+let sent = 0;
+try {
+  await receiver.open();
+  agent = new Agent(receiver.port);
+  const port = await agent.find(/Listening on tcp:\/\/127\.0\.0\.1:(\d+)\./);
+  const monitor = await agent.find(/Listening on http:\/\/127\.0\.0\.1:(\d+)\//);
+  const sender = net.connect(port, "127.0.0.1");
+  feeder = setInterval(() => {
+    for (let i = 0; i < 20; ++i) sender.write(`<134>1 event ${sent++} of a firewall that is busy\n`);
+  }, 100);
+
+  browser = await chromium.launch({ executablePath: chromiumPath,
+    args: ["--no-sandbox", "--disable-dev-shm-usage"] });
+  const page = await browser.newPage({ viewport: { width: 1100, height: 900 }, colorScheme: "light" });
+  const complaints = [], foreign = [];
+  page.on("pageerror", (error) => complaints.push(error.message));
+  page.on("console", (message) => message.type() === "error" && complaints.push(message.text()));
+  page.on("request", (request) => {
+    if (!request.url().startsWith(`http://127.0.0.1:${monitor}/`) && !request.url().startsWith("data:"))
+      foreign.push(request.url());
+  });
+  await page.goto(`http://127.0.0.1:${monitor}/`);
+
+  const card = page.locator("section.card").filter({ has: page.locator("h2", { hasText: "Firewall" }) });
+  const figure = async (name) => (await card.locator(`[data-figure=${name}]`).getAttribute("data-value"))
+    ?? "";
+  const number = async (name) => Number((await figure(name)).replaceAll(",", ""));
+  // How high an area of the chart of the backlog reaches, in pixels.
+  const height = async (name) => (await card.locator(`path.area.${name}`).boundingBox())?.height ?? 0;
+
+  await until(async () => (await number("near")) > 0, "events go straight through");
+  assert.equal(await page.locator("#health").textContent(), "healthy");
+  assert.equal(await number("cached"), 0);
+  await page.locator("label", { hasText: /^5 min$/ }).click();
+  // The schedule's week, with now on it.
+  assert.equal(await page.locator(".week .now").count(), 1);
+  assert.ok(await page.locator(".week .open").count() >= 11);
+
+  receiver.close();
+  await until(async () => (await number("cached")) > 0, "the backlog appears");
+  const before = await number("cached");
+  await until(async () => (await number("cached")) > before, "the backlog grows");
+  await until(async () => (await height("cached")) > 20, "the area of the backlog grows");
+  await until(async () => (await page.locator("#health").textContent()) === "degraded", "degraded");
+  assert.match(await card.locator(".problems").textContent(), /the destination has refused events/);
+  assert.match(await page.locator("#messages").textContent(), /can't be reached/);
+  await until(async () => /\d+ (s|min)/.test(await figure("oldest")), "the age of the oldest");
+  await checkKeys(page, card);
+  // A picture should have something to show.
+  if (screenshots) await until(async () => (await number("cached")) > 5000, "a larger backlog");
+  await lookAround(page);
+
+  clearInterval(feeder);
+  await receiver.open();
+  await until(async () => receiver.lines === sent, "everything arrives");
+  await until(async () => (await number("cached")) === 0, "the backlog drains");
+  await until(async () => (await page.locator("#health").textContent()) === "healthy", "healthy");
+  await until(async () => (await card.locator("[data-figure=out] small").textContent())
+    === (await card.locator("[data-figure=in] small").textContent()), "as much out as in");
+  assert.equal(await number("lost"), 0);
+  assert.ok(await number("far") > 0);
+  assert.equal(await number("far"), await number("spilled"));
+
+  agent.process.kill();
+  await until(async () => (await page.locator("#health").textContent()) === "no answer", "no answer");
+  assert.deepEqual(foreign, []);
+  // That the agent does not answer any more is said by the browser, too.
+  assert.deepEqual(complaints.filter((one) => !/ERR_CONNECTION/.test(one)), []);
+  console.log(`page: ${sent} events through an outage, all seen`);
+} finally {
+  clearInterval(feeder);
+  await browser?.close();
+  agent?.process.kill("SIGKILL");
+  receiver.close();
+  rmSync(directory, { recursive: true, force: true });
+}
+process.exit(0);
+
+// Everything can be reached without a mouse, and the arrows look at single moments.
+async function checkKeys(page, card) {
+  const chart = card.locator("svg.chart").last();
+  await page.locator("body").click({ position: { x: 1, y: 1 } });
+  await page.keyboard.press("Tab");
+  assert.equal(await page.evaluate(() => document.activeElement.className), "skip");
+  let found = false;
+  for (let i = 0; i < 20 && !found; ++i) {
+    await page.keyboard.press("Tab");
+    found = await chart.evaluate((one) => one === document.activeElement);
+  }
+  assert.ok(found, "Tab reaches the chart");
+  assert.equal(await chart.locator(".cursor").count(), 0);
+  await page.keyboard.press("ArrowLeft");
+  assert.equal(await chart.locator(".cursor").count(), 1);
+  const x = async () => Number(await chart.locator(".cursor").getAttribute("x1"));
+  const first = await x();
+  await page.keyboard.press("ArrowLeft");
+  assert.ok(await x() < first, "one step back");
+  assert.match(await chart.getAttribute("aria-label"), /on disk [\d,]+/);
+  await page.keyboard.press("Escape");
+  assert.equal(await chart.locator(".cursor").count(), 0);
+}
+
+// Both themes, and the width of a phone.
+async function lookAround(page) {
+  const shoot = async (name) => {
+    if (!screenshots) return;
+    // So that the charts are drawn for the size.
+    await page.evaluate(() => document.activeElement.blur());
+    await page.waitForTimeout(2500);
+    await page.screenshot({ path: path.join(screenshots, name), fullPage: true });
+  };
+  const color = () => page.evaluate(() => getComputedStyle(document.body).backgroundColor);
+  const light = await color();
+  await shoot("monitor-light.png");
+  await page.emulateMedia({ colorScheme: "dark" });
+  assert.notEqual(await color(), light);
+  await shoot("monitor-dark.png");
+  await page.setViewportSize({ width: 390, height: 844 });
+  await until(() => page.evaluate(() => document.documentElement.scrollWidth <= innerWidth),
+    "nothing is wider than a phone");
+  await shoot("monitor-phone.png");
+  await page.emulateMedia({ colorScheme: "light" });
+  await page.setViewportSize({ width: 1100, height: 900 });
+}
