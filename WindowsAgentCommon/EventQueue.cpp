@@ -43,9 +43,7 @@ int EventQueue::dequeue_head(ACE_Message_Block*& first, ACE_Time_Value* timeout)
   if (wait_not_empty_cond(timeout) == -1) {
     return -1;
   }
-  MakeBatch();
-  TakeFromBatch(first, lowEnough);
-  if (lowEnough) {
+  if (MakeBatchAndTake(first)) {
     Settle();
   }
   return 0;
@@ -57,24 +55,32 @@ bool EventQueue::TakeFromBatch(ACE_Message_Block*& first, bool& lowEnough) {
   if (m_batchHead == nullptr) {
     return false;
   }
-  first = m_batchHead;
-  m_batchHead = first->next();
-  first->next(nullptr);
-  first->prev(nullptr);
-  ++m_takenCount;
-  first->total_size_and_length(m_takenBytes, m_takenLength);
-  lowEnough = m_takenBytes >= m_settleAtBytes;
+  lowEnough = TakeFirst(first);
   return true;
 }
 
-// The whole list becomes the batch; requires that there is no other.
-void EventQueue::MakeBatch() {
+// The whole list, which is not empty, becomes the batch; requires that there is no other. Takes the
+// first block at once, before another thread takes them all. Returns what TakeFirst does.
+bool EventQueue::MakeBatchAndTake(ACE_Message_Block*& first) {
   m_takenInARow += cur_count_;
   const std::lock_guard guard(m_batchLock);
   m_batchHead = head_;
   m_batchTail = tail_;
   head_ = nullptr;
   tail_ = nullptr;
+  return TakeFirst(first);
+}
+
+// Requires a batch that is not empty, and its lock. True if a poster waits for what has been taken
+// by now.
+bool EventQueue::TakeFirst(ACE_Message_Block*& first) {
+  first = m_batchHead;
+  m_batchHead = first->next();
+  first->next(nullptr);
+  first->prev(nullptr);
+  ++m_takenCount;
+  first->total_size_and_length(m_takenBytes, m_takenLength);
+  return m_takenBytes >= m_settleAtBytes;
 }
 
 // What is left of the batch goes back to the head of the list.

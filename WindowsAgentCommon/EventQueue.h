@@ -59,7 +59,8 @@ class EventQueue : public ACE_Message_Queue<ACE_MT_SYNCH> {
   bool WaitForOne(ACE_Time_Value* timeout);
   bool WaitForMany(ACE_Time_Value* timeout);
   bool TakeFromBatch(ACE_Message_Block*& first, bool& lowEnough);
-  void MakeBatch();
+  bool MakeBatchAndTake(ACE_Message_Block*& first);
+  bool TakeFirst(ACE_Message_Block*& first);
   void ReturnBatch();
   void Settle();
   void SettleTotals();
