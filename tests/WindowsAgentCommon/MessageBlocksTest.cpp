@@ -197,8 +197,9 @@ TEST(MessageBlocksTest, ABlockMayGrowBeyondItsCapacity) {
 TEST(MessageBlocksTest, ABlockWhoseDataBlockWasReplacedReleasesTheNewOne) {
   const TestSupport::CountingAllocators allocators;
   ACE_Message_Block* const block = Make(10);
-  block->data_block(
-      new ACE_Data_Block(20, ACE_Message_Block::MB_DATA, nullptr, nullptr, nullptr, 0, nullptr));
+  auto* const other = new ACE_Message_Block(20);
+  block->data_block(other->data_block()->duplicate());
+  other->release();
   EXPECT_EQ(allocators.DataBlocksAlive(), 0u);
   EXPECT_EQ(block->capacity(), 20u);
   ACE_Message_Block* const duplicate = block->duplicate();
