@@ -4,16 +4,8 @@
 #include <boost/asio/post.hpp>
 
 #include "Agent/DataDirectoryLock.h"
-#include "Agent/DatagramSource.h"
-#include "Agent/Destination.h"
-#include "Agent/FileSource.h"
+#include "Agent/LogSetup.h"
 #include "Agent/PathText.h"
-#include "Agent/ProcessSignals.h"
-#include "Agent/StdinSource.h"
-#include "Agent/StreamPulse.h"
-#include "Agent/StreamWatch.h"
-#include "Agent/SyslogSource.h"
-#include "Agent/Units.h"
 #include "WindowsAgentCommon/EventMemory.h"
 #include "WindowsAgentCommon/Exceptions.h"
 #include "WindowsAgentCommon/Statistics.h"
@@ -24,8 +16,6 @@ namespace OrloAgent {
 using WindowsAgentCommon::LogFacade;
 
 namespace {
-
-constexpr char kStoreAndForward[] = "StoreAndForwardStage";
 
 constexpr std::chrono::milliseconds kBetweenLooks{100};
 
@@ -38,73 +28,13 @@ std::filesystem::path MakeDataDirectory(std::string path) {
   return std::filesystem::absolute(ToPath(path)).lexically_normal();
 }
 
-// The value that the stage will use for one of its numbers.
-std::uint64_t GetStageNumber(const StageOptions& stage, const char* setting, std::uint64_t standard,
-                             std::uint64_t smallest) {
-  constexpr std::uint64_t kLargest = 0x7fffffff;
-  for (const auto& [name, value] : stage.settings) {
-    if (name == setting) {
-      const auto number = ParseWholeNumber(value);
-      return number && *number <= kLargest ? std::max(*number, smallest) : standard;
-    }
-  }
-  return standard;
-}
-
-// How long the stage may take until it decides about its newest events.
-std::chrono::seconds GetChunkPeriod(const StageOptions& stage) {
-  return std::chrono::seconds(GetStageNumber(stage, "DataChunkPeriod", 10, 5));
-}
-
-// How often the stages look for a cached chunk that can be sent.
-std::chrono::milliseconds GetProcessingPeriod(const std::vector<StageOptions>& stages) {
-  std::uint64_t microseconds = 0;
-  for (const StageOptions& stage : stages) {
-    microseconds =
-        std::max(microseconds, GetStageNumber(stage, "DataProcessingPeriod", 500'000, 500'000));
-  }
-  return std::chrono::milliseconds(microseconds / 1000);
-}
-
-// Far longer than a thread that works ever takes, so that no busy machine is taken for a thread
-// that hangs.
-StreamPulse::Limits GetPulseLimits(const StreamOptions& stream) {
-  constexpr std::chrono::minutes kMargin{2};
-  StreamPulse::Limits limits{kMargin, kMargin};
-  for (const StageOptions& stage : stream.stages) {
-    limits.decide += GetChunkPeriod(stage);
-  }
-  std::visit(
-      [&limits](const auto& destination) {
-        limits.send += destination.sendTimeout;
-        if constexpr (requires { destination.connectTimeout; }) {
-          limits.send += destination.connectTimeout;
-        }
-      },
-      stream.destination);
-  return limits;
-}
-
 }  // namespace
 
-// The sources and the destination belong to the stream.
-struct Agent::RunningStream {
-  std::string name;
-  StreamAccount account;
-  OrloStream::Stream* stream = nullptr;
-  std::vector<Source*> sources{};
-  Destination* destination = nullptr;
-  std::chrono::milliseconds processingPeriod{0};
-  // Null where there is no store-and-forward stage.
-  std::unique_ptr<StreamWatch> watch{};
-  // Null as long as nobody wants to know.
-  std::unique_ptr<StreamPulse> pulse{};
-};
-
-Agent::Agent(AgentOptions options, std::string moduleDirectory)
+Agent::Agent(AgentOptions options, std::string moduleDirectory, ConfigurationFile file)
     : m_options(std::move(options)),
       m_moduleDirectory(std::move(moduleDirectory)),
       m_dataDirectory(MakeDataDirectory(m_options.dataDirectory)),
+      m_file(std::move(file)),
       m_log(WindowsAgentCommon::LoggerFactory::GetLog("Code.Agent")) {}
 
 Agent::~Agent() { TearDown(); }
@@ -116,22 +46,19 @@ void Agent::Start() {
           OnSignal(request, name);
         });
     StartServices();
+    m_manager = std::make_unique<OrloStream::StreamManager>(m_moduleDirectory);
     // Before anything moves: an address that is taken is found at once.
     m_monitor = MakeMonitor(m_options.monitor, {m_statistics, m_disk, m_dataDirectory});
-    m_manager = std::make_unique<OrloStream::StreamManager>(m_moduleDirectory);
-    for (StreamOptions& stream : m_options.streams) {
-      CreateStream(stream);
+    m_surroundings = std::make_unique<StreamSurroundings>(StreamSurroundings{
+        *m_manager, *m_statistics, m_monitor.get(), m_dataDirectory, [this] { OnInputEnded(); },
+        [this](std::function<void()> work) { boost::asio::post(m_control, std::move(work)); }});
+    std::vector<MadeSource> none;
+    for (const StreamOptions& stream : m_options.streams) {
+      m_streams.push_back(
+          std::make_unique<RunningStream>(stream, m_options, *m_surroundings, none));
     }
     for (const auto& running : m_streams) {
-      m_sourcesRunning += running->sources.size();
-    }
-    for (std::size_t i = 0; i < m_streams.size(); ++i) {
-      m_manager->StartSources(*m_streams[i]->stream);
-      if (m_monitor) {
-        m_monitor->AddStream(m_options.streams[i],
-                             {m_streams[i]->sources.begin(), m_streams[i]->sources.end()},
-                             *m_streams[i]->destination);
-      }
+      running->StartSources();
     }
   } catch (const std::exception&) {
     TearDown();
@@ -153,72 +80,11 @@ void Agent::StartServices() {
       WindowsAgentCommon::IStatisticsServer::GetServiceName(), m_statistics));
 }
 
-void Agent::CreateStream(StreamOptions& options) {
-  auto running = std::make_unique<RunningStream>(
-      RunningStream{options.name, StreamAccount(*m_statistics, options.name, m_dataDirectory)});
-  running->processingPeriod = GetProcessingPeriod(options.stages);
-  if (const CacheContents& found = running->account.GetContentsAtStart(); found.chunks > 0) {
-    LogFacade::Info(m_log, "Stream %s: %d events in %d chunks are cached from earlier runs.",
-                    options.name, found.events, found.chunks);
-  }
-  WarnOfShortDrain(options);
-
-  for (const StageOptions& stage : options.stages) {
-    if (stage.module == kStoreAndForward) {
-      running->watch = std::make_unique<StreamWatch>(m_options.watch, options.name, stage,
-                                                     m_dataDirectory, *m_statistics);
-    }
-  }
-
-  if (m_service.GetWatchdogPeriod().count() > 0) {
-    running->pulse = std::make_unique<StreamPulse>(GetPulseLimits(options));
-  }
-
-  OrloStream::StreamDefinition definition;
-  definition.name = WindowsAgentCommon::ToWide(options.name);
-  for (StageOptions& stage : options.stages) {
-    definition.stages.push_back({stage.module, {stage.settings.begin(), stage.settings.end()}});
-  }
-  auto destination = MakeDestination(options.destination, options.name);
-  running->destination = destination.get();
-  definition.destination = std::move(destination);
-  for (const SourceOptions& source : options.sources) {
-    std::unique_ptr<Source> made;
-    if (const auto* standardInput = std::get_if<StdinSourceOptions>(&source)) {
-      made = std::make_unique<StdinSource>(
-          *standardInput, [this] { boost::asio::post(m_control, [this] { OnSourceEnded(); }); });
-    } else if (const auto* files = std::get_if<FileSourceOptions>(&source)) {
-      made = std::make_unique<FileSource>(*files,
-                                          m_dataDirectory / "Positions" / ToPath(options.name));
-    } else {
-      const auto& syslog = std::get<SyslogSourceOptions>(source);
-      if (syslog.listen.transport == Transport::Udp) {
-        made = std::make_unique<DatagramSource>(syslog);
-      } else {
-        made = std::make_unique<SyslogSource>(syslog);
-      }
-    }
-    running->sources.push_back(made.get());
-    definition.sources.push_back(std::move(made));
-  }
-  running->stream = &m_manager->Create(std::move(definition));
-  m_streams.push_back(std::move(running));
-}
-
-void Agent::WarnOfShortDrain(const StreamOptions& options) const {
-  for (const StageOptions& stage : options.stages) {
-    const std::chrono::seconds period = GetChunkPeriod(stage);
-    if (stage.module == kStoreAndForward && m_options.shutdown.drainTimeout <= period) {
-      LogFacade::Warn(m_log,
-                      "Stream %s: shutdown.drain_timeout (%d ms) is not longer than "
-                      "DataChunkPeriod (%d s); the newest events can be lost at a stop.",
-                      options.name, m_options.shutdown.drainTimeout.count(), period.count());
-    }
-  }
-}
-
-void Agent::OnSourceEnded() {
-  if (--m_sourcesRunning == 0) {
+void Agent::OnInputEnded() {
+  const bool goesOn = std::any_of(m_streams.begin(), m_streams.end(),
+                                  [](const auto& running) { return !running->HasInputEnded(); });
+  // Without a stream it waits for a better configuration.
+  if (!goesOn && !m_streams.empty() && !m_stopRequested) {
     LogFacade::Info(m_log, "The input has ended; stopping.");
     m_stopRequested = true;
     m_control.stop();
@@ -227,12 +93,9 @@ void Agent::OnSourceEnded() {
 
 void Agent::OnSignal(ProcessSignals::Request request, const std::string& name) {
   if (request == ProcessSignals::Request::Reload) {
-    LogFacade::Info(m_log, "%s received; reading certificates again.", name);
-    for (const auto& running : m_streams) {
-      for (Source* source : running->sources) {
-        source->Reload();
-      }
-    }
+    LogFacade::Info(m_log, "%s received; reading the configuration and certificates again.", name);
+    m_reloadRequested = true;
+    m_control.stop();
     return;
   }
   ++m_signalCount;
@@ -253,9 +116,7 @@ void Agent::WatchStreams() {
       return;
     }
     for (const auto& running : m_streams) {
-      if (running->watch) {
-        running->watch->Look(Look(*running), StallWatch::Clock::now());
-      }
+      running->Watch(StallWatch::Clock::now());
     }
     WindowsAgentCommon::EventMemory::GiveBackUnused(std::chrono::steady_clock::now());
     WatchStreams();
@@ -270,11 +131,11 @@ void Agent::TellThatItWorks() {
   }
   bool isWell = true;
   for (const auto& running : m_streams) {
-    const auto state = running->pulse->Look(Look(*running), StreamPulse::Clock::now());
+    const auto state = running->LookAtPulse(StreamPulse::Clock::now());
     if (state != StreamPulse::State::Well) {
       isWell = false;
       LogFacade::Error(m_log, "Stream %s hangs: %s. The watchdog is not told that all is well.",
-                       running->name,
+                       running->GetName(),
                        state == StreamPulse::State::NothingDecided
                            ? "nothing becomes of the events that are posted"
                            : "its sender neither sends nor is refused");
@@ -297,6 +158,10 @@ void Agent::Wait() {
                   (m_streams.size() == 1 ? " stream" : " streams"));
   TellThatItWorks();
   while (!m_stopRequested) {
+    if (std::exchange(m_reloadRequested, false)) {
+      Reload();
+      continue;
+    }
     m_control.restart();
     m_control.run();
   }
@@ -305,77 +170,223 @@ void Agent::Wait() {
 std::vector<StreamReport> Agent::Stop() {
   m_service.Stopping();
   m_watchTimer.cancel();
+  std::vector<RunningStream*> all;
   for (const auto& running : m_streams) {
-    m_manager->StopSources(*running->stream);
+    running->StopSources();
+    all.push_back(running.get());
   }
-  Drain();
+  // Whoever gave the agent an input with an end wants all of it delivered. A signal wants the agent
+  // to end: what is on the disk comes out next time.
+  const bool emptyCache = m_signalCount == 0;
+  Drain(all, emptyCache, [&] { return m_signalCount > 1 || (emptyCache && m_signalCount > 0); });
   std::vector<StreamReport> reports = CloseStreams();
   TearDown();
   return reports;
 }
 
-void Agent::Drain() {
+void Agent::Drain(std::vector<RunningStream*> streams, bool emptyCache,
+                  const std::function<bool()>& isInterrupted) {
   const auto deadline = std::chrono::steady_clock::now() + m_options.shutdown.drainTimeout;
-  // Whoever gave the agent an input with an end wants all of it delivered. A signal wants the agent
-  // to end: what is on the disk comes out next time.
-  const bool emptyCache = m_signalCount == 0;
   std::vector<std::pair<RunningStream*, RestDetector>> busy;
-  for (const auto& running : m_streams) {
-    busy.emplace_back(running.get(), RestDetector(running->processingPeriod, emptyCache));
+  for (RunningStream* const running : streams) {
+    busy.emplace_back(running, RestDetector(running->GetProcessingPeriod(), emptyCache));
   }
   for (;;) {
-    std::erase_if(busy, [this](auto& one) { return one.second.IsAtRest(Look(*one.first)); });
-    if (busy.empty() || m_signalCount > 1 || (emptyCache && m_signalCount > 0) ||
-        std::chrono::steady_clock::now() >= deadline) {
+    std::erase_if(busy, [](auto& one) { return one.second.IsAtRest(one.first->Look()); });
+    if (busy.empty() || isInterrupted() || std::chrono::steady_clock::now() >= deadline) {
       break;
     }
     m_control.restart();
     m_control.run_for(kBetweenLooks);
   }
   for (const auto& [running, rest] : busy) {
-    LogFacade::Warn(m_log, "Stream %s did not come to rest in time.", running->name);
+    LogFacade::Warn(m_log, "Stream %s did not come to rest in time.", running->GetName());
   }
 }
 
 std::vector<StreamReport> Agent::CloseStreams() {
-  m_monitor.reset();
   // A sender that is in the middle of a backlog is not let finish it: that could take hours.
   for (const auto& running : m_streams) {
-    running->destination->Refuse();
+    running->Refuse();
   }
   std::vector<StreamReport> reports;
   for (const auto& running : m_streams) {
-    m_manager->StopStages(*running->stream);
-    const StreamReport report = Look(*running);
-    reports.push_back(report);
-    LogFacade::Info(m_log, "Stream %s: %d events delivered, %d cached, %d lost, %d held.",
-                    running->name, report.delivered, report.cached, report.lost + report.failed,
-                    std::max<std::int64_t>(0, report.held));
+    reports.push_back(running->Close());
   }
   return reports;
 }
 
-StreamReport Agent::Look(RunningStream& running) {
-  std::uint64_t notMade = 0;
-  for (const Source* source : running.sources) {
-    notMade += source->GetNotMade();
-  }
-  return running.account.Look(running.destination->GetUnsentEvents(),
-                              running.destination->GetLostEvents(), notMade);
-}
-
 void Agent::TearDown() {
-  m_monitor.reset();
   for (const auto& running : m_streams) {
-    running->destination->Refuse();
+    running->Refuse();
   }
   m_streams.clear();
+  m_surroundings.reset();
+  m_monitor.reset();
   m_manager.reset();
   m_services.clear();
   m_statistics.reset();
   m_disk.reset();
   m_lock.reset();
   m_signals.reset();
+}
+
+void Agent::Reload() {
+  if (m_file.load) {
+    Configuration read = m_file.load();
+    // Before anything can be said about it. Those of before may still be in use.
+    WindowsAgentCommon::LoggerFactory::AddSecrets(read.secrets);
+    if (read.mistakes.empty()) {
+      Apply(std::move(read.options));
+    } else {
+      for (const ConfigurationMistake& mistake : read.mistakes) {
+        LogFacade::Error(m_log, "%s", ToText(mistake, m_file.name));
+      }
+      LogFacade::Error(m_log, "%s has %d mistakes and is not taken; the agent goes on as before.",
+                       m_file.name, read.mistakes.size());
+    }
+  }
+  if (!m_stopRequested) {
+    for (const auto& running : m_streams) {
+      running->ReloadCertificates();
+    }
+  }
+}
+
+void Agent::Apply(AgentOptions options) {
+  const ReloadPlan plan = MakeReloadPlan(m_options.streams, options.streams);
+  ApplyCommon(options);
+  std::map<std::string, std::vector<MadeSource>> kept;
+  if (!Leave(plan, options, kept)) {
+    return;
+  }
+  Replace(options, std::move(kept));
+  LogFacade::Info(m_log,
+                  "%s was read again: %d streams go on untouched, %d were changed, %d added, %d "
+                  "removed.",
+                  m_file.name, plan.same.size(), plan.changed.size(), plan.added.size(),
+                  plan.removed.size());
+  OnInputEnded();
+}
+
+void Agent::ApplyCommon(const AgentOptions& options) {
+  if (const auto wanted = MakeDataDirectory(options.dataDirectory); wanted != m_dataDirectory) {
+    LogFacade::Warn(m_log,
+                    "data_directory can't change while the agent runs; it stays %s until "
+                    "the agent is started again.",
+                    ToText(m_dataDirectory));
+  }
+  if (!(options.monitor == m_options.monitor)) {
+    LogFacade::Warn(
+        m_log,
+        "monitor can't change while the agent runs; it stays as it is until the agent is "
+        "started again.");
+  }
+  ConfigureLogging(options.log);
+  m_disk->SetLimits(options.disk.quota, options.disk.keepFree);
+  m_options.disk = options.disk;
+  m_options.log = options.log;
+  m_options.shutdown = options.shutdown;
+  if (!(m_options.watch == options.watch)) {
+    m_options.watch = options.watch;
+    for (const auto& running : m_streams) {
+      running->SetWatch(m_options.watch);
+    }
+    WatchStreams();
+  }
+}
+
+bool Agent::Leave(const ReloadPlan& plan, const AgentOptions& options,
+                  std::map<std::string, std::vector<MadeSource>>& kept) {
+  std::vector<RunningStream*> leaving;
+  for (const auto& running : m_streams) {
+    const std::string& name = running->GetName();
+    const bool isRemoved =
+        std::find(plan.removed.begin(), plan.removed.end(), name) != plan.removed.end();
+    if (isRemoved ||
+        std::find(plan.changed.begin(), plan.changed.end(), name) != plan.changed.end()) {
+      LogFacade::Info(m_log, "Stream %s: %s.", name,
+                      isRemoved ? "removed from the configuration; it is brought to rest"
+                                : "its section has changed; it is brought to rest");
+      leaving.push_back(running.get());
+    }
+  }
+  for (RunningStream* const running : leaving) {
+    const StreamOptions* const successor = FindStream(options.streams, running->GetName());
+    running->PauseSources(successor != nullptr ? *successor : StreamOptions{});
+  }
+  Drain(leaving, false, [this] { return m_stopRequested; });
+  if (m_stopRequested) {
+    for (RunningStream* const running : leaving) {
+      running->ResumeAndStopSources();
+    }
+    return false;
+  }
+  for (RunningStream* const running : leaving) {
+    running->Refuse();
+  }
+  for (RunningStream* const running : leaving) {
+    const StreamReport report = running->Close();
+    if (report.cached > 0 && FindStream(options.streams, running->GetName()) == nullptr) {
+      LogFacade::Warn(m_log,
+                      "Stream %s: %d events stay in its cache until there is a stream of that name "
+                      "again.",
+                      running->GetName(), report.cached);
+    }
+    kept[running->GetName()] = running->TakePausedSources();
+    std::erase_if(m_streams, [&](const auto& one) { return one.get() == running; });
+  }
+  return true;
+}
+
+void Agent::Replace(const AgentOptions& options,
+                    std::map<std::string, std::vector<MadeSource>> kept) {
+  const std::vector<StreamOptions> before = std::exchange(m_options.streams, {});
+  Streams present = std::exchange(m_streams, {});
+  for (const StreamOptions& wanted : options.streams) {
+    const auto running = std::find_if(present.begin(), present.end(), [&](const auto& one) {
+      return one && one->GetName() == wanted.name;
+    });
+    if (running != present.end()) {
+      m_streams.push_back(std::move(*running));
+      m_options.streams.push_back(wanted);
+      continue;
+    }
+    auto made = TryMake(wanted, kept[wanted.name]);
+    const StreamOptions* const old = FindStream(before, wanted.name);
+    if (!made && old != nullptr) {
+      LogFacade::Warn(m_log, "Stream %s goes on with its section as it was before.", wanted.name);
+      made = TryMake(*old, kept[wanted.name]);
+    }
+    if (made) {
+      m_options.streams.push_back(made->GetOptions());
+      m_streams.push_back(std::move(made));
+    } else {
+      LogFacade::Error(m_log,
+                       "Stream %s does not run until the configuration is read again with success.",
+                       wanted.name);
+    }
+  }
+}
+
+std::unique_ptr<RunningStream> Agent::TryMake(const StreamOptions& options,
+                                              std::vector<MadeSource>& kept) {
+  std::unique_ptr<RunningStream> made;
+  try {
+    made = std::make_unique<RunningStream>(options, m_options, *m_surroundings, kept);
+    made->StartSources();
+    return made;
+  } catch (const std::exception& error) {
+    LogFacade::Error(m_log, "The section of stream %s can't be used: %s.", options.name,
+                     error.what());
+  }
+  if (made) {
+    // Sources that had gone on have posted what they had read.
+    Drain({made.get()}, false, [this] { return m_stopRequested; });
+    made->Refuse();
+    made->Close();
+  }
+  return nullptr;
 }
 
 }  // namespace OrloAgent

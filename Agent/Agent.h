@@ -3,13 +3,17 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "Agent/ConfigurationReader.h"
 #include "Agent/Monitor/Monitor.h"
 #include "Agent/Options.h"
 #include "Agent/ProcessSignals.h"
+#include "Agent/ReloadPlan.h"
+#include "Agent/RunningStream.h"
 #include "Agent/ServiceNotifier.h"
 #include "Agent/StreamAccount.h"
 #include "OrloStream/StreamManager.h"
@@ -19,8 +23,13 @@
 namespace OrloAgent {
 
 class DataDirectoryLock;
-class Destination;
-class Source;
+
+// Where the agent has its configuration from when it is asked to read it again.
+struct ConfigurationFile {
+  // For messages.
+  std::string name;
+  std::function<Configuration()> load;
+};
 
 // The running agent: its services, its streams, and the order in which they begin and end.
 //
@@ -30,10 +39,15 @@ class Source;
 // Start: the services, then the lock on the data directory, then every stream with its stages, then
 // the sources. Stop: the sources; then wait until every event is delivered, cached or counted as
 // lost; then the stages and destinations, and a line for each stream about where its events went.
+//
+// Reload, which a signal asks for: the file is read again. If it has no mistakes, streams whose
+// section is the same are left alone; those that changed or are gone are stopped in the order of
+// Stop, and those that changed or are new are made. A source whose section is the same as before
+// waits in the meantime with all its connections.
 class Agent {
  public:
-  // Stage modules are loaded from that directory.
-  Agent(AgentOptions options, std::string moduleDirectory);
+  // Stage modules are loaded from that directory. Without a file a reload reads certificates only.
+  Agent(AgentOptions options, std::string moduleDirectory, ConfigurationFile file = {});
 
   // Stops what still runs, without waiting for events.
   ~Agent();
@@ -50,23 +64,33 @@ class Agent {
   std::vector<StreamReport> Stop();
 
  private:
-  struct RunningStream;
+  using Streams = std::vector<std::unique_ptr<RunningStream>>;
 
   void StartServices();
-  void CreateStream(StreamOptions& options);
-  void WarnOfShortDrain(const StreamOptions& options) const;
-  void OnSourceEnded();
+  void OnInputEnded();
   void WatchStreams();
   void TellThatItWorks();
   void OnSignal(ProcessSignals::Request request, const std::string& name);
-  void Drain();
+  void Drain(std::vector<RunningStream*> streams, bool emptyCache,
+             const std::function<bool()>& isInterrupted);
   std::vector<StreamReport> CloseStreams();
-  StreamReport Look(RunningStream& running);
   void TearDown();
+
+  void Reload();
+  void Apply(AgentOptions options);
+  void ApplyCommon(const AgentOptions& options);
+  // False when the agent is to stop instead; then the streams are as before, without sources.
+  bool Leave(const ReloadPlan& plan, const AgentOptions& options,
+             std::map<std::string, std::vector<MadeSource>>& kept);
+  void Replace(const AgentOptions& options, std::map<std::string, std::vector<MadeSource>> kept);
+  // Null if it can't be made, which was logged.
+  std::unique_ptr<RunningStream> TryMake(const StreamOptions& options,
+                                         std::vector<MadeSource>& kept);
 
   AgentOptions m_options;
   const std::string m_moduleDirectory;
   const std::filesystem::path m_dataDirectory;
+  const ConfigurationFile m_file;
   WindowsAgentCommon::Log m_log;
 
   boost::asio::io_context m_control{1};
@@ -75,8 +99,8 @@ class Agent {
   boost::asio::steady_timer m_serviceTimer{m_control};
   std::unique_ptr<ProcessSignals> m_signals;
   unsigned m_signalCount = 0;
-  std::size_t m_sourcesRunning = 0;
   bool m_stopRequested = false;
+  bool m_reloadRequested = false;
 
   // Destroyed in the reverse order: streams first, services last.
   std::unique_ptr<DataDirectoryLock> m_lock;
@@ -84,9 +108,10 @@ class Agent {
   std::shared_ptr<WindowsAgentCommon::StatisticsServer> m_statistics;
   std::vector<std::unique_ptr<WindowsAgentCommon::ServiceRegistration>> m_services;
   std::unique_ptr<OrloStream::StreamManager> m_manager;
-  std::vector<std::unique_ptr<RunningStream>> m_streams;
-  // Null where the options ask for none. Asks the streams' ends, so it goes before them.
+  // Null where the options ask for none.
   std::unique_ptr<Monitor> m_monitor;
+  std::unique_ptr<StreamSurroundings> m_surroundings;
+  Streams m_streams;
 };
 
 }  // namespace OrloAgent

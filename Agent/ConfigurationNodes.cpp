@@ -52,8 +52,31 @@ bool ValueReader::ReadText(const ConfigurationEntry& entry, std::string& value) 
     Note(entry, "must be a single value");
     return false;
   }
-  value = entry.value.Scalar();
+  const std::string& written = entry.value.Scalar();
+  Expansion expansion = ExpandReferences(written, m_references);
+  m_secrets.insert(expansion.values.begin(), expansion.values.end());
+  if (!expansion.problem.empty()) {
+    Note(entry, std::move(expansion.problem));
+    return false;
+  }
+  if (HasReference(written)) {
+    m_secrets.insert(expansion.text);
+  }
+  value = std::move(expansion.text);
   return true;
+}
+
+bool ValueReader::ReadTextWithoutReferences(const ConfigurationEntry& entry, std::string& value) {
+  if (entry.value.IsScalar() && HasReference(entry.value.Scalar())) {
+    Note(entry, "must be written out: what comes from a reference is hidden in messages");
+    return false;
+  }
+  return ReadText(entry, value);
+}
+
+std::string ValueReader::Quote(const ConfigurationEntry& entry, const std::string& value) const {
+  const bool isHidden = entry.value.IsScalar() && HasReference(entry.value.Scalar());
+  return isHidden ? "(hidden)" : "\"" + value + "\"";
 }
 
 bool ValueReader::ReadPath(const ConfigurationEntry& entry, std::string& value) {
@@ -75,7 +98,7 @@ void ValueReader::ReadFlag(const ConfigurationEntry& entry, bool& value) {
     return;
   }
   if (text != "true" && text != "false") {
-    Note(entry, "\"" + text + "\" is neither true nor false");
+    Note(entry, Quote(entry, text) + " is neither true nor false");
     return;
   }
   value = text == "true";
@@ -88,7 +111,7 @@ void ValueReader::ReadLevel(const ConfigurationEntry& entry, std::string& value)
     return;
   }
   if (std::find(kLevels.begin(), kLevels.end(), text) == kLevels.end()) {
-    Note(entry, "\"" + text + "\" is no level; one of these is needed: " + Join(kLevels));
+    Note(entry, Quote(entry, text) + " is no level; one of these is needed: " + Join(kLevels));
     return;
   }
   value = std::move(text);
@@ -102,7 +125,7 @@ void ValueReader::ReadSize(const ConfigurationEntry& entry, std::uint64_t& value
   if (const auto size = ParseSize(text)) {
     value = *size;
   } else {
-    Note(entry, "\"" + text + "\" is not a size such as 10GiB, 512KiB or 4096");
+    Note(entry, Quote(entry, text) + " is not a size such as 10GiB, 512KiB or 4096");
   }
 }
 
@@ -111,8 +134,9 @@ void ValueReader::ReadSize(const ConfigurationEntry& entry, std::uint64_t lowest
   std::uint64_t size = value;
   ReadSize(entry, size);
   if (size < lowest || size > highest) {
-    Note(entry, "is out of range: " + std::to_string(size) + " bytes are not " +
-                    std::to_string(lowest) + " to " + std::to_string(highest));
+    const bool isHidden = HasReference(entry.value.Scalar());
+    Note(entry, "is out of range: " + (isHidden ? "(hidden)" : std::to_string(size)) +
+                    " bytes are not " + std::to_string(lowest) + " to " + std::to_string(highest));
     return;
   }
   value = static_cast<std::size_t>(size);
@@ -126,8 +150,8 @@ void ValueReader::ReadCount(const ConfigurationEntry& entry, std::uint64_t lowes
   }
   const auto number = ParseWholeNumber(text);
   if (!number || *number < lowest || *number > highest) {
-    Note(entry, "\"" + text + "\" is not a whole number from " + std::to_string(lowest) + " to " +
-                    std::to_string(highest));
+    Note(entry, Quote(entry, text) + " is not a whole number from " + std::to_string(lowest) +
+                    " to " + std::to_string(highest));
     return;
   }
   value = static_cast<std::size_t>(*number);
@@ -142,10 +166,11 @@ void ValueReader::ReadDuration(const ConfigurationEntry& entry, std::chrono::mil
   }
   const auto duration = ParseDuration(text);
   if (!duration) {
-    Note(entry, "\"" + text + "\" is not a duration such as 30s, 500ms or 5m");
+    Note(entry, Quote(entry, text) + " is not a duration such as 30s, 500ms or 5m");
   } else if (*duration < lowest || *duration > highest) {
-    Note(entry, "is out of range: " + text + " is not " + DurationText(lowest) + " to " +
-                    DurationText(highest));
+    const bool isHidden = HasReference(entry.value.Scalar());
+    Note(entry, "is out of range: " + (isHidden ? "(hidden)" : text) + " is not " +
+                    DurationText(lowest) + " to " + DurationText(highest));
   } else {
     value = *duration;
   }

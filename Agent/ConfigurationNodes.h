@@ -24,14 +24,24 @@ struct ConfigurationEntry {
   std::string key;
 };
 
-// Notes mistakes and reads single values. The mistakes outlive it.
+// Notes mistakes and reads single values. What it is given outlives it.
 class ValueReader {
  public:
-  explicit ValueReader(std::vector<ConfigurationMistake>& mistakes) : m_mistakes(mistakes) {}
+  ValueReader(std::vector<ConfigurationMistake>& mistakes, const References& references,
+              WindowsAgentCommon::Secrets& secrets)
+      : m_mistakes(mistakes), m_references(references), m_secrets(secrets) {}
 
   void Note(const ConfigurationEntry& entry, std::string problem);
 
-  // Each leaves `value` alone and notes a mistake when the entry does not hold such a value.
+  // The entry's value as a mistake may show it: in quotes, or "(hidden)" if it comes from a
+  // reference.
+  std::string Quote(const ConfigurationEntry& entry, const std::string& value) const;
+
+  // For values that name things, which messages must be able to show.
+  bool ReadTextWithoutReferences(const ConfigurationEntry& entry, std::string& value);
+
+  // References are looked up. Each leaves `value` alone and notes a mistake when the entry does not
+  // hold such a value.
   bool ReadText(const ConfigurationEntry& entry, std::string& value);
   bool ReadPath(const ConfigurationEntry& entry, std::string& value);
   void ReadFlag(const ConfigurationEntry& entry, bool& value);
@@ -49,6 +59,8 @@ class ValueReader {
 
  private:
   std::vector<ConfigurationMistake>& m_mistakes;
+  const References& m_references;
+  WindowsAgentCommon::Secrets& m_secrets;
 };
 
 // The keys of one map. Keys that are no plain text, and keys that stand there twice, are noted when

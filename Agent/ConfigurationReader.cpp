@@ -89,14 +89,15 @@ void ReadMonitorAddress(const ConfigurationEntry& entry, ValueReader& reader,
   boost::system::error_code error;
   const auto address = boost::asio::ip::make_address(endpoint ? endpoint->host : "", error);
   if (error) {
-    reader.Note(entry, "\"" + text + "\" is not ADDRESS:PORT, as 127.0.0.1:9464 or [::1]:9464");
+    reader.Note(
+        entry, reader.Quote(entry, text) + " is not ADDRESS:PORT, as 127.0.0.1:9464 or [::1]:9464");
     return;
   }
   monitor.host = endpoint->host;
   monitor.port = endpoint->port;
   if (!address.is_loopback() && monitor.token.empty()) {
-    reader.Note(
-        entry, "\"" + text + "\" can be reached from other machines; it needs \"token\" beside it");
+    reader.Note(entry, reader.Quote(entry, text) +
+                           " can be reached from other machines; it needs \"token\" beside it");
   }
 }
 
@@ -123,8 +124,9 @@ void ReadMonitor(const ConfigurationEntry& entry, ValueReader& reader, MonitorOp
   map.RefuseOthers();
 }
 
-void ReadDocument(const YAML::Node& document, Configuration& configuration) {
-  ValueReader reader(configuration.mistakes);
+void ReadDocument(const YAML::Node& document, const References& references,
+                  Configuration& configuration) {
+  ValueReader reader(configuration.mistakes, references, configuration.secrets);
   MapReader map({document, 1, ""}, reader);
   AgentOptions& options = configuration.options;
   if (const auto directory = map.Find("data_directory")) {
@@ -151,7 +153,7 @@ void ReadDocument(const YAML::Node& document, Configuration& configuration) {
   map.RefuseOthers();
 }
 
-void ReadText(std::string_view text, Configuration& configuration) {
+void ReadText(std::string_view text, const References& references, Configuration& configuration) {
   if (text.size() > kLargestText) {
     configuration.mistakes.push_back({1, "", "the file is larger than 1 MiB"});
     return;
@@ -171,21 +173,24 @@ void ReadText(std::string_view text, Configuration& configuration) {
     configuration.mistakes.push_back({1, "", "the file is empty; the agent needs a stream"});
     return;
   }
-  ReadDocument(document, configuration);
+  ReadDocument(document, references, configuration);
 }
 
 }  // namespace
 
-Configuration ParseConfiguration(std::string_view text) {
+Configuration ParseConfiguration(std::string_view text, const References& references) {
   Configuration configuration;
   try {
-    ReadText(text, configuration);
+    ReadText(text, references, configuration);
   } catch (const YAML::Exception& exception) {
     const int line = exception.mark.is_null() ? 1 : exception.mark.line + 1;
     configuration.mistakes.push_back({line, "", "this is not valid YAML: " + exception.msg});
   } catch (const std::exception& exception) {
     configuration.mistakes.push_back(
         {1, "", std::string("the file can't be read: ") + exception.what()});
+  }
+  for (ConfigurationMistake& mistake : configuration.mistakes) {
+    mistake.problem = WindowsAgentCommon::HideSecrets(mistake.problem, configuration.secrets);
   }
   std::stable_sort(configuration.mistakes.begin(), configuration.mistakes.end(),
                    [](const auto& left, const auto& right) { return left.line < right.line; });
@@ -215,7 +220,7 @@ Configuration LoadConfiguration(const std::string& path) {
   if (stream.bad()) {
     return refuse(std::generic_category().message(errno));
   }
-  return ParseConfiguration(text);
+  return ParseConfiguration(text, SystemReferences());
 }
 
 std::string ToText(const ConfigurationMistake& mistake, const std::string& file) {

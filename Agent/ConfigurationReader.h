@@ -5,6 +5,8 @@
 #include <vector>
 
 #include "Agent/Options.h"
+#include "Agent/References.h"
+#include "WindowsAgentCommon/Secrets.h"
 
 namespace OrloAgent {
 
@@ -24,13 +26,15 @@ struct Configuration {
   AgentOptions options;
   // Every mistake that was found, in the order of the file.
   std::vector<ConfigurationMistake> mistakes;
+  // What references stand for, and the values that they are a part of. No mistake shows any of it.
+  WindowsAgentCommon::Secrets secrets;
 };
 
-// Reads a configuration from its YAML text. Depends on nothing but the text and changes nothing
-// else; never throws, whatever the text is.
-Configuration ParseConfiguration(std::string_view text);
+// Reads a configuration from its YAML text. Depends on nothing but the text and the references, and
+// changes nothing else; never throws, whatever the text is.
+Configuration ParseConfiguration(std::string_view text, const References& references = {});
 
-// The same for a file; one that can't be read is a mistake too.
+// The same for a file, with the references of the system; one that can't be read is a mistake too.
 Configuration LoadConfiguration(const std::string& path);
 
 // "FILE:LINE: KEY: PROBLEM", without the parts that the mistake does not have. Always one line.

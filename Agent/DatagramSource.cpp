@@ -12,7 +12,6 @@
 #include "Agent/ReceiveTime.h"
 #include "Agent/Units.h"
 #include "WindowsAgentCommon/Exceptions.h"
-#include "WindowsAgentCommon/Text.h"
 
 namespace OrloAgent {
 
@@ -36,11 +35,12 @@ constexpr std::size_t kMostSenders = 1024;
 // Everything but construction, Open, Stop and the counters happens on the server's thread.
 class DatagramSource::Server {
  public:
-  Server(const SyslogSourceOptions& options, OrloStream::Stream& stream)
+  Server(const SyslogSourceOptions& options, const std::string& streamName, StreamGate& gate,
+         PostCounts& counts)
       : m_options(options),
-        m_log(WindowsAgentCommon::LoggerFactory::GetLog(
-            "Code.SyslogSource." + WindowsAgentCommon::ToUtf8(stream.GetName()))),
-        m_poster(stream, m_log),
+        m_log(WindowsAgentCommon::LoggerFactory::GetLog("Code.SyslogSource." + streamName)),
+        m_counts(counts),
+        m_poster(gate, counts, m_log),
         m_receiver(m_socket, options.maxEventSize) {}
 
   ~Server() { Stop(); }
@@ -49,9 +49,8 @@ class DatagramSource::Server {
   void Stop();
 
   std::uint16_t GetPort() const { return m_port.load(); }
-  std::uint64_t GetNotMade() const { return m_poster.GetNotMade(); }
   DatagramSourceCounts GetCounts() const {
-    return {m_poster.GetPosted(), m_cut.load(), m_dropped.load()};
+    return {m_counts.posted.load(), m_cut.load(), m_dropped.load()};
   }
 
  private:
@@ -66,6 +65,8 @@ class DatagramSource::Server {
 
   const SyslogSourceOptions m_options;
   WindowsAgentCommon::Log m_log;
+  Endpoint m_used;  // with the port that is in use
+  PostCounts& m_counts;
   EventPoster m_poster;
   boost::asio::io_context m_context{1};
   udp::socket m_socket{m_context};
@@ -95,16 +96,16 @@ void DatagramSource::Server::Open() {
     m_thread = std::thread([this] { m_context.run(); });
   } catch (const std::system_error& error) {
     throw WindowsAgentCommon::InitializationException(
-        "SyslogSource", "OrloAgent::DatagramSource::Start", __LINE__,
+        "SyslogSource", "OrloAgent::DatagramSource::Begin", __LINE__,
         "Can't listen on " + ToText(m_options.listen) + " (" + error.code().message() + ")");
   } catch (const boost::system::system_error& error) {
     throw WindowsAgentCommon::InitializationException(
-        "SyslogSource", "OrloAgent::DatagramSource::Start", __LINE__,
+        "SyslogSource", "OrloAgent::DatagramSource::Begin", __LINE__,
         "Can't listen on " + ToText(m_options.listen) + " (" + error.code().message() + ")");
   }
-  Endpoint used = m_options.listen;
-  used.port = m_port;
-  LogFacade::Info(m_log, "Listening on %s.", ToText(used));
+  m_used = m_options.listen;
+  m_used.port = m_port;
+  LogFacade::Info(m_log, "Listening on %s.", ToText(m_used));
 }
 
 // Datagrams that come while the stream is behind wait there, so more of it loses fewer.
@@ -191,8 +192,9 @@ void DatagramSource::Server::Stop() {
   m_thread.join();
   m_port = 0;
   const DatagramSourceCounts counts = GetCounts();
-  LogFacade::Info(m_log, "%d events came as datagrams; %d were cut, %d were dropped by the system.",
-                  counts.events, counts.cut, counts.dropped);
+  LogFacade::Info(m_log,
+                  "%s: %d events came as datagrams; %d were cut, %d were dropped by the system.",
+                  ToText(m_used), counts.events, counts.cut, counts.dropped);
 }
 
 void DatagramSource::Server::End() {
@@ -207,21 +209,19 @@ void DatagramSource::Server::End() {
 
 DatagramSource::DatagramSource(const SyslogSourceOptions& options) : m_options(options) {}
 
-DatagramSource::~DatagramSource() = default;
+DatagramSource::~DatagramSource() { Stop(); }
 
-void DatagramSource::Start(OrloStream::Stream& stream) {
-  auto server = std::make_unique<Server>(m_options, stream);
+void DatagramSource::Begin(const std::string& streamName) {
+  auto server = std::make_unique<Server>(m_options, streamName, GetGate(), GetPostCounts());
   server->Open();
   m_server = std::move(server);
 }
 
-void DatagramSource::Stop() {
+void DatagramSource::End() {
   if (m_server) {
     m_server->Stop();
   }
 }
-
-std::uint64_t DatagramSource::GetNotMade() const { return m_server ? m_server->GetNotMade() : 0; }
 
 std::vector<EndCounter> DatagramSource::GetCounters() const {
   const DatagramSourceCounts counts = GetCounts();

@@ -26,14 +26,6 @@ class DatagramSource : public Source {
   explicit DatagramSource(const SyslogSourceOptions& options);
   ~DatagramSource() override;
 
-  // The socket is bound before it returns; a message tells the address with the port that the
-  // system chose.
-  void Start(OrloStream::Stream& stream) override;
-
-  // Posts what lies in the system's buffer already, for a second at most, and closes.
-  void Stop() override;
-
-  std::uint64_t GetNotMade() const override;
   std::vector<EndCounter> GetCounters() const override;
 
   // The port in use; 0 when not running. Any thread.
@@ -41,6 +33,14 @@ class DatagramSource : public Source {
 
   // Any thread.
   DatagramSourceCounts GetCounts() const;
+
+ protected:
+  // The socket is bound before it returns; a message tells the address with the port that the
+  // system chose.
+  void Begin(const std::string& streamName) override;
+
+  // Posts what lies in the system's buffer already, for a second at most, and closes.
+  void End() override;
 
  private:
   class Server;

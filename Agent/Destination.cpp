@@ -2,9 +2,11 @@
 
 #include "Agent/BufferedDestination.h"
 #include "Agent/DatagramDestination.h"
+#include "Agent/FallbackDestination.h"
 #include "Agent/FileChannel.h"
 #include "Agent/KafkaDestination.h"
 #include "Agent/RelpDestination.h"
+#include "Agent/RotatingChannel.h"
 #include "Agent/StdoutChannel.h"
 #include "Agent/TcpChannel.h"
 
@@ -28,6 +30,16 @@ std::unique_ptr<Destination> MakeSyslogDestination(const SyslogDestinationOption
 
 }  // namespace
 
+std::unique_ptr<Destination> MakeDestinationOfStream(const StreamOptions& stream) {
+  auto first = MakeDestination(stream.destination, stream.name);
+  if (!stream.fallback) {
+    return first;
+  }
+  return std::make_unique<FallbackDestination>(
+      std::move(first), MakeDestination(stream.fallback->destination, stream.name),
+      *stream.fallback, stream.name);
+}
+
 std::unique_ptr<Destination> MakeDestination(const DestinationOptions& options,
                                              const std::string& streamName) {
   if (const auto* syslog = std::get_if<SyslogDestinationOptions>(&options)) {
@@ -42,8 +54,9 @@ std::unique_ptr<Destination> MakeDestination(const DestinationOptions& options,
   BufferedWriterOptions writer;
   if (const auto* file = std::get_if<FileDestinationOptions>(&options)) {
     writer.sendTimeout = file->sendTimeout;
-    return std::make_unique<BufferedDestination>(MakeFileChannel(file->path, streamName),
-                                                 OutputFraming::Lines, writer);
+    auto channel = file->rotation ? MakeRotatingChannel(file->path, *file->rotation, streamName)
+                                  : MakeFileChannel(file->path, streamName);
+    return std::make_unique<BufferedDestination>(std::move(channel), OutputFraming::Lines, writer);
   }
   writer.sendTimeout = std::get<StdoutDestinationOptions>(options).sendTimeout;
   return std::make_unique<BufferedDestination>(MakeStdoutChannel(streamName), OutputFraming::Lines,

@@ -31,6 +31,9 @@ class Destination : public WindowsAgentCommon::OrloTask {
   virtual std::vector<EndCounter> GetCounters() const { return {}; }
 };
 
+// The stream's destination, with its fallback if it has one. Throws as MakeDestination.
+std::unique_ptr<Destination> MakeDestinationOfStream(const StreamOptions& stream);
+
 // The destination that the options describe; `streamName` is for its messages. Throws
 // InitializationException if it can never work, for want of a file of certificates for example.
 std::unique_ptr<Destination> MakeDestination(const DestinationOptions& options,

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "Agent/Gzip.h"
 #include "Agent/KafkaDestination.h"
 #include "Agent/PathText.h"
 #include "Agent/Tls.h"
@@ -18,6 +19,9 @@ using std::chrono::seconds;
 constexpr std::uint64_t kSmallestEvent = 64;
 constexpr std::uint64_t kLargestEvent = 16 * 1024 * 1024;
 
+constexpr std::uint64_t kSmallestRotation = 1024;
+constexpr std::uint64_t kLargestRotation = std::uint64_t{1} << 50;
+
 // False if there is no usable endpoint.
 bool ReadEndpoint(const ConfigurationEntry& entry, bool mayBePortZero, ValueReader& reader,
                   Endpoint& endpoint) {
@@ -28,11 +32,15 @@ bool ReadEndpoint(const ConfigurationEntry& entry, bool mayBePortZero, ValueRead
   std::string problem;
   auto parsed = ParseEndpoint(text, mayBePortZero, problem);
   if (!parsed) {
-    reader.Note(entry, "\"" + text + "\" " + problem);
+    // The problem may name a part of the value.
+    reader.Note(entry, HasReference(entry.value.Scalar())
+                           ? "(hidden) is not a usable address SCHEME://HOST:PORT"
+                           : "\"" + text + "\" " + problem);
     return false;
   }
   if (parsed->transport == Transport::Tls && !IsTlsAvailable()) {
-    reader.Note(entry, "\"" + text + "\" can't be used: this program was built without TLS");
+    reader.Note(entry,
+                reader.Quote(entry, text) + " can't be used: this program was built without TLS");
     return false;
   }
   endpoint = std::move(*parsed);
@@ -95,10 +103,28 @@ void RefuseForTransport(MapReader& map, ValueReader& reader, const char* key,
   }
 }
 
-SyslogSourceOptions ReadSyslogSource(MapReader& map, ValueReader& reader) {
+// TLS runs over TCP: the two share ports.
+void RefuseSecondListener(const ConfigurationEntry& entry, const Endpoint& listen,
+                          ValueReader& reader, SharedEnds& shared) {
+  if (listen.port == 0) {
+    return;
+  }
+  Endpoint used = listen;
+  used.transport = listen.transport == Transport::Udp ? Transport::Udp : Transport::Tcp;
+  const auto [first, added] = shared.listeners.emplace(ToText(used), entry.line);
+  if (!added) {
+    reader.Note(entry, reader.Quote(entry, ToText(listen)) + " is where the source in line " +
+                           std::to_string(first->second) + " listens already");
+  }
+}
+
+SyslogSourceOptions ReadSyslogSource(MapReader& map, ValueReader& reader, SharedEnds& shared) {
   SyslogSourceOptions options;
   const auto listen = map.Require("listen");
   const bool isKnown = listen && ReadEndpoint(*listen, true, reader, options.listen);
+  if (isKnown) {
+    RefuseSecondListener(*listen, options.listen, reader, shared);
+  }
   if (const auto size = map.Find("max_event_size")) {
     reader.ReadSize(*size, kSmallestEvent, kLargestEvent, options.maxEventSize);
   }
@@ -141,7 +167,7 @@ std::optional<std::string> ReadType(MapReader& map, ValueReader& reader,
     for (const std::string& one : types) {
       known += (known.empty() ? "" : ", ") + one;
     }
-    reader.Note(*entry, "\"" + type + "\" is not known; known are: " + known);
+    reader.Note(*entry, reader.Quote(*entry, type) + " is not known; known are: " + known);
     return std::nullopt;
   }
   return type;
@@ -166,7 +192,7 @@ FileSourceOptions ReadFileSource(MapReader& map, ValueReader& reader) {
     if (start == "end") {
       options.start = FileStart::End;
     } else if (start != "beginning") {
-      reader.Note(*entry, "\"" + start + "\" is not known; known are: beginning, end");
+      reader.Note(*entry, reader.Quote(*entry, start) + " is not known; known are: beginning, end");
     }
   }
   if (const auto size = map.Find("max_event_size")) {
@@ -187,6 +213,38 @@ void ReadSendTimeout(MapReader& map, ValueReader& reader, milliseconds& timeout)
   }
 }
 
+RotationOptions ReadRotation(const ConfigurationEntry& entry, ValueReader& reader) {
+  RotationOptions rotation;
+  MapReader map(entry, reader);
+  const auto size = map.Find("size");
+  const auto every = map.Find("every");
+  if (size) {
+    std::size_t bytes = static_cast<std::size_t>(kSmallestRotation);
+    reader.ReadSize(*size, kSmallestRotation, kLargestRotation, bytes);
+    rotation.size = bytes;
+  }
+  if (every) {
+    reader.ReadDuration(*every, std::chrono::seconds(1), hours(24), rotation.every);
+  }
+  if (map.IsMap() && !size && !every) {
+    reader.Note(entry, "has neither \"size\" nor \"every\", and would never rotate");
+  }
+  if (const auto keep = map.Find("keep")) {
+    reader.ReadCount(*keep, 0, 100'000, rotation.keep);
+  }
+  std::string compress;
+  if (const auto by = map.Find("compress"); by && reader.ReadText(*by, compress)) {
+    rotation.compress = compress == "gzip";
+    if (compress != "gzip" && compress != "none") {
+      reader.Note(*by, reader.Quote(*by, compress) + " is not known; known are: none, gzip");
+    } else if (rotation.compress && !IsGzipAvailable()) {
+      reader.Note(*by, "can't be used: this program was built without gzip");
+    }
+  }
+  map.RefuseOthers();
+  return rotation;
+}
+
 SyslogDestinationOptions ReadSyslogDestination(MapReader& map, ValueReader& reader) {
   SyslogDestinationOptions options;
   const auto target = map.Require("target");
@@ -199,7 +257,8 @@ SyslogDestinationOptions ReadSyslogDestination(MapReader& map, ValueReader& read
     if (framing == "octet-counted") {
       options.framing = SyslogFraming::OctetCounted;
     } else if (framing != "newline") {
-      reader.Note(*entry, "\"" + framing + "\" is not known; known are: newline, octet-counted");
+      reader.Note(*entry, reader.Quote(*entry, framing) +
+                              " is not known; known are: newline, octet-counted");
     }
   }
   if (const auto entry = map.Find("connect_timeout")) {
@@ -316,7 +375,7 @@ void ReadSource(const ConfigurationEntry& entry, ValueReader& reader, SharedEnds
     }
     sources.emplace_back(ReadFileSource(map, reader));
   } else {
-    sources.emplace_back(ReadSyslogSource(map, reader));
+    sources.emplace_back(ReadSyslogSource(map, reader, shared));
   }
   map.RefuseOthers();
 }
@@ -332,7 +391,7 @@ void ReadDestination(const ConfigurationEntry& entry, ValueReader& reader, Share
     StdoutDestinationOptions options;
     ReadSendTimeout(map, reader, options.sendTimeout);
     if (!shared.outputs.insert("").second) {
-      reader.Note(entry, "writes to the standard output, which another stream uses already");
+      reader.Note(entry, "writes to the standard output, which another destination uses already");
     }
     destination = options;
   } else if (*type == "file") {
@@ -340,7 +399,11 @@ void ReadDestination(const ConfigurationEntry& entry, ValueReader& reader, Share
     const auto path = map.Require("path");
     if (path && reader.ReadPath(*path, options.path) &&
         !shared.outputs.insert(ToText(ToPath(options.path).lexically_normal())).second) {
-      reader.Note(*path, "\"" + options.path + "\" is the file of another stream already");
+      reader.Note(
+          *path, reader.Quote(*path, options.path) + " is the file of another destination already");
+    }
+    if (const auto rotation = map.Find("rotate")) {
+      options.rotation = ReadRotation(*rotation, reader);
     }
     ReadSendTimeout(map, reader, options.sendTimeout);
     destination = std::move(options);

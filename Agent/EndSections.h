@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -13,6 +14,8 @@ namespace OrloAgent {
 // What only one source or destination of a file may use.
 struct SharedEnds {
   std::set<std::string> outputs;
+  // Addresses with a port, and the line of who listens there.
+  std::map<std::string, int> listeners;
   bool standardInput = false;
 };
 

@@ -18,22 +18,22 @@ MessageBlockPtr MakeBlock(std::size_t size) {
   return MessageBlockPtr(block);
 }
 
-void Count(std::atomic<std::uint64_t>& counter) {
+void Count(std::atomic<std::uint64_t>& counter, int change = 1) {
   // One writer: no need to lock the bus for every event.
-  counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  counter.store(counter.load(std::memory_order_relaxed) + change, std::memory_order_relaxed);
 }
 
 }  // namespace
 
-EventPoster::EventPoster(OrloStream::Stream& stream, WindowsAgentCommon::Log log)
-    : m_stream(stream), m_log(std::move(log)) {}
+EventPoster::EventPoster(StreamGate& gate, PostCounts& counts, WindowsAgentCommon::Log log)
+    : m_gate(gate), m_counts(counts), m_log(std::move(log)) {}
 
 void EventPoster::Post(const EventHeaderTemplate& header, std::uint8_t flags,
                        std::uint64_t receiveTime, std::string_view message) {
   MessageBlockPtr head = MakeBlock(header.GetSize());
   MessageBlockPtr payload = MakeBlock(message.size());
   if (!head || !payload) {
-    Count(m_notMade);
+    Count(m_counts.notMade);
     ReportFailure("there is no memory for them");
     return;
   }
@@ -41,9 +41,19 @@ void EventPoster::Post(const EventHeaderTemplate& header, std::uint8_t flags,
   head->wr_ptr(header.GetSize());
   payload->copy(message.data(), message.size());
   head->cont(payload.release());
-  Count(m_posted);
-  if (m_stream.Post(head.release()).GetWord() != 0) {
-    ReportFailure("the stream's first stage refused them");
+  // Counted first: who has received an event finds it counted.
+  Count(m_counts.posted);
+  switch (m_gate.Post(head.release())) {
+    case StreamGate::Outcome::Taken:
+      break;
+    case StreamGate::Outcome::Refused:
+      ReportFailure("the stream's first stage refused them");
+      break;
+    case StreamGate::Outcome::Abandoned:
+      Count(m_counts.posted, -1);
+      Count(m_counts.notMade);
+      ReportFailure("their stream is gone");
+      break;
   }
 }
 

@@ -6,7 +6,6 @@
 #include "Agent/PathPattern.h"
 #include "Agent/PathText.h"
 #include "WindowsAgentCommon/Exceptions.h"
-#include "WindowsAgentCommon/Text.h"
 
 namespace OrloAgent {
 
@@ -43,17 +42,16 @@ FileSource::FileSource(const FileSourceOptions& options, std::filesystem::path p
 
 FileSource::~FileSource() { Stop(); }
 
-void FileSource::Start(OrloStream::Stream& stream) {
-  m_log = WindowsAgentCommon::LoggerFactory::GetLog("Code.FileSource." +
-                                                    WindowsAgentCommon::ToUtf8(stream.GetName()));
-  m_poster = std::make_unique<EventPoster>(stream, m_log);
+void FileSource::Begin(const std::string& streamName) {
+  m_log = WindowsAgentCommon::LoggerFactory::GetLog("Code.FileSource." + streamName);
+  m_poster = std::make_unique<EventPoster>(GetGate(), GetPostCounts(), m_log);
   try {
     m_startAtEnd = m_options.start == FileStart::End && !std::filesystem::exists(m_positions);
     std::filesystem::create_directories(m_positions);
     m_thread = std::thread(&FileSource::Run, this);
   } catch (const std::system_error& error) {
     throw WindowsAgentCommon::InitializationException(
-        "FileSource", "OrloAgent::FileSource::Start", __LINE__,
+        "FileSource", "OrloAgent::FileSource::Begin", __LINE__,
         "Files can't be followed: positions can't be kept in " + ToText(m_positions) + " (" +
             error.code().message() + ")");
   }
@@ -62,7 +60,7 @@ void FileSource::Start(OrloStream::Stream& stream) {
   }
 }
 
-void FileSource::Stop() {
+void FileSource::End() {
   if (!m_thread.joinable()) {
     return;
   }
@@ -72,13 +70,11 @@ void FileSource::Stop() {
   }
   m_stopped.notify_all();
   m_thread.join();
-  LogFacade::Info(m_log, "%d events came from files.", m_poster->GetPosted());
+  LogFacade::Info(m_log, "%d events came from files.", GetPosted());
 }
 
-std::uint64_t FileSource::GetNotMade() const { return m_poster ? m_poster->GetNotMade() : 0; }
-
 std::vector<EndCounter> FileSource::GetCounters() const {
-  return {{"events", "Events that the source has posted", m_poster ? m_poster->GetPosted() : 0}};
+  return {{"events", "Events that the source has posted", GetPosted()}};
 }
 
 void FileSource::Run() {

@@ -28,13 +28,13 @@ class FileSource : public Source {
   FileSource(const FileSourceOptions& options, std::filesystem::path positions);
   ~FileSource() override;
 
-  void Start(OrloStream::Stream& stream) override;
+  std::vector<EndCounter> GetCounters() const override;
+
+ protected:
+  void Begin(const std::string& streamName) override;
 
   // Ends after the line that is being posted.
-  void Stop() override;
-
-  std::uint64_t GetNotMade() const override;
-  std::vector<EndCounter> GetCounters() const override;
+  void End() override;
 
  private:
   void Run();

@@ -103,17 +103,23 @@ KafkaDestination::KafkaDestination(const KafkaDestinationOptions& options,
 Producer KafkaDestination::MakeProducer() {
   std::array<char, 512> problem{};
   const auto refuse = [&](const std::string& what) {
-    throw WindowsAgentCommon::InitializationException(
-        "KafkaDestination", "OrloAgent::KafkaDestination::MakeProducer", __LINE__,
-        "Can't send to Kafka: " + what + " (" + problem.data() + ")");
+    throw WindowsAgentCommon::InitializationException("KafkaDestination",
+                                                      "OrloAgent::KafkaDestination::MakeProducer",
+                                                      __LINE__, "Can't send to Kafka: " + what);
   };
   std::unique_ptr<rd_kafka_conf_t, void (*)(rd_kafka_conf_t*)> settings(rd_kafka_conf_new(),
                                                                         &rd_kafka_conf_destroy);
   const auto set = [&](const std::string& name, const std::string& value) {
-    if (rd_kafka_conf_set(settings.get(), name.c_str(), value.c_str(), problem.data(),
-                          problem.size()) != RD_KAFKA_CONF_OK) {
-      // Not the value: it can be a secret.
-      refuse("the property \"" + name + "\" is not taken");
+    // Not the library's own words: they hold the value, which can be a secret.
+    switch (rd_kafka_conf_set(settings.get(), name.c_str(), value.c_str(), problem.data(),
+                              problem.size())) {
+      case RD_KAFKA_CONF_OK:
+        break;
+      case RD_KAFKA_CONF_UNKNOWN:
+        refuse("there is no property \"" + name + "\"");
+        break;
+      default:
+        refuse("the property \"" + name + "\" can't have the value that it was given");
     }
   };
   set("client.id", "orlo-agent");
@@ -144,7 +150,7 @@ Producer KafkaDestination::MakeProducer() {
   Producer producer(
       rd_kafka_new(RD_KAFKA_PRODUCER, settings.get(), problem.data(), problem.size()));
   if (!producer) {
-    refuse("the settings don't fit together");
+    refuse(std::string("the settings don't fit together (") + problem.data() + ")");
   }
   settings.release();  // the producer's now
   return producer;

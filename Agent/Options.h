@@ -4,13 +4,15 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 #include <variant>
 #include <vector>
 
 // The agent's configuration as plain values, after every check: what ConfigurationReader makes of
-// the file and what the rest of the agent is built from. Paths and texts are UTF-8.
+// the file and what the rest of the agent is built from. Paths and texts are UTF-8. Sections are
+// compared when the file is read again.
 namespace OrloAgent {
 
 enum class Transport { Tcp, Udp, Tls };
@@ -23,6 +25,8 @@ struct Endpoint {
   // 0 is accepted for listening only and lets the system choose.
   std::uint16_t port = 0;
   Transport transport = Transport::Tcp;
+
+  bool operator==(const Endpoint&) const = default;
 };
 
 struct DiskOptions {
@@ -33,6 +37,8 @@ struct DiskOptions {
   // How many bytes must stay free on the file system of the data directory, whoever uses them.
   // 0: no limit.
   std::uint64_t keepFree = std::uint64_t{1} << 30;
+
+  bool operator==(const DiskOptions&) const = default;
 };
 
 struct LogOptions {
@@ -44,6 +50,8 @@ struct LogOptions {
 
   // Messages are appended to this file as well as written to standard error. Empty: no file.
   std::string file;
+
+  bool operator==(const LogOptions&) const = default;
 };
 
 struct ShutdownOptions {
@@ -51,6 +59,8 @@ struct ShutdownOptions {
   // cached or counted as lost. The stage decides about its newest events once per DataChunkPeriod,
   // so a shorter wait can leave events behind. 0: no wait. At most a day.
   std::chrono::milliseconds drainTimeout{30'000};
+
+  bool operator==(const ShutdownOptions&) const = default;
 };
 
 // When a stream is called stalled: its cache is not empty, its destination and its schedule would
@@ -65,6 +75,8 @@ struct WatchOptions {
   // How often a line in the log says of each stream how many events were delivered, are cached,
   // lost and held. 0: never. At most a day.
   std::chrono::milliseconds report{0};
+
+  bool operator==(const WatchOptions&) const = default;
 };
 
 // Where the agent shows how it is. docs/monitoring.md
@@ -81,12 +93,16 @@ struct MonitorOptions {
   // For how long a destination may refuse events until the agent no longer calls itself healthy.
   // 0 to a day.
   std::chrono::milliseconds refusedAfter{30'000};
+
+  bool operator==(const MonitorOptions&) const = default;
 };
 
 // Lines of standard input. Its end stops the agent, unless another source goes on.
 struct StdinSourceOptions {
   // A longer line becomes several events, none of it is dropped. 64 bytes to 16 MiB.
   std::size_t maxEventSize = 64 * 1024;
+
+  bool operator==(const StdinSourceOptions&) const = default;
 };
 
 // What a server shows its clients, and what it demands of them.
@@ -100,6 +116,8 @@ struct TlsServerOptions {
 
   // How long a client may take until its connection is secured. 100 ms to 1 h.
   std::chrono::milliseconds handshakeTimeout{10'000};
+
+  bool operator==(const TlsServerOptions&) const = default;
 };
 
 // What a client demands of its server, and what it shows.
@@ -116,6 +134,8 @@ struct TlsClientOptions {
 
   // False: whoever answers is believed to be the server.
   bool verify = true;
+
+  bool operator==(const TlsClientOptions&) const = default;
 };
 
 // Syslog over UDP (a message per datagram, RFC 5426), over TCP (framed as RFC 6587 describes) or
@@ -140,6 +160,8 @@ struct SyslogSourceOptions {
   // A connection that has sent nothing for so long is closed. 0: it may stay silent for ever; a
   // peer that is gone is still found by TCP keep-alive.
   std::chrono::milliseconds idleTimeout{0};
+
+  bool operator==(const SyslogSourceOptions&) const = default;
 };
 
 enum class FileStart { Beginning, End };
@@ -162,6 +184,8 @@ struct FileSourceOptions {
   // Further files are not followed, with a message, until others are gone. Each takes a descriptor.
   // 1 to 1,000,000.
   std::size_t maxFiles = 1024;
+
+  bool operator==(const FileSourceOptions&) const = default;
 };
 
 using SourceOptions = std::variant<StdinSourceOptions, SyslogSourceOptions, FileSourceOptions>;
@@ -171,12 +195,35 @@ using SourceOptions = std::variant<StdinSourceOptions, SyslogSourceOptions, File
 struct StageOptions {
   std::string module;
   std::vector<std::pair<std::string, std::string>> settings;
+
+  bool operator==(const StageOptions&) const = default;
 };
 
 struct StdoutDestinationOptions {
   // How long one event may wait for a reader that is behind before the stage is told to hold it
   // and come back in half a minute. 1 ms to 1 h.
   std::chrono::milliseconds sendTimeout{5'000};
+
+  bool operator==(const StdoutDestinationOptions&) const = default;
+};
+
+// When a file is closed, renamed and begun anew, and what becomes of it then. Without a size and a
+// period it never is.
+struct RotationOptions {
+  // When it has got this large; 0: no limit. 1 KiB or more.
+  std::uint64_t size = 0;
+
+  // When one of the periods of this length that begin with 1970 in UTC is over: with 24 h at
+  // midnight, with 1 h at every full hour. 0: never. 1 s to a day.
+  std::chrono::milliseconds every{0};
+
+  // How many closed files are kept; the oldest are deleted. 0: all. At most 100,000.
+  std::size_t keep = 0;
+
+  // Whether closed files are compressed in gzip's format.
+  bool compress = false;
+
+  bool operator==(const RotationOptions&) const = default;
 };
 
 struct FileDestinationOptions {
@@ -184,8 +231,13 @@ struct FileDestinationOptions {
   // any time; the file is then made anew within a second.
   std::string path;
 
+  // Nothing: whoever wants it rotates the file himself.
+  std::optional<RotationOptions> rotation;
+
   // How long one event may wait for a full disk before the stage holds it. 1 ms to 1 h.
   std::chrono::milliseconds sendTimeout{5'000};
+
+  bool operator==(const FileDestinationOptions&) const = default;
 };
 
 enum class SyslogFraming {
@@ -210,6 +262,8 @@ struct SyslogDestinationOptions {
 
   // How long one attempt to connect, the look-up of the name included, may take. 1 ms to 1 h.
   std::chrono::milliseconds connectTimeout{5'000};
+
+  bool operator==(const SyslogDestinationOptions&) const = default;
 };
 
 // A topic of a Kafka cluster.
@@ -230,6 +284,8 @@ struct KafkaDestinationOptions {
 
   // Handed to librdkafka as they are; none of those that the agent sets itself.
   std::map<std::string, std::string> properties;
+
+  bool operator==(const KafkaDestinationOptions&) const = default;
 };
 
 // A receiver of RELP, which acknowledges every event.
@@ -253,11 +309,27 @@ struct RelpDestinationOptions {
   // A receiver that acknowledges nothing for so long, though something is under way, is connected
   // to anew and gets it again. 1 s to 1 h; 0: it may take for ever.
   std::chrono::milliseconds ackTimeout{60'000};
+
+  bool operator==(const RelpDestinationOptions&) const = default;
 };
 
 using DestinationOptions =
     std::variant<StdoutDestinationOptions, FileDestinationOptions, SyslogDestinationOptions,
                  KafkaDestinationOptions, RelpDestinationOptions>;
+
+// A second destination, for the time in which the first one takes nothing.
+struct FallbackOptions {
+  // How long events have waited for the first destination, which has sent nothing in that time,
+  // when the second one gets them. 1 s to a day.
+  std::chrono::milliseconds after{60'000};
+
+  // How often the first one is offered an event while the second one gets them. 1 s to a day.
+  std::chrono::milliseconds retry{30'000};
+
+  DestinationOptions destination;
+
+  bool operator==(const FallbackOptions&) const = default;
+};
 
 // One chain of sources, stages and a destination.
 struct StreamOptions {
@@ -272,6 +344,9 @@ struct StreamOptions {
   std::vector<StageOptions> stages;
 
   DestinationOptions destination;
+  std::optional<FallbackOptions> fallback;
+
+  bool operator==(const StreamOptions&) const = default;
 };
 
 struct AgentOptions {

@@ -33,6 +33,8 @@ class StallWatch {
 
   explicit StallWatch(const WatchOptions& options) : m_options(options) {}
 
+  void SetOptions(const WatchOptions& options) { m_options = options; }
+
   // Takes a look; true when a warning is due.
   bool Look(const StreamMotion& motion, Clock::time_point now);
 
@@ -42,7 +44,7 @@ class StallWatch {
   std::chrono::seconds GetStalledTime(Clock::time_point now) const;
 
  private:
-  const WatchOptions m_options;
+  WatchOptions m_options;
   std::optional<StreamMotion> m_last;
   Clock::time_point m_since{};
   Clock::time_point m_warned{};

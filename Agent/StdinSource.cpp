@@ -6,7 +6,6 @@
 #include "Agent/FrameReader.h"
 #include "Agent/ReceiveTime.h"
 #include "WindowsAgentCommon/Exceptions.h"
-#include "WindowsAgentCommon/Text.h"
 
 namespace OrloAgent {
 
@@ -39,32 +38,29 @@ StdinSource::StdinSource(const StdinSourceOptions& options, EndOfInput endOfInpu
 
 StdinSource::~StdinSource() { Stop(); }
 
-void StdinSource::Start(OrloStream::Stream& stream) {
-  m_log = WindowsAgentCommon::LoggerFactory::GetLog("Code.StdinSource." +
-                                                    WindowsAgentCommon::ToUtf8(stream.GetName()));
+void StdinSource::Begin(const std::string& streamName) {
+  m_log = WindowsAgentCommon::LoggerFactory::GetLog("Code.StdinSource." + streamName);
   try {
     m_input = std::make_unique<StandardInput>();
-    m_poster = std::make_unique<EventPoster>(stream, m_log);
+    m_poster = std::make_unique<EventPoster>(GetGate(), GetPostCounts(), m_log);
     m_thread = std::thread(&StdinSource::Run, this);
   } catch (const std::system_error& error) {
     throw WindowsAgentCommon::InitializationException(
-        "StdinSource", "OrloAgent::StdinSource::Start", __LINE__,
+        "StdinSource", "OrloAgent::StdinSource::Begin", __LINE__,
         std::string("The standard input can't be read (") + error.what() + ")");
   }
 }
 
-void StdinSource::Stop() {
+void StdinSource::End() {
   if (m_thread.joinable()) {
     m_input->Interrupt();
     m_thread.join();
-    LogFacade::Info(m_log, "The standard input gave %d events.", m_poster->GetPosted());
+    LogFacade::Info(m_log, "The standard input gave %d events.", GetPosted());
   }
 }
 
-std::uint64_t StdinSource::GetNotMade() const { return m_poster ? m_poster->GetNotMade() : 0; }
-
 std::vector<EndCounter> StdinSource::GetCounters() const {
-  return {{"events", "Events that the source has posted", m_poster ? m_poster->GetPosted() : 0}};
+  return {{"events", "Events that the source has posted", GetPosted()}};
 }
 
 void StdinSource::Run() {

@@ -17,13 +17,13 @@ class StdinSource : public Source {
   StdinSource(const StdinSourceOptions& options, EndOfInput endOfInput);
   ~StdinSource() override;
 
-  void Start(OrloStream::Stream& stream) override;
+  std::vector<EndCounter> GetCounters() const override;
+
+ protected:
+  void Begin(const std::string& streamName) override;
 
   // Ends a read that waits. What was read before is posted first.
-  void Stop() override;
-
-  std::uint64_t GetNotMade() const override;
-  std::vector<EndCounter> GetCounters() const override;
+  void End() override;
 
  private:
   void Run();

@@ -51,7 +51,7 @@ std::string FindProblemOfName(const std::string& name) {
 void ReadName(const ConfigurationEntry& entry, ValueReader& reader, Shared& shared,
               std::string& name) {
   std::string text;
-  if (!reader.ReadText(entry, text)) {
+  if (!reader.ReadTextWithoutReferences(entry, text)) {
     return;
   }
   if (const std::string problem = FindProblemOfName(text); !problem.empty()) {
@@ -95,7 +95,8 @@ void ReadStage(const ConfigurationEntry& entry, ValueReader& reader,
                std::vector<StageOptions>& stages, std::set<std::string>& modules) {
   MapReader map(entry, reader);
   StageOptions stage;
-  if (const auto module = map.Require("module"); module && reader.ReadText(*module, stage.module)) {
+  if (const auto module = map.Require("module");
+      module && reader.ReadTextWithoutReferences(*module, stage.module)) {
     const bool isName =
         !stage.module.empty() && std::all_of(stage.module.begin(), stage.module.end(), [](char c) {
           return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
@@ -115,19 +116,54 @@ void ReadStage(const ConfigurationEntry& entry, ValueReader& reader,
   stages.push_back(std::move(stage));
 }
 
+void ReadSources(const ConfigurationEntry& entry, bool mayStandAlone, ValueReader& reader,
+                 Shared& shared, std::vector<SourceOptions>& sources) {
+  const auto list = reader.ReadList(entry, mayStandAlone);
+  for (const ConfigurationEntry& one : list) {
+    ReadSource(one, reader, shared.ends, sources);
+  }
+  if (list.empty() && entry.value.IsSequence()) {
+    reader.Note(entry, "is an empty list; a stream needs a source");
+  }
+}
+
+FallbackOptions ReadFallback(const ConfigurationEntry& entry, ValueReader& reader, Shared& shared,
+                             const DestinationOptions& first) {
+  FallbackOptions fallback;
+  MapReader map(entry, reader);
+  if (const auto after = map.Find("after")) {
+    reader.ReadDuration(*after, std::chrono::seconds(1), std::chrono::hours(24), fallback.after);
+  }
+  if (const auto retry = map.Find("retry")) {
+    reader.ReadDuration(*retry, std::chrono::seconds(1), std::chrono::hours(24), fallback.retry);
+  }
+  if (const auto destination = map.Require("destination")) {
+    ReadDestination(*destination, reader, shared.ends, fallback.destination);
+  }
+  map.RefuseOthers();
+  const auto* const syslog = std::get_if<SyslogDestinationOptions>(&first);
+  if (syslog != nullptr && syslog->target.transport == Transport::Udp) {
+    reader.Note(entry,
+                "can't be used beside a destination over UDP, which never knows whether "
+                "anybody receives what it sends");
+  }
+  return fallback;
+}
+
 StreamOptions ReadStream(const ConfigurationEntry& entry, ValueReader& reader, Shared& shared) {
   StreamOptions stream;
   MapReader map(entry, reader);
   if (const auto name = map.Require("name")) {
     ReadName(*name, reader, shared, stream.name);
   }
-  if (const auto source = map.Require("source")) {
-    const auto sources = reader.ReadList(*source, true);
-    for (const ConfigurationEntry& one : sources) {
-      ReadSource(one, reader, shared.ends, stream.sources);
-    }
-    if (sources.empty()) {
-      reader.Note(*source, "is an empty list; a stream needs a source");
+  const auto several = map.Find("sources");
+  if (several) {
+    ReadSources(*several, false, reader, shared, stream.sources);
+  }
+  if (const auto source = several ? map.Find("source") : map.Require("source")) {
+    ReadSources(*source, true, reader, shared, stream.sources);
+    if (several) {
+      reader.Note(*source, "stands beside \"sources\"; one of the two is needed");
     }
   }
   if (const auto list = map.Require("stages")) {
@@ -141,6 +177,9 @@ StreamOptions ReadStream(const ConfigurationEntry& entry, ValueReader& reader, S
   }
   if (const auto destination = map.Require("destination")) {
     ReadDestination(*destination, reader, shared.ends, stream.destination);
+  }
+  if (const auto fallback = map.Find("fallback")) {
+    stream.fallback = ReadFallback(*fallback, reader, shared, stream.destination);
   }
   map.RefuseOthers();
   return stream;

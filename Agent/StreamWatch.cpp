@@ -50,6 +50,11 @@ StreamWatch::StreamWatch(const WatchOptions& options, std::string streamName,
   statistics.RegisterGroup(m_group);
 }
 
+void StreamWatch::SetOptions(const WatchOptions& options) {
+  m_watch.SetOptions(options);
+  m_reportPeriod = options.report;
+}
+
 void StreamWatch::Look(const StreamReport& report, StallWatch::Clock::time_point now) {
   StreamMotion motion;
   motion.cachedChunks = report.cachedChunks;

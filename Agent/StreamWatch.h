@@ -28,6 +28,9 @@ class StreamWatch {
               const std::filesystem::path& dataDirectory,
               WindowsAgentCommon::StatisticsServer& statistics);
 
+  // From the next look on.
+  void SetOptions(const WatchOptions& options);
+
   void Look(const StreamReport& report, StallWatch::Clock::time_point now);
 
  private:
@@ -41,7 +44,7 @@ class StreamWatch {
   const WindowsAgentCommon::EnvironmentBlock m_settings;
   const WindowsAgentCommon::Log m_log;
   StallWatch m_watch;
-  const std::chrono::milliseconds m_reportPeriod;
+  std::chrono::milliseconds m_reportPeriod;
   // When the last report was made; at first when the stream was first looked at.
   std::optional<StallWatch::Clock::time_point> m_reported;
   std::shared_ptr<WindowsAgentCommon::IStatisticsGroup> m_group;

@@ -11,7 +11,6 @@
 #include "Agent/SyslogConnection.h"
 #include "Agent/Units.h"
 #include "WindowsAgentCommon/Exceptions.h"
-#include "WindowsAgentCommon/Text.h"
 
 namespace OrloAgent {
 
@@ -41,11 +40,12 @@ FrameReaderOptions MakeFraming(const SyslogSourceOptions& options) {
 // Everything but construction, Open, Stop and the counters happens on the server's thread.
 class SyslogSource::Server {
  public:
-  Server(const SyslogSourceOptions& options, OrloStream::Stream& stream)
+  Server(const SyslogSourceOptions& options, const std::string& streamName, StreamGate& gate,
+         PostCounts& counts)
       : m_options(options),
-        m_log(WindowsAgentCommon::LoggerFactory::GetLog(
-            "Code.SyslogSource." + WindowsAgentCommon::ToUtf8(stream.GetName()))),
-        m_poster(stream, m_log),
+        m_log(WindowsAgentCommon::LoggerFactory::GetLog("Code.SyslogSource." + streamName)),
+        m_counts(counts),
+        m_poster(gate, counts, m_log),
         m_shared{m_poster, m_log, MakeFraming(options), std::vector<char>(kReadSize), 0, {}, {},
                  {},       {}} {}
 
@@ -56,7 +56,6 @@ class SyslogSource::Server {
   void Reload();
 
   std::uint16_t GetPort() const { return m_port.load(); }
-  std::uint64_t GetNotMade() const { return m_poster.GetNotMade(); }
   SyslogSourceCounts GetCounts() const;
 
  private:
@@ -71,6 +70,8 @@ class SyslogSource::Server {
 
   const SyslogSourceOptions m_options;
   WindowsAgentCommon::Log m_log;
+  Endpoint m_used;  // with the port that is in use
+  PostCounts& m_counts;
   EventPoster m_poster;
   SyslogConnectionContext m_shared;
 
@@ -119,20 +120,20 @@ void SyslogSource::Server::Open() {
     m_thread = std::thread([this] { m_context.run(); });
   } catch (const std::system_error& error) {
     throw WindowsAgentCommon::InitializationException(
-        "SyslogSource", "OrloAgent::SyslogSource::Start", __LINE__,
+        "SyslogSource", "OrloAgent::SyslogSource::Begin", __LINE__,
         "Can't listen on " + address + " (" + error.code().message() + ")");
   } catch (const boost::system::system_error& error) {
     throw WindowsAgentCommon::InitializationException(
-        "SyslogSource", "OrloAgent::SyslogSource::Start", __LINE__,
+        "SyslogSource", "OrloAgent::SyslogSource::Begin", __LINE__,
         "Can't listen on " + address + " (" + error.code().message() + ")");
   } catch (const TlsError& error) {
     throw WindowsAgentCommon::InitializationException(
-        "SyslogSource", "OrloAgent::SyslogSource::Start", __LINE__,
+        "SyslogSource", "OrloAgent::SyslogSource::Begin", __LINE__,
         "Can't listen on " + address + ": " + error.what());
   }
-  Endpoint used = m_options.listen;
-  used.port = m_port;
-  LogFacade::Info(m_log, "Listening on %s.", ToText(used));
+  m_used = m_options.listen;
+  m_used.port = m_port;
+  LogFacade::Info(m_log, "Listening on %s.", ToText(m_used));
 }
 
 void SyslogSource::Server::Stop() {
@@ -144,10 +145,10 @@ void SyslogSource::Server::Stop() {
   m_port = 0;
   const SyslogSourceCounts counts = GetCounts();
   LogFacade::Info(m_log,
-                  "%d events came over %d connections; %d were cut, %d were truncated, %d "
+                  "%s: %d events came over %d connections; %d were cut, %d were truncated, %d "
                   "connections had an unreadable length, %d were too many.",
-                  counts.events, counts.connections, counts.cut, counts.truncated, counts.malformed,
-                  counts.refusedConnections);
+                  ToText(m_used), counts.events, counts.connections, counts.cut, counts.truncated,
+                  counts.malformed, counts.refusedConnections);
   if (m_tls) {
     LogFacade::Info(m_log, "%d connections were not secured.", counts.failedHandshakes);
   }
@@ -156,7 +157,7 @@ void SyslogSource::Server::Stop() {
 SyslogSourceCounts SyslogSource::Server::GetCounts() const {
   return {m_accepted.load(),
           m_refused.load(),
-          m_poster.GetPosted(),
+          m_counts.posted.load(),
           m_shared.cut.load(),
           m_shared.truncated.load(),
           m_shared.malformed.load(),
@@ -320,15 +321,15 @@ void SyslogSource::Server::EndAll() {
 
 SyslogSource::SyslogSource(const SyslogSourceOptions& options) : m_options(options) {}
 
-SyslogSource::~SyslogSource() = default;
+SyslogSource::~SyslogSource() { Stop(); }
 
-void SyslogSource::Start(OrloStream::Stream& stream) {
-  auto server = std::make_unique<Server>(m_options, stream);
+void SyslogSource::Begin(const std::string& streamName) {
+  auto server = std::make_unique<Server>(m_options, streamName, GetGate(), GetPostCounts());
   server->Open();
   m_server = std::move(server);
 }
 
-void SyslogSource::Stop() {
+void SyslogSource::End() {
   if (m_server) {
     m_server->Stop();
   }
@@ -339,8 +340,6 @@ void SyslogSource::Reload() {
     m_server->Reload();
   }
 }
-
-std::uint64_t SyslogSource::GetNotMade() const { return m_server ? m_server->GetNotMade() : 0; }
 
 std::vector<EndCounter> SyslogSource::GetCounters() const {
   const SyslogSourceCounts counts = GetCounts();

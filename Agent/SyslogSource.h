@@ -35,18 +35,10 @@ class SyslogSource : public Source {
   explicit SyslogSource(const SyslogSourceOptions& options);
   ~SyslogSource() override;
 
-  // Listens before it returns; a message tells the address with the port that the system chose.
-  void Start(OrloStream::Stream& stream) override;
-
-  // Takes no more connections, reads what the present ones have already sent (until they are quiet
-  // for 50 ms; at most for about a second), and closes them.
-  void Stop() override;
-
   // Connections that come from now on are secured with what the certificate files hold now. Files
   // that can't be used are reported, and what was read before stays in use.
   void Reload() override;
 
-  std::uint64_t GetNotMade() const override;
   std::vector<EndCounter> GetCounters() const override;
 
   // The port in use; 0 when not running. Any thread.
@@ -54,6 +46,14 @@ class SyslogSource : public Source {
 
   // Any thread.
   SyslogSourceCounts GetCounts() const;
+
+ protected:
+  // Listens before it returns; a message tells the address with the port that the system chose.
+  void Begin(const std::string& streamName) override;
+
+  // Takes no more connections, reads what the present ones have already sent (until they are quiet
+  // for 50 ms; at most for about a second), and closes them.
+  void End() override;
 
  private:
   class Server;

@@ -4,6 +4,7 @@
 
 #include "Agent/Agent.h"
 #include "Agent/ConfigurationReader.h"
+#include "Agent/LogSetup.h"
 #include "Agent/Monitor/StatusCommand.h"
 #include "Agent/PathText.h"
 #include "Agent/Process.h"
@@ -12,29 +13,9 @@
 namespace {
 
 using WindowsAgentCommon::LogFacade;
-using WindowsAgentCommon::LogLevel;
 
 constexpr int kRefused = 1;
 constexpr int kWrongUsage = 2;
-
-LogLevel ToLevel(const std::string& name) {
-  static const std::map<std::string, LogLevel> levels{{"debug", LogLevel::Debug},
-                                                      {"info", LogLevel::Info},
-                                                      {"warn", LogLevel::Warn},
-                                                      {"error", LogLevel::Error},
-                                                      {"off", LogLevel::Off}};
-  return levels.at(name);
-}
-
-void ConfigureLogging(const OrloAgent::LogOptions& options) {
-  WindowsAgentCommon::LoggingOptions logging;
-  logging.level = ToLevel(options.level);
-  for (const auto& [prefix, level] : options.levels) {
-    logging.levels[prefix] = ToLevel(level);
-  }
-  logging.file = options.file;
-  WindowsAgentCommon::LoggerFactory::Configure(logging);
-}
 
 // A package for Windows has the modules in the program's own directory, an installation and the
 // build tree in different ones near it.
@@ -76,13 +57,15 @@ int Run(const std::string& file, std::string modules) {
   if (!PrintMistakes(configuration, file)) {
     return kRefused;
   }
-  ConfigureLogging(configuration.options.log);
+  WindowsAgentCommon::LoggerFactory::AddSecrets(configuration.secrets);
+  OrloAgent::ConfigureLogging(configuration.options.log);
   if (modules.empty()) {
     modules = FindModuleDirectory(configuration.options);
   }
   const auto log = WindowsAgentCommon::LoggerFactory::GetLog("Code.Agent");
   try {
-    OrloAgent::Agent agent(std::move(configuration.options), modules);
+    OrloAgent::Agent agent(std::move(configuration.options), modules,
+                           {file, [file] { return OrloAgent::LoadConfiguration(file); }});
     agent.Start();
     agent.Wait();
     agent.Stop();

@@ -217,6 +217,16 @@ void StreamManager::StopSources(Stream& stream) {
   stream.m_sourcesRunning = false;
 }
 
+std::vector<std::unique_ptr<IStreamSource>> StreamManager::TakeSources(Stream& stream) {
+  stream.m_sourcesRunning = false;
+  return std::exchange(stream.m_sources, {});
+}
+
+void StreamManager::SetSources(Stream& stream,
+                               std::vector<std::unique_ptr<IStreamSource>> sources) {
+  stream.m_sources = std::move(sources);
+}
+
 void StreamManager::StopStages(Stream& stream) {
   if (!stream.m_stagesRunning) {
     return;

@@ -36,6 +36,13 @@ class StreamManager {
 
   void StopSources(Stream& stream);
 
+  // Takes the sources away from the stream as they are, running or not; they are the caller's, who
+  // sees to it that they post nothing to the stream when it goes.
+  std::vector<std::unique_ptr<IStreamSource>> TakeSources(Stream& stream);
+
+  // Gives the stream its sources in place of those it has, none of which runs.
+  void SetSources(Stream& stream, std::vector<std::unique_ptr<IStreamSource>> sources);
+
   // Stops the stages in stream order, then the destination. The sources must be stopped.
   void StopStages(Stream& stream);
 

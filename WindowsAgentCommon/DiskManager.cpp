@@ -100,13 +100,12 @@ std::uint64_t MeasureUsedSpace(const std::filesystem::path& root) {
   return used;
 }
 
-DiskManagerOptions WithTrailingSeparator(DiskManagerOptions options) {
-  std::wstring& directory = options.dataDirectory;
+std::wstring WithTrailingSeparator(std::wstring directory) {
   // An empty name stays empty, and is refused; with a separator it would be the root directory.
   if (!directory.empty() && directory.back() != L'\\' && directory.back() != L'/') {
     directory += L'\\';
   }
-  return options;
+  return directory;
 }
 
 }  // namespace
@@ -117,28 +116,35 @@ const std::string& IDiskManager::GetServiceName() {
 }
 
 DiskManager::DiskManager(DiskManagerOptions options)
-    : m_options(WithTrailingSeparator(std::move(options))) {
-  MakeDataDirectory(m_options.dataDirectory);
-  ProbeDataDirectory(m_options.dataDirectory);
-  m_used = MeasureUsedSpace(ToFileSystemPath(m_options.dataDirectory));
+    : m_dataDirectory(WithTrailingSeparator(std::move(options.dataDirectory))),
+      m_quota(options.quota),
+      m_keepFree(options.keepFree) {
+  MakeDataDirectory(m_dataDirectory);
+  ProbeDataDirectory(m_dataDirectory);
+  m_used = MeasureUsedSpace(ToFileSystemPath(m_dataDirectory));
 }
 
 DiskManager::~DiskManager() = default;
 
-const std::wstring& DiskManager::GetDataDirectory() { return m_options.dataDirectory; }
+const std::wstring& DiskManager::GetDataDirectory() { return m_dataDirectory; }
 
 bool DiskManager::ReserveSpace(unsigned /*reserved*/, std::uint64_t bytes) {
-  if (m_options.keepFree != 0) {
+  std::uint64_t keepFree = 0;
+  {
+    const std::lock_guard guard(m_lock);
+    keepFree = m_keepFree;
+  }
+  // Asking the file system can take long, so it is asked without the lock.
+  if (keepFree != 0) {
     std::error_code error;
     const std::uint64_t available =
-        std::filesystem::space(ToFileSystemPath(m_options.dataDirectory), error).available;
-    if (!error && (available < m_options.keepFree || available - m_options.keepFree < bytes)) {
+        std::filesystem::space(ToFileSystemPath(m_dataDirectory), error).available;
+    if (!error && (available < keepFree || available - keepFree < bytes)) {
       return false;
     }
   }
-  const std::uint64_t limit =
-      m_options.quota != 0 ? m_options.quota : std::numeric_limits<std::uint64_t>::max();
   const std::lock_guard guard(m_lock);
+  const std::uint64_t limit = m_quota != 0 ? m_quota : std::numeric_limits<std::uint64_t>::max();
   if (m_used > limit || limit - m_used < bytes) {
     return false;
   }
@@ -149,6 +155,22 @@ bool DiskManager::ReserveSpace(unsigned /*reserved*/, std::uint64_t bytes) {
 void DiskManager::ReleaseSpace(unsigned /*reserved*/, std::uint64_t bytes) {
   const std::lock_guard guard(m_lock);
   m_used -= std::min(m_used, bytes);
+}
+
+void DiskManager::SetLimits(std::uint64_t quota, std::uint64_t keepFree) {
+  const std::lock_guard guard(m_lock);
+  m_quota = quota;
+  m_keepFree = keepFree;
+}
+
+std::uint64_t DiskManager::GetQuota() const {
+  const std::lock_guard guard(m_lock);
+  return m_quota;
+}
+
+std::uint64_t DiskManager::GetKeepFree() const {
+  const std::lock_guard guard(m_lock);
+  return m_keepFree;
 }
 
 std::uint64_t DiskManager::GetUsedSpace() const {

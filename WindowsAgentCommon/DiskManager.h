@@ -46,14 +46,20 @@ class DiskManager : public IDiskManager {
   bool ReserveSpace(unsigned reserved, std::uint64_t bytes) override;
   void ReleaseSpace(unsigned reserved, std::uint64_t bytes) override;
 
+  // For reservations from now on. Both as in the options.
+  void SetLimits(std::uint64_t quota, std::uint64_t keepFree);
+
   std::uint64_t GetUsedSpace() const;
-  std::uint64_t GetQuota() const { return m_options.quota; }
-  std::uint64_t GetKeepFree() const { return m_options.keepFree; }
+  std::uint64_t GetQuota() const;
+  std::uint64_t GetKeepFree() const;
 
  private:
-  const DiskManagerOptions m_options;
+  const std::wstring m_dataDirectory;
   mutable std::mutex m_lock;
-  std::uint64_t m_used = 0;  // guarded by m_lock
+  // Guarded by m_lock:
+  std::uint64_t m_quota;
+  std::uint64_t m_keepFree;
+  std::uint64_t m_used = 0;
 };
 
 }  // namespace WindowsAgentCommon

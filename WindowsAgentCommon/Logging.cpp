@@ -203,7 +203,18 @@ class LoggingCore {
     }
   }
 
-  void Write(const LoggerState& logger, LogLevel level, std::string_view text) {
+  void AddSecrets(const Secrets& secrets) {
+    const std::lock_guard guard(m_lock);
+    m_secrets.insert(secrets.begin(), secrets.end());
+  }
+
+  std::string WithoutSecrets(std::string_view text) {
+    const std::lock_guard guard(m_lock);
+    return HideSecrets(text, m_secrets);
+  }
+
+  void Write(const LoggerState& logger, LogLevel level, std::string_view message) {
+    const std::string text = WithoutSecrets(message);
     const std::string line = EscapeControlCharacters(text);
     {
       const std::lock_guard writing(m_writeLock);
@@ -298,6 +309,7 @@ class LoggingCore {
   std::map<std::string, LogLevel> m_levels;
   std::unordered_map<std::string, std::shared_ptr<LoggerState>> m_loggers;
   std::shared_ptr<const Backends> m_backends;
+  Secrets m_secrets;
 
   std::mutex m_sinkLock;
   // Guarded by m_sinkLock:
@@ -339,6 +351,14 @@ void LoggerFactory::Configure(const LoggingOptions& options) {
   } catch (...) {
     // Out of memory: logging goes on as it was.
   }
+}
+
+void LoggerFactory::AddSecrets(const Secrets& secrets) {
+  Detail::LoggingCore::Get().AddSecrets(secrets);
+}
+
+std::string LoggerFactory::WithoutSecrets(const std::string& text) {
+  return Detail::LoggingCore::Get().WithoutSecrets(text);
 }
 
 int LoggerFactory::AddSink(LogSink sink) {

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "WindowsAgentCommon/PrintfFormat.h"
+#include "WindowsAgentCommon/Secrets.h"
 
 // Messages of the program, for its administrator. They go to standard error and, if set, to a
 // file: one line per message with UTC time, level and logger name. Everything here may be used
@@ -60,6 +61,13 @@ class LoggerFactory {
   // Applies to loggers that exist and to those made later. Before the first call, messages of
   // Info and above go to standard error.
   static void Configure(const LoggingOptions& options);
+
+  // From now on "(hidden)" stands in every message in place of these texts, as HideSecrets says.
+  // They stay secret until the process ends.
+  static void AddSecrets(const Secrets& secrets);
+
+  // The text as a message would show it, for other places that show it.
+  static std::string WithoutSecrets(const std::string& text);
 
   // Adds a further receiver of messages; the number removes it again. When RemoveSink returns,
   // the sink is not running and will not be called any more.

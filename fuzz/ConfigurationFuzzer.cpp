@@ -81,6 +81,14 @@ void CheckDestination(const FileDestinationOptions& destination) {
   Require(IsIn(destination.sendTimeout, milliseconds(1), hours(1)), "the send timeout is in range");
   Require(!destination.path.empty() && !HasControlCharacter(destination.path),
           "a destination's file has a usable path");
+  if (destination.rotation) {
+    const RotationOptions& rotation = *destination.rotation;
+    Require(rotation.size > 0 || rotation.every.count() > 0, "a rotation has an occasion");
+    Require(rotation.size == 0 || rotation.size >= 1024, "the size of a rotation is in range");
+    Require(rotation.every.count() == 0 || IsIn(rotation.every, std::chrono::seconds(1), hours(24)),
+            "the period of a rotation is in range");
+    Require(rotation.keep <= 100'000, "the number of kept files is in range");
+  }
 }
 
 void CheckDestination(const SyslogDestinationOptions& destination) {
@@ -145,8 +153,17 @@ void CheckStreams(const std::vector<StreamOptions>& streams) {
       standardInputs += std::holds_alternative<StdinSourceOptions>(source) ? 1 : 0;
     }
     CheckStages(stream.stages);
-    std::visit([](const auto& one) { CheckDestination(one); }, stream.destination);
-    standardOutputs += std::holds_alternative<StdoutDestinationOptions>(stream.destination) ? 1 : 0;
+    std::vector<DestinationOptions> destinations{stream.destination};
+    if (stream.fallback) {
+      Require(IsIn(stream.fallback->after, std::chrono::seconds(1), hours(24)) &&
+                  IsIn(stream.fallback->retry, std::chrono::seconds(1), hours(24)),
+              "the times of a fallback are in range");
+      destinations.push_back(stream.fallback->destination);
+    }
+    for (const DestinationOptions& destination : destinations) {
+      std::visit([](const auto& one) { CheckDestination(one); }, destination);
+      standardOutputs += std::holds_alternative<StdoutDestinationOptions>(destination) ? 1 : 0;
+    }
   }
   for (const std::string& name : names) {
     std::string folded = name;

@@ -57,6 +57,9 @@ struct DescribeDestination {
   }
 };
 
+// What the configuration only refers to is shown here no more than in messages.
+void HideSecrets(EndState& end) { end.name = LoggerFactory::WithoutSecrets(end.name); }
+
 }  // namespace
 
 struct Sampler::Watched {
@@ -100,6 +103,7 @@ void Sampler::AddStream(const StreamOptions& options, std::vector<const Source*>
   EndsReading described;
   for (const SourceOptions& source : options.sources) {
     described.sources.push_back(std::visit(DescribeSource{}, source));
+    HideSecrets(described.sources.back());
     const EndState& added = described.sources.back();
     const auto alike = std::count_if(
         described.sources.begin(), described.sources.end(),
@@ -109,6 +113,7 @@ void Sampler::AddStream(const StreamOptions& options, std::vector<const Source*>
     }
   }
   described.destination = std::visit(DescribeDestination{}, options.destination);
+  HideSecrets(described.destination);
   auto watched = std::make_shared<Watched>(
       Watched{StreamSampler(options, m_surroundings.dataDirectory, m_surroundings.refusedAfter),
               std::move(sources), &destination, std::move(described)});

@@ -37,7 +37,7 @@ class AgentStartTest : public testing::Test {
     stream.sources.emplace_back(source);
     stream.stages.push_back({"StoreAndForwardStage", {}});
     stream.destination =
-        OrloAgent::FileDestinationOptions{(m_directory.Path() / (name + ".log")).string()};
+        OrloAgent::FileDestinationOptions{(m_directory.Path() / (name + ".log")).string(), {}};
     return stream;
   }
 

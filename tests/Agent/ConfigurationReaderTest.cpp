@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <map>
+#include <optional>
 
 #include "tests/support/TemporaryDirectory.h"
 
@@ -224,6 +226,18 @@ streams:
   EXPECT_EQ(loopback.options.monitor.refusedAfter, milliseconds(30'000));
 }
 
+TEST(Configuration, SeveralSourcesMayStandBelowSources) {
+  const Configuration configuration = ParseConfiguration(R"(
+streams:
+  - name: One
+    sources: [ { type: stdin }, { type: syslog, listen: "tcp://h:0" }, { type: syslog, listen: "tcp://h:0" } ]
+    stages: [ { module: StoreAndForwardStage } ]
+    destination: { type: stdout }
+)");
+  ASSERT_TRUE(configuration.mistakes.empty()) << ToText(configuration.mistakes[0], "f");
+  EXPECT_EQ(configuration.options.streams[0].sources.size(), 3u);
+}
+
 TEST(Configuration, EveryKeyOfKafkaIsRead) {
   const Configuration configuration = ParseConfiguration(R"(
 streams:
@@ -282,6 +296,160 @@ streams:
       std::get<OrloAgent::RelpDestinationOptions>(configuration.options.streams[1].destination);
   EXPECT_EQ(two.window, 1'000u);
   EXPECT_EQ(two.ackTimeout, milliseconds(0));
+}
+
+TEST(Configuration, EveryKeyOfAFallbackIsRead) {
+  const Configuration configuration = ParseConfiguration(R"(
+streams:
+  - name: One
+    source: { type: stdin }
+    stages: [ { module: StoreAndForwardStage } ]
+    destination: { type: syslog, target: "tcp://h:1" }
+    fallback: { after: 2s, retry: 3m, destination: { type: file, path: x } }
+  - name: Two
+    source: { type: syslog, listen: "tcp://h:0" }
+    stages: [ { module: StoreAndForwardStage } ]
+    destination: { type: file, path: b }
+    fallback: { destination: { type: stdout } }
+)");
+  ASSERT_TRUE(configuration.mistakes.empty()) << ToText(configuration.mistakes[0], "f");
+  const auto& one = *configuration.options.streams[0].fallback;
+  EXPECT_EQ(one.after, milliseconds(2'000));
+  EXPECT_EQ(one.retry, milliseconds(180'000));
+  EXPECT_EQ(std::get<OrloAgent::FileDestinationOptions>(one.destination).path, "x");
+  const auto& two = *configuration.options.streams[1].fallback;
+  EXPECT_EQ(two.after, milliseconds(60'000));
+  EXPECT_EQ(two.retry, milliseconds(30'000));
+  EXPECT_TRUE(std::holds_alternative<OrloAgent::StdoutDestinationOptions>(two.destination));
+}
+
+TEST(Configuration, EveryKeyOfRotationIsRead) {
+  const Configuration configuration = ParseConfiguration(R"(
+streams:
+  - name: One
+    source: { type: stdin }
+    stages: [ { module: StoreAndForwardStage } ]
+    destination: { type: file, path: a, rotate: { size: 1MiB, every: 1h, keep: 7, compress: none } }
+  - name: Two
+    source: { type: syslog, listen: "tcp://h:0" }
+    stages: [ { module: StoreAndForwardStage } ]
+    destination: { type: file, path: b, rotate: { every: 24h } }
+)");
+  ASSERT_TRUE(configuration.mistakes.empty()) << ToText(configuration.mistakes[0], "f");
+  const auto& one =
+      std::get<OrloAgent::FileDestinationOptions>(configuration.options.streams[0].destination);
+  EXPECT_EQ(one.rotation,
+            (OrloAgent::RotationOptions{1024 * 1024, milliseconds(3'600'000), 7, false}));
+  const auto& two =
+      std::get<OrloAgent::FileDestinationOptions>(configuration.options.streams[1].destination);
+  EXPECT_EQ(two.rotation, (OrloAgent::RotationOptions{0, milliseconds(86'400'000), 0, false}));
+}
+
+// What tests may refer to.
+OrloAgent::References TestReferences() {
+  return {[](const std::string& name) -> std::optional<std::string> {
+            static const std::map<std::string, std::string> variables{
+                {"HOST", "log.example"}, {"PORT", "70000"}, {"EMPTY", ""}, {"WORD", "SeCrEtWoRd"}};
+            const auto found = variables.find(name);
+            return found == variables.end() ? std::nullopt : std::optional(found->second);
+          },
+          [](const std::string& path, std::string& problem) -> std::optional<std::string> {
+            problem = "there is none";
+            return path == "word.txt" ? std::optional<std::string>("SeCrEtFiLe") : std::nullopt;
+          }};
+}
+
+std::vector<std::string> MistakesWithReferences(const std::string& text) {
+  std::vector<std::string> mistakes;
+  for (const ConfigurationMistake& mistake : ParseConfiguration(text, TestReferences()).mistakes) {
+    mistakes.push_back(ToText(mistake, "f"));
+  }
+  return mistakes;
+}
+
+TEST(ConfigurationReferences, AreReplacedInEveryKindOfValueAndRememberedAsSecrets) {
+  const Configuration configuration = ParseConfiguration(R"(
+data_directory: ${WORD}/data
+streams:
+  - name: One
+    source: { type: syslog, listen: "tcp://${HOST}:514" }
+    stages:
+      - module: StoreAndForwardStage
+        settings: { Schedule.Interval: [ "${file:word.txt}", "a$${b} $x" ] }
+    destination:
+      { type: kafka, brokers: b, topic: t, properties: { sasl.password: "x${WORD}y${EMPTY}" } }
+)",
+                                                         TestReferences());
+  ASSERT_TRUE(configuration.mistakes.empty()) << ToText(configuration.mistakes[0], "f");
+  const auto& options = configuration.options;
+  EXPECT_EQ(options.dataDirectory, "SeCrEtWoRd/data");
+  const auto& stream = options.streams[0];
+  EXPECT_EQ(std::get<OrloAgent::SyslogSourceOptions>(stream.sources[0]).listen.host, "log.example");
+  EXPECT_EQ(stream.stages[0].settings[0].second, "SeCrEtFiLe");
+  EXPECT_EQ(stream.stages[0].settings[1].second, "a${b} $x");
+  EXPECT_EQ(std::get<OrloAgent::KafkaDestinationOptions>(stream.destination).properties,
+            (std::map<std::string, std::string>{{"sasl.password", "xSeCrEtWoRdy"}}));
+  for (const char* secret :
+       {"SeCrEtWoRd", "SeCrEtWoRd/data", "SeCrEtFiLe", "xSeCrEtWoRdy", "tcp://log.example:514"}) {
+    EXPECT_TRUE(configuration.secrets.contains(secret)) << secret;
+  }
+  EXPECT_FALSE(configuration.secrets.contains("a${b} $x"));
+}
+
+TEST(ConfigurationReferences, ThatLeadNowhereAreNamed) {
+  EXPECT_EQ(MistakesWithReferences("data_directory: ${NONE}\nlog:\n  file: ${file:no.txt}\n"
+                                   "disk:\n  quota: ${file\n  keep_free: \"${1A}\"\n" +
+                                   kStream),
+            (std::vector<std::string>{
+                "f:1: data_directory: refers to the environment variable NONE, which is not set",
+                "f:3: log.file: refers to the file \"no.txt\", which can't be read: there is none",
+                "f:5: disk.quota: has a ${ without its }; write $${ for a ${ that is meant so",
+                "f:6: disk.keep_free: has \"${1A}\", which is neither ${NAME} of a variable nor "
+                "${file:PATH}; write $${ for a ${ that is meant so"}));
+}
+
+TEST(ConfigurationReferences, WithoutASourceOfThemNothingIsLookedUp) {
+  EXPECT_EQ(Mistakes("data_directory: ${PATH}\nlog:\n  file: ${file:/etc/hostname}\n" + kStream),
+            (std::vector<std::string>{
+                "f:1: data_directory: refers to the environment variable PATH, which is not set",
+                "f:3: log.file: refers to the file \"/etc/hostname\", which can't be read: files "
+                "are not read here"}));
+}
+
+// Every reader of a value gets one that it can't read.
+TEST(ConfigurationReferences, AValueThatCannotBeReadIsNotShown) {
+  const std::string text = R"(
+data_directory: "${EMPTY}"
+disk: { quota: "${WORD}" }
+log: { level: "${WORD}", levels: { Code: "a${WORD}" } }
+shutdown: { drain_timeout: "${PORT}h" }
+watch: { stall_after: "${WORD}" }
+streams:
+  - name: ${WORD}
+    source:
+      - { type: "${WORD}" }
+      - { type: syslog, listen: "${WORD}", max_event_size: "${PORT}GiB", max_connections: "${WORD}" }
+      - { type: syslog, listen: "tcp://h:${PORT}", tls: { certificate: c, key: k } }
+      - { type: syslog, listen: "tcp://${WORD}:1", tls: { certificate: c, key: k } }
+      - { type: syslog, listen: "tcp://${WORD}:1" }
+      - { type: file, path: x, start: "${WORD}" }
+    stages: [ { module: "${WORD}" } ]
+    destination: { type: syslog, target: "tls://h:1", framing: "${WORD}", tls: { verify: "${WORD}" } }
+  - name: Two
+    source: { type: stdin }
+    stages: [ { module: M } ]
+    destination: { type: file, path: "${WORD}" , rotate: { size: "${WORD}", compress: "${WORD}" } }
+  - name: Three
+    source: { type: file, path: y }
+    stages: [ { module: M } ]
+    destination: { type: file, path: "${WORD}", send_timeout: "${PORT}" }
+)";
+  const auto mistakes = MistakesWithReferences(text);
+  EXPECT_EQ(mistakes.size(), 22u) << testing::PrintToString(mistakes);
+  for (const std::string& mistake : mistakes) {
+    EXPECT_EQ(mistake.find("SeCrEt"), mistake.npos) << mistake;
+    EXPECT_EQ(mistake.find("70000"), mistake.npos) << mistake;
+  }
 }
 
 struct Wrong {
@@ -432,6 +600,23 @@ std::vector<Wrong> StreamCases() {
       {"SourceListEmpty",
        WithSource("[]"),
        {"f:3: streams[0].source: is an empty list; a stream needs a source"}},
+      {"SourceAndSources",
+       WithSource("{ type: stdin }\n  sources: [ { type: file, path: x } ]"),
+       {"f:3: streams[0].source: stands beside \"sources\"; one of the two is needed"}},
+      {"SourcesIsAMap",
+       WithSource("[ { type: file, path: x } ]\n  sources: { type: stdin }"),
+       {"f:3: streams[0].source: stands beside \"sources\"; one of the two is needed",
+        "f:4: streams[0].sources: must be a list"}},
+      {"SameAddressTwice",
+       WithSource("[ { type: syslog, listen: \"tcp://h:514\" }, { type: syslog, listen: "
+                  "\"tcp://h:514\" }, { type: syslog, listen: \"udp://h:514\" } ]"),
+       {"f:3: streams[0].source[1].listen: \"tcp://h:514\" is where the source in line 3 listens "
+        "already"}},
+      {"SameAddressOverTls",
+       WithSource("\n  - { type: syslog, listen: \"tcp://h:1\" }\n  - { type: syslog, listen: "
+                  "\"tls://h:1\", tls: { certificate: c, key: k } }"),
+       {"f:5: streams[0].source[1].listen: \"tls://h:1\" is where the source in line 4 listens "
+        "already"}},
       {"SourceIsText",
        WithSource("stdin"),
        {"f:3: streams[0].source: must be a map of keys to values"}},
@@ -599,6 +784,34 @@ std::vector<Wrong> StreamCases() {
       {"PathMissing",
        WithDestination("{ type: file }"),
        {"f:5: streams[0].destination.path: is missing"}},
+      {"FallbackWithoutDestination",
+       WithDestination("{ type: stdout }\n  fallback: { after: 0s, retry: soon }"),
+       {"f:6: streams[0].fallback.after: is out of range: 0s is not 1s to 24h",
+        "f:6: streams[0].fallback.retry: \"soon\" is not a duration such as 30s, 500ms or 5m",
+        "f:6: streams[0].fallback.destination: is missing"}},
+      {"FallbackToTheSameFile",
+       WithDestination(
+           "{ type: file, path: x }\n  fallback: { destination: { type: file, path: ./x } }"),
+       {"f:6: streams[0].fallback.destination.path: \"./x\" is the file of another destination "
+        "already"}},
+      {"FallbackForDatagrams",
+       WithDestination("{ type: syslog, target: \"udp://h:1\" }\n"
+                       "  fallback: { destination: { type: stdout } }"),
+       {"f:6: streams[0].fallback: can't be used beside a destination over UDP, which never knows "
+        "whether anybody receives what it sends"}},
+      {"RotationWithoutOccasion",
+       WithDestination("{ type: file, path: x, rotate: { keep: 3 } }"),
+       {"f:5: streams[0].destination.rotate: has neither \"size\" nor \"every\", and would never "
+        "rotate"}},
+      {"RotationOutOfRange",
+       WithDestination("{ type: file, path: x, rotate: { size: 1023, every: 999ms, keep: many, "
+                       "compress: zip } }"),
+       {"f:5: streams[0].destination.rotate.size: is out of range: 1023 bytes are not 1024 to "
+        "1125899906842624",
+        "f:5: streams[0].destination.rotate.every: is out of range: 999ms is not 1s to 24h",
+        "f:5: streams[0].destination.rotate.keep: \"many\" is not a whole number from 0 to 100000",
+        "f:5: streams[0].destination.rotate.compress: \"zip\" is not known; known are: none, "
+        "gzip"}},
       {"PathOnStdout",
        WithDestination("{ type: stdout, path: x }"),
        {"f:5: streams[0].destination.path: is not known here; known are: type, send_timeout"}},
@@ -633,7 +846,7 @@ TEST(Configuration, AllMistakesAreNamedInOneGoInTheOrderOfTheFile) {
                 "f:9: streams[1].source: reads the standard input, which another source reads "
                 "already",
                 "f:11: streams[1].destination: writes to the standard output, which another "
-                "stream uses already"}));
+                "destination uses already"}));
 }
 
 TEST(Configuration, TwoStreamsMustNotAppendToOneFile) {
@@ -642,7 +855,7 @@ TEST(Configuration, TwoStreamsMustNotAppendToOneFile) {
 - { name: B, source: { type: syslog, listen: "tcp://h:1" }, stages: [ { module: M } ], destination: { type: file, path: a/./b } }
 )");
   EXPECT_EQ(mistakes, (std::vector<std::string>{"f:3: streams[1].destination.path: \"a/./b\" is "
-                                                "the file of another stream already"}));
+                                                "the file of another destination already"}));
 }
 
 TEST(Configuration, HugeNestingIsAMistakeAndNothingWorse) {

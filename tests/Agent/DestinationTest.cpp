@@ -35,7 +35,7 @@ std::string ReadAll(const std::filesystem::path& path) {
 class FileDestinationTest : public testing::Test {
  protected:
   FileDestinationTest() {
-    m_destination = MakeDestination(OrloAgent::FileDestinationOptions{m_path.string()}, "S");
+    m_destination = MakeDestination(OrloAgent::FileDestinationOptions{m_path.string(), {}}, "S");
     m_destination->Initialize({});
   }
 

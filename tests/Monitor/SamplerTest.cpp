@@ -17,10 +17,12 @@ using testing::IsEmpty;
 
 class CountingSource : public Source {
  public:
-  void Start(OrloStream::Stream&) override {}
-  void Stop() override {}
-  std::uint64_t GetNotMade() const override { return 2; }
+  CountingSource() { GetPostCounts().notMade = 2; }
   std::vector<EndCounter> GetCounters() const override { return {{"events", "Events", ++m_asked}}; }
+
+ protected:
+  void Begin(const std::string&) override {}
+  void End() override {}
 
  private:
   mutable std::atomic<std::uint64_t> m_asked{0};
@@ -46,7 +48,7 @@ class SamplerTest : public testing::Test {
                               m_directory.Path(), "1.2.3", std::chrono::seconds(30)});
     m_options.name = "S";
     m_options.sources = {StdinSourceOptions{}, StdinSourceOptions{}};
-    m_options.destination = FileDestinationOptions{"out.log"};
+    m_options.destination = FileDestinationOptions{"out.log", {}};
   }
 
   // The first state of which that is true.
@@ -70,6 +72,18 @@ class SamplerTest : public testing::Test {
   std::unique_ptr<Sampler> m_sampler;
   StreamOptions m_options;
 };
+
+TEST_F(SamplerTest, WhatTheConfigurationOnlyRefersToIsHidden) {
+  WindowsAgentCommon::LoggerFactory::AddSecrets({"SeCrEt-path.log"});
+  m_options.destination = FileDestinationOptions{"SeCrEt-path.log", {}};
+  const CountingSource first;
+  const CountingSource second;
+  const IdleDestination destination;
+  m_sampler->AddStream(m_options, {&first, &second}, destination);
+  m_sampler->Start();
+  EXPECT_EQ(m_sampler->GetState()->streams.at(0).destination.name, "(hidden)");
+  m_sampler->RemoveStream("S");
+}
 
 TEST_F(SamplerTest, StreamIsSeenFromAddToRemove) {
   auto first = std::make_unique<CountingSource>();

@@ -146,6 +146,27 @@ TEST_F(StreamManagerTest, StartingTwiceStartsOnceAndStoppedSourcesStartAgain) {
   EXPECT_EQ(std::count(entries.begin(), entries.end(), "Source.Stop"), 2);
 }
 
+TEST_F(StreamManagerTest, SourcesThatAreTakenAwayRunOnAndServeAnotherStream) {
+  StreamDefinition definition = Definition(L"S", {});
+  definition.sources.push_back(std::make_unique<TestSource>("Source"));
+  Stream& stream = m_manager->Create(std::move(definition));
+  m_manager->StartSources(stream);
+  auto sources = m_manager->TakeSources(stream);
+  ASSERT_EQ(sources.size(), 1u);
+  m_manager->StopSources(stream);
+  Entries entries = Journal::GetEntries();
+  EXPECT_EQ(std::count(entries.begin(), entries.end(), "Source.Stop"), 0);
+  sources.front()->Stop();
+  Stream& other = m_manager->Create(Definition(L"T", {}));
+  m_manager->SetSources(other, std::move(sources));
+  m_manager->Remove(stream);
+  m_manager->StartSources(other);
+  m_manager->Remove(other);
+  entries = Journal::GetEntries();
+  EXPECT_EQ(std::count(entries.begin(), entries.end(), "Source.Start"), 2);
+  EXPECT_EQ(std::count(entries.begin(), entries.end(), "Source.Stop"), 2);
+}
+
 TEST_F(StreamManagerTest, RemovingStopsSourcesThenStagesThenDestinationAndDestroysAll) {
   StreamDefinition definition = Definition(L"S", {Stage("UpperStage"), Stage("LowerStage")});
   definition.sources.push_back(std::make_unique<TestSource>("Source"));

@@ -163,6 +163,18 @@ TEST_F(DiskManagerTest, ReleasingMoreThanIsUsedStopsAtZero) {
   EXPECT_TRUE(manager.ReserveSpace(0, 100));
 }
 
+TEST_F(DiskManagerTest, NewLimitsHoldForTheNextReservations) {
+  DiskManager manager(Options(100));
+  EXPECT_TRUE(manager.ReserveSpace(0, 80));
+  manager.SetLimits(50, 0);
+  EXPECT_EQ(manager.GetQuota(), 50u);
+  EXPECT_FALSE(manager.ReserveSpace(0, 1));
+  manager.SetLimits(0, 0);
+  EXPECT_TRUE(manager.ReserveSpace(0, 1000));
+  manager.SetLimits(0, kEverything);
+  EXPECT_FALSE(manager.ReserveSpace(0, 1));
+}
+
 TEST_F(DiskManagerTest, WithoutLimitsOnlyTheCountersEndRefuses) {
   DiskManager manager(Options());
   EXPECT_TRUE(manager.ReserveSpace(0, kEverything - 1));

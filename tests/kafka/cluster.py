@@ -159,7 +159,17 @@ class Kafka(support.AgentTest):
             "properties: { no.such.thing: SeCrEt } }")))
         self.assertEqual(agent.wait(), 1)
         self.assertRegex(agent.messages("Error")[0],
-                         r'Can\'t send to Kafka: the property "no\.such\.thing" is not taken')
+                         r'Can\'t send to Kafka: there is no property "no\.such\.thing"')
+        self.assertNotIn("SeCrEt", "\n".join(agent.lines))
+
+    def test_what_the_library_says_of_settings_that_do_not_fit_hides_references(self):
+        os.environ["ORLO_TEST_SECRET"] = "SeCrEt of a variable"
+        agent = self.start(self.configure(self.stream(
+            support.SYSLOG_SOURCE,
+            f'{{ type: kafka, brokers: "{self.cluster.brokers}", topic: events, properties: '
+            '{ security.protocol: ssl, ssl.key.location: "${ORLO_TEST_SECRET}" } }')))
+        self.assertEqual(agent.wait(), 1)
+        self.assertRegex(agent.messages("Error")[0], r"the settings don't fit together \(.*\(hidden")
         self.assertNotIn("SeCrEt", "\n".join(agent.lines))
 
 

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <ace/Message_Block.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+
+#include "OrloStream/Stream.h"
+
+namespace OrloAgent {
+
+// Stands between a source and its stream, so that the stream can be taken away and replaced while
+// the source keeps its connections: a source that posts through a closed gate waits, as it does
+// while its stream is above its high-water mark. Closed at first.
+//
+// Post is called by one thread, everything else by the control thread.
+class StreamGate {
+ public:
+  enum class Outcome {
+    Taken,
+    // The stream's first stage did not take the event.
+    Refused,
+    // Given up: no stream will come.
+    Abandoned
+  };
+
+  // The block belongs to the gate from here on, whatever the outcome. Waits while the gate is
+  // closed and while the stream is above its high-water mark.
+  Outcome Post(ACE_Message_Block* block);
+
+  // From now on events go to this stream, which outlives the gate's being open.
+  void Open(OrloStream::Stream& stream);
+
+  // Returns when no post is under way any more, and the stream may go.
+  void Close();
+
+  // No stream will come: a post that waits, and each one after it, is given up.
+  void Abandon();
+
+  bool IsClosed() const { return m_closed; }
+
+ private:
+  std::mutex m_lock;
+  std::condition_variable m_changed;
+  OrloStream::Stream* m_stream = nullptr;  // guarded by m_lock
+  // Also read without the lock: the poster, which takes the lock again and again, must give way.
+  std::atomic<bool> m_closed{true};
+  bool m_abandoned = false;  // guarded by m_lock
+};
+
+}  // namespace OrloAgent
