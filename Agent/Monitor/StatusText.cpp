@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cmath>
 #include <cstdint>
 #include <optional>
 
@@ -100,9 +101,10 @@ std::string Rate(const json& status, const json& before, const json& stream, con
   const double seconds = (status["sampled"].get<double>() - before["sampled"].get<double>()) / 1000;
   const double events =
       stream["events"][counter].get<double>() - (*earlier)["events"][counter].get<double>();
-  return seconds > 0.0 && events >= 0.0
-             ? Format("  %s/s", Grouped(static_cast<std::uint64_t>(events / seconds + 0.5)))
-             : "";
+  if (seconds <= 0.0 || events < 0.0) {
+    return "";
+  }
+  return Format("  %s/s", Grouped(static_cast<std::uint64_t>(std::llround(events / seconds))));
 }
 
 std::string DescribeEnd(const json& end) {

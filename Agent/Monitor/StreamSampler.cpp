@@ -142,12 +142,11 @@ void StreamSampler::LookForRefusal(StreamState& state, Clock::time_point now) {
     const bool moved = state.delivered > m_last.delivered;
     const bool refused = state.refusals > m_last.refusals;
     const bool stuck = state.unsentEvents > 0 && m_last.unsentEvents > 0;
-    if (moved) {
+    const bool isRid = state.pendingEvents == 0 && state.unsentEvents == 0;
+    if (moved || (isRid && !refused)) {
       m_refusingSince.reset();
     } else if ((refused || stuck) && !m_refusingSince) {
       m_refusingSince = now;
-    } else if (state.pendingEvents == 0 && state.unsentEvents == 0) {
-      m_refusingSince.reset();
     }
   }
   state.refusingSeconds = m_refusingSince ? duration<double>(now - *m_refusingSince).count() : 0.0;
