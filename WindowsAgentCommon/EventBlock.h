@@ -54,7 +54,7 @@ class LockedDataBlock final : public ACE_Data_Block {
   // With object and buffer from an allocator each. Null when there is no memory.
   static LockedDataBlock* Make(std::size_t size, ACE_Message_Block::ACE_Message_Type type,
                                ACE_Message_Block::Message_Flags flags,
-                               ACE_Allocator& bufferAllocator, ACE_Allocator& dataBlockAllocator);
+                               ACE_Allocator& bufferAllocator, ACE_Allocator& ownAllocator);
 
   // Another reference, or one less; true if that was the last one, and then the caller destroys the
   // block. Any thread.
@@ -71,7 +71,7 @@ class LockedDataBlock final : public ACE_Data_Block {
  private:
   LockedDataBlock(std::size_t size, ACE_Message_Block::ACE_Message_Type type, char* buffer,
                   ACE_Message_Block::Message_Flags flags, ACE_Allocator& bufferAllocator,
-                  ACE_Allocator& dataBlockAllocator);
+                  ACE_Allocator& ownAllocator);
 
   // What ACE's own operations drop a reference with, with the lock held.
   ACE_Data_Block* release_i() override;
