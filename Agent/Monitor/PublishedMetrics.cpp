@@ -65,6 +65,9 @@ const std::map<std::string, Known>& GetKnown() {
       {"StoreAndForwardOutgoing/EventsIncoming", counter("orlo_stage_events_incoming_total")},
       {"StoreAndForwardOutgoing/EventsOutgoing", counter("orlo_stage_events_outgoing_total")},
       {"StoreAndForwardOutgoing/NumberOfRequeues", counter("orlo_stage_requeues_total")},
+      {"Source/SourceName", gauge("orlo_source_info")},
+      {"Source/EventsPosted", counter("orlo_source_events_posted_total")},
+      {"Source/EventsNotMade", counter("orlo_source_events_not_made_total")},
       {"StreamWatch/Stalled", gauge("orlo_stream_stalled")},
       {"StreamWatch/StalledSeconds", gauge("orlo_stream_stalled_seconds")},
   };
@@ -124,7 +127,10 @@ std::string GetStageName(const StatisticsGroupSnapshot& group) {
 
 void AddPublished(const StatisticsGroupSnapshot& group, MetricBuilder& builder) {
   MetricBuilder::Labels labels{{"stream", group.instance}};
-  if (group.name != "StreamWatch") {
+  // A stream has a group for each of its sources.
+  if (const StatisticVariant* const source = group.Find("SourceName")) {
+    labels.emplace_back("name", GetText(*source));
+  } else if (group.name != "StreamWatch") {
     labels.emplace_back("stage", GetStageName(group));
   }
   for (const StatisticSnapshot& statistic : group.statistics) {

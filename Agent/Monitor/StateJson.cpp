@@ -151,7 +151,13 @@ std::string MakeStatusJson(const AgentState& state) {
 std::string MakeStatisticsJson(const AgentState& state) {
   Json json = Json::object();
   for (const auto& group : state.statistics) {
-    Json& place = json[group.categoryPath][group.instance][group.name];
+    Json& groups = json[group.categoryPath][group.instance];
+    // Sources of one stream have groups of the same name.
+    std::string name = group.name;
+    for (int number = 2; groups.contains(name); ++number) {
+      name = group.name + " (" + std::to_string(number) + ")";
+    }
+    Json& place = groups[name];
     for (const auto& statistic : group.statistics) {
       place[statistic.name] = {
           {"value", boost::apply_visitor(ValueToJson(), statistic.value.GetValue())},

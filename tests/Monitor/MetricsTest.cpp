@@ -89,6 +89,23 @@ TEST(Metrics, SameStatisticTwiceIsShownOnce) {
   EXPECT_EQ(Find(MakeMetrics(state), "orlo_my_stage_bad_lines")->metric.size(), 1u);
 }
 
+TEST(Metrics, PublishedCountsOfSourcesAreToldApartByTheirNames) {
+  AgentState state = MakeState();
+  for (const char* const name : {"one", "two"}) {
+    state.statistics.push_back({"Source",
+                                "path",
+                                "S",
+                                {{"SourceName", "Its name", StatisticValue(1, std::string(name))},
+                                 {"EventsPosted", "Posted", StatisticValue(7, std::int64_t{4})}}});
+  }
+  const auto families = MakeMetrics(state);
+  const MetricFamily* const posted = Find(families, "orlo_source_events_posted_total");
+  ASSERT_NE(posted, nullptr);
+  ASSERT_EQ(posted->metric.size(), 2u);
+  EXPECT_EQ(posted->metric[1].label[1].value, "two");
+  EXPECT_EQ(posted->metric[1].counter.value, 4.0);
+}
+
 TEST(Metrics, CountersOfEndsCarryTypeAndName) {
   const auto families = MakeMetrics(MakeState());
   const MetricFamily* const family = Find(families, "orlo_source_messages_cut_total");

@@ -30,6 +30,17 @@ TEST(StateJson, StatisticsStandUnderTheirPathStreamAndGroup) {
   EXPECT_EQ(statistics.at("AgentCore/Monitor").at("orlo_agent_healthy").at(0).at("value"), 1.0);
 }
 
+TEST(StateJson, GroupsOfOneNameAreAllThere) {
+  AgentState state;
+  for (const std::int64_t value : {3, 4}) {
+    state.statistics.push_back(
+        {"Source", "Path", "S", {{"Number", "A number", StatisticValue(7, value)}}});
+  }
+  const json groups = json::parse(MakeStatisticsJson(state)).at("Path").at("S");
+  EXPECT_EQ(groups.at("Source").at("Number").at("value"), 3);
+  EXPECT_EQ(groups.at("Source (2)").at("Number").at("value"), 4);
+}
+
 TEST(StateJson, HealthNamesEachProblemWithItsStream) {
   AgentState state;
   state.streams.resize(2);
