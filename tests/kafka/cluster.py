@@ -167,7 +167,8 @@ class Kafka(support.AgentTest):
         agent = self.start(self.configure(self.stream(
             support.SYSLOG_SOURCE,
             f'{{ type: kafka, brokers: "{self.cluster.brokers}", topic: events, properties: '
-            '{ security.protocol: ssl, ssl.key.location: "${ORLO_TEST_SECRET}" } }')))
+            '{ security.protocol: ssl, ssl.keystore.password: x, '
+            'ssl.keystore.location: "${ORLO_TEST_SECRET}" } }')))
         self.assertEqual(agent.wait(), 1)
         self.assertRegex(agent.messages("Error")[0], r"the settings don't fit together \(.*\(hidden")
         self.assertNotIn("SeCrEt", "\n".join(agent.lines))

@@ -2,6 +2,7 @@
 
 import pathlib
 import signal
+import socket
 import sys
 import unittest
 
@@ -31,6 +32,16 @@ class RelpTest(support.AgentTest):
         return self.start(self.configure(
             self.stream(support.SYSLOG_SOURCE, destination), drain=drain), **options)
 
+    def wait_until_it_listens(self):
+        """The receiver has written its pid file some time before."""
+        def connect():
+            try:
+                socket.create_connection(("127.0.0.1", self.port)).close()
+                return True
+            except OSError:
+                return False
+        support.wait_until(connect, "the receiver's port")
+
     def received(self):
         return self.output.read_bytes().split(b"\n")[:-1] if self.output.exists() else []
 
@@ -42,6 +53,7 @@ class RelpTest(support.AgentTest):
 class Relp(RelpTest):
     def test_every_event_arrives_once_in_order_and_a_stop_waits_for_the_answers(self):
         self.receiver()
+        self.wait_until_it_listens()
         agent = self.start_agent()
         events = support.numbered(0, 20_000)
         support.send(agent.port(), support.as_lines(events))
@@ -50,7 +62,6 @@ class Relp(RelpTest):
         self.assertEqual(agent.summary(), (20_000, 0, 0, 0))
         self.assertEqual(self.received(), events)
         self.assertEqual([line for line in agent.messages("Warn") if "Relp" in line], [])
-
 
     def test_any_bytes_but_nul_are_one_line_of_the_receiver(self):
         self.receiver()
