@@ -188,6 +188,7 @@ void Agent::Drain(std::vector<RunningStream*> streams, bool emptyCache,
                   const std::function<bool()>& isInterrupted) {
   const auto deadline = std::chrono::steady_clock::now() + m_options.shutdown.drainTimeout;
   std::vector<std::pair<RunningStream*, RestDetector>> busy;
+  busy.reserve(streams.size());
   for (RunningStream* const running : streams) {
     busy.emplace_back(running, RestDetector(running->GetProcessingPeriod(), emptyCache));
   }
