@@ -111,10 +111,11 @@ ExitCode RunQuarantine(const QuarantineOptions& options, std::ostream& out, std:
   for (const ListedChunk& chunk : chosen) {
     const ChunkContents contents = ReadChunkFile(chunk, options.check);
     progress.Add(1);
+    // Whoever asks for the damaged ones means no other.
+    if (contents.IsHealthy() && options.damaged) {
+      continue;
+    }
     if (contents.IsHealthy() && !options.force) {
-      if (options.damaged) {
-        continue;
-      }
       throw ToolError(chunk.GetName() + " is healthy; with --force it is moved all the same");
     }
     const fs::path target = Move(place, chunk, contents);

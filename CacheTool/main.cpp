@@ -1,5 +1,6 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 
@@ -106,7 +107,13 @@ ExitCode Export(const Commands& commands) {
   if (commands.output.empty()) {
     return RunExport(commands.exporting, std::cout, std::cerr);
   }
-  std::ofstream file(OrloAgent::ToPath(commands.output), std::ios::binary | std::ios::trunc);
+  const std::filesystem::path path = OrloAgent::ToPath(commands.output);
+  std::error_code ignored;
+  // It may be a chunk.
+  if (std::filesystem::exists(std::filesystem::symlink_status(path, ignored))) {
+    throw ToolError(commands.output + " exists already; nothing is written over it");
+  }
+  std::ofstream file(path, std::ios::binary);
   if (!file) {
     throw ToolError(commands.output + " can't be written");
   }

@@ -73,7 +73,7 @@ TEST_F(RotatingChannelTest, AFileThatHasItsSizeIsClosedBeforeTheNextFrame) {
 }
 
 TEST_F(RotatingChannelTest, WhatIsThereAtTheStartCounts) {
-  std::ofstream(m_path) << "0123456789\n";
+  std::ofstream(m_path, std::ios::binary) << "0123456789\n";
   const auto channel = MakeRotatingChannel(m_path.string(), OfSize(10), "S");
   ASSERT_EQ(channel->Prepare(true), Readiness::ReadyAnew);
   Write(*channel, "next\n");
@@ -97,7 +97,7 @@ TEST_F(RotatingChannelTest, APeriodThatIsOverClosesTheFileAndEmptyOnesAreLeft) {
 }
 
 TEST_F(RotatingChannelTest, AFileThatAnEarlierPeriodLeftIsClosedAtTheStart) {
-  std::ofstream(m_path) << "yesterday\n";
+  std::ofstream(m_path, std::ios::binary) << "yesterday\n";
   fs::last_write_time(m_path, fs::file_time_type::clock::now() - std::chrono::hours(24));
   RotationOptions options;
   options.every = std::chrono::hours(24);

@@ -130,6 +130,15 @@ TEST_F(MovingCommandsTest, AChunkOfTheCacheItselfIsNotRequeued) {
   EXPECT_EQ(Tree(), before);
 }
 
+TEST_F(MovingCommandsTest, QuarantineOfTheDamagedLeavesHealthyChunksWhateverElseIsSaid) {
+  Put("2016-03-07-14-07/01", "x");
+  auto options = Quarantine({});
+  options.damaged = true;
+  options.force = true;
+  EXPECT_EQ(RunQuarantine(options, m_out, m_messages), kDone);
+  EXPECT_EQ(Payloads(), "first\nsecond\n");
+}
+
 TEST_F(MovingCommandsTest, QuarantineMovesDamagedChunksAwayWithANote) {
   Put("2016-03-07-14-05/31", "");
   Put("2016-03-07-14-07/01", "x");

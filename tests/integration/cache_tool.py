@@ -106,7 +106,12 @@ class CacheTool(support.AgentTest):
         second = self.cache_events(agent, 300, 300)
         agent.stop()
         oldest = self.chunks()[0]
-        self.tool("export", "data", "/".join(oldest.parts[-2:]), "-o", "first.json")
+        name = "/".join(oldest.parts[-2:])
+        self.tool("export", "data", name, "-o", "first.json")
+        before = oldest.read_bytes()
+        refused = self.tool("export", "data", name, "-o", oldest, expect=3)
+        self.assertIn(b"exists already", refused.stderr)
+        self.assertEqual(oldest.read_bytes(), before)
         self.tool("quarantine", "data", "oldest", "--force")
         run = self.tool("requeue", "data", "first.json", "--remove")
         self.assertIn(b"300 events", run.stdout)
