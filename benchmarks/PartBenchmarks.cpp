@@ -9,6 +9,7 @@
 #include <fstream>
 #include <map>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -18,6 +19,7 @@
 #include "StoreAndForward/Schedule.h"
 #include "StoreAndForward/StoreAndForwardStatisticsProfile.h"
 #include "WindowsAgentCommon/DiskManager.h"
+#include "WindowsAgentCommon/MessageBlocks.h"
 #include "WindowsAgentCommon/Statistics.h"
 #include "WindowsAgentCommon/Text.h"
 #include "benchmarks/Events.h"
@@ -184,51 +186,82 @@ void FrontOfCache(benchmark::State& state) {
 }
 BENCHMARK(FrontOfCache)->Arg(200)->Arg(2000)->UseManualTime()->Unit(benchmark::kMillisecond);
 
-// What Push is measured by: the events' bytes copied one event after the other, and one write.
+// What Push and Front are measured by: one file of a chunk's bytes, written and read at once.
+class PlainFile {
+ public:
+  explicit PlainFile(std::size_t size)
+      : m_path((m_scratch.Path() / "file").string()), m_buffer(size) {}
+
+  char* Buffer() { return m_buffer.data(); }
+
+  void Write() {
+    std::FILE* const file = Open("wb");
+    if (std::fwrite(m_buffer.data(), m_buffer.size(), 1, file) != 1) {
+      throw std::runtime_error("the file can't be written");
+    }
+    std::fclose(file);
+  }
+
+  void Read() {
+    std::FILE* const file = Open("rb");
+    if (std::fread(m_buffer.data(), m_buffer.size(), 1, file) != 1) {
+      throw std::runtime_error("the file can't be read");
+    }
+    std::fclose(file);
+  }
+
+  void Remove() { std::filesystem::remove(m_path); }
+
+ private:
+  std::FILE* Open(const char* mode) {
+    std::FILE* const file = std::fopen(m_path.c_str(), mode);
+    if (file == nullptr) {
+      throw std::runtime_error("the file can't be opened");
+    }
+    std::setvbuf(file, nullptr, _IONBF, 0);
+    return file;
+  }
+
+  ScratchDirectory m_scratch;
+  std::string m_path;
+  std::vector<char> m_buffer;
+};
+
+std::size_t BytesOf(const benchmark::State& state) {
+  return EventsOf(state) * (kHeadSize + static_cast<std::size_t>(state.range(0)));
+}
+
+// The events' bytes copied one event after the other, and one write.
 void CopyAndWrite(benchmark::State& state) {
-  const ScratchDirectory scratch;
+  PlainFile file(BytesOf(state));
   auto chunk = MakeChunk(EventsOf(state), static_cast<std::size_t>(state.range(0)));
-  const std::size_t size = kHeadSize + static_cast<std::size_t>(state.range(0));
-  std::vector<char> buffer(EventsOf(state) * size);
-  const auto path = scratch.Path() / "file";
   for (auto _ : state) {
     const auto start = ManualTimer::now();
-    char* at = buffer.data();
+    char* at = file.Buffer();
     for (const ACE_Message_Block* event : chunk) {
       for (const ACE_Message_Block* block = event; block != nullptr; block = block->cont()) {
         std::memcpy(at, block->base(), block->length());
         at += block->length();
       }
     }
-    std::FILE* const file = std::fopen(path.c_str(), "wb");
-    std::setvbuf(file, nullptr, _IONBF, 0);
-    std::fwrite(buffer.data(), buffer.size(), 1, file);
-    std::fclose(file);
+    file.Write();
     SetTime(state, start);
-    std::filesystem::remove(path);
+    file.Remove();
   }
   ReleaseChunk(chunk);
   state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(EventsOf(state)));
 }
 BENCHMARK(CopyAndWrite)->Arg(200)->Arg(2000)->UseManualTime()->Unit(benchmark::kMillisecond);
 
-// What Front is measured by: one read, and the bytes copied into memory that is there already.
+// One read, and the bytes copied into memory that is there already.
 void ReadAndCopy(benchmark::State& state) {
-  const ScratchDirectory scratch;
+  PlainFile file(BytesOf(state));
+  file.Write();
   auto chunk = MakeChunk(EventsOf(state), static_cast<std::size_t>(state.range(0)));
-  const std::size_t size = kHeadSize + static_cast<std::size_t>(state.range(0));
-  std::vector<char> buffer(EventsOf(state) * size);
-  const auto path = scratch.Path() / "file";
-  std::FILE* const made = std::fopen(path.c_str(), "wb");
-  std::fwrite(buffer.data(), buffer.size(), 1, made);
-  std::fclose(made);
   for (auto _ : state) {
     const auto start = ManualTimer::now();
-    std::FILE* const file = std::fopen(path.c_str(), "rb");
-    std::setvbuf(file, nullptr, _IONBF, 0);
-    benchmark::DoNotOptimize(std::fread(buffer.data(), buffer.size(), 1, file));
-    std::fclose(file);
-    const char* at = buffer.data();
+    file.Read();
+    const char* at = file.Buffer();
     for (const ACE_Message_Block* event : chunk) {
       for (const ACE_Message_Block* block = event; block != nullptr; block = block->cont()) {
         std::memcpy(block->base(), at, block->length());
@@ -241,6 +274,38 @@ void ReadAndCopy(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(EventsOf(state)));
 }
 BENCHMARK(ReadAndCopy)->Arg(200)->Arg(2000)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// The least that gives events: one read, and the bytes copied into two new blocks for each event.
+void ReadAndMakeBlocks(benchmark::State& state) {
+  PlainFile file(BytesOf(state));
+  file.Write();
+  std::vector<ACE_Message_Block*> chunk;
+  chunk.reserve(EventsOf(state));
+  const auto makeBlock = [](std::size_t size, const char* bytes) {
+    ACE_Message_Block* block = nullptr;
+    if (WindowsAgentCommon::CreateDataMessageBlock(size, block) != 0) {
+      throw std::bad_alloc();
+    }
+    block->copy(bytes, size);
+    return block;
+  };
+  for (auto _ : state) {
+    const auto start = ManualTimer::now();
+    file.Read();
+    const char* at = file.Buffer();
+    for (std::size_t number = 0; number < EventsOf(state); ++number) {
+      const auto payloadSize = static_cast<std::size_t>(state.range(0));
+      ACE_Message_Block* const event = makeBlock(kHeadSize, at);
+      event->cont(makeBlock(payloadSize, at + kHeadSize));
+      chunk.push_back(event);
+      at += kHeadSize + payloadSize;
+    }
+    SetTime(state, start);
+    ReleaseChunk(chunk);
+  }
+  state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(EventsOf(state)));
+}
+BENCHMARK(ReadAndMakeBlocks)->Arg(200)->Arg(2000)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 // So many chunk files of one page, as an earlier run leaves them: sixty to a minute directory.
 void LeaveChunks(const std::filesystem::path& directory, std::int64_t count) {
@@ -311,14 +376,17 @@ void ReadClock(benchmark::State& state) {
 }
 BENCHMARK(ReadClock);
 
-void AskScheduleAgain(benchmark::State& state) {
+Schedule MakeSchedule() {
   Schedule::Interval interval{};
   TIME_ZONE_INFORMATION zone{};
   if (!Schedule::ParseInterval("0800-1700;3E;Europe/Berlin", interval, &zone)) {
-    state.SkipWithError("the time zone is not known");
-    return;
+    throw std::runtime_error("the time zone is not known");
   }
-  Schedule schedule({interval}, zone, false);
+  return Schedule({interval}, zone, false);
+}
+
+void AskScheduleAgain(benchmark::State& state) {
+  Schedule schedule = MakeSchedule();
   for (auto _ : state) {
     benchmark::DoNotOptimize(schedule.IsSendingAllowed());
   }
@@ -328,13 +396,7 @@ BENCHMARK(AskScheduleAgain);
 // With a clock that moves on by the evaluation period at every call, so that none is answered from
 // the last evaluation.
 void EvaluateSchedule(benchmark::State& state) {
-  Schedule::Interval interval{};
-  TIME_ZONE_INFORMATION zone{};
-  if (!Schedule::ParseInterval("0800-1700;3E;Europe/Berlin", interval, &zone)) {
-    state.SkipWithError("the time zone is not known");
-    return;
-  }
-  Schedule schedule({interval}, zone, false);
+  Schedule schedule = MakeSchedule();
   SYSTEMTIME now{};
   GetSystemTime(&now);
   bool later = false;

@@ -1,11 +1,11 @@
 // What the complete stage costs per event, set against the least that any queue between two threads
 // costs.
 //
-// The yardstick is one bare ACE message queue with the stage's water marks: one thread makes events
-// (a head and a payload block) and enqueues them, another dequeues and releases them. The stage
-// gets the same events through Stream::Post and hands them to a destination that releases them. So
-// both sides pay for making and releasing an event; what the stage adds is its queue, its chunk,
-// its pending queue, its references and its statistics.
+// The yardsticks are three hops between two threads (QueueHops.h): a bare ACE queue with the
+// agent's events, the same with events of the heap, and a hop that does the least of what any stage
+// does that keeps its events for a while. The stage gets the events through Stream::Post and hands
+// them to a destination that releases them. So all pay for making and releasing an event; what the
+// stage adds is its queue, its chunk, its pending queue, its references and its statistics.
 //
 // The stage delivers once per chunking period, which is five seconds at least: events per second
 // over the whole time would say how long the period is and nothing about the work. So each batch is
@@ -19,11 +19,9 @@
 //
 // Processor time is that of all threads, the wait included, in which next to nothing is used. A
 // batch that straddles the end of a period is measured again. Each figure is the median of the
-// rounds. The ratio is the hop's time per event divided by the line's: 1.00 would be as fast as the
-// bare queue. The last lines are those of four threads that post at once.
+// rounds. A ratio is the yardstick's time per event divided by the line's: 1.00 would be as fast.
+// The last lines are those of four threads that post at once.
 
-#include <ace/Message_Queue.h>
-#include <ace/Synch.h>
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
@@ -32,18 +30,16 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "WindowsAgentCommon/Logging.h"
 #include "benchmarks/Events.h"
+#include "benchmarks/QueueHops.h"
 #include "benchmarks/StageRun.h"
 
 namespace Benchmark {
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 // Posters of the last lines.
 constexpr unsigned kCrowd = 4;
@@ -54,34 +50,10 @@ struct Options {
   unsigned rounds = 5;
 };
 
-struct HopTimes {
-  std::chrono::duration<double> wall{};
-  std::chrono::duration<double> processor{};
-};
-
-HopTimes MeasureQueueHop(const Options& options) {
-  constexpr std::size_t kHighWaterMark = 1'000'000;
-  constexpr std::size_t kLowWaterMark = 975'000;
-  ACE_Message_Queue<ACE_MT_SYNCH> queue(kHighWaterMark, kLowWaterMark);
-
-  const auto processorStart = GetProcessorTime();
-  const auto start = Clock::now();
-  std::thread consumer([&queue, &options] {
-    for (std::size_t taken = 0; taken < options.events; ++taken) {
-      ACE_Message_Block* event = nullptr;
-      queue.dequeue_head(event);
-      event->release();
-    }
-  });
-  for (std::size_t number = 0; number < options.events; ++number) {
-    queue.enqueue_tail(MakeEvent(number, options.payloadSize).release());
-  }
-  consumer.join();
-  return {Clock::now() - start, GetProcessorTime() - processorStart};
-}
-
 struct Round {
-  HopTimes hop;
+  HopTimes bareHop;
+  HopTimes heapHop;
+  HopTimes holdingHop;
   StageTimes stage;
   StageTimes crowd;  // with several posters
 };
@@ -99,9 +71,13 @@ StageTimes MeasureStage(StageRun& run, const Options& options, unsigned posters)
 }
 
 Round Measure(StageRun& run, const Options& options) {
-  const HopTimes hop = MeasureQueueHop(options);
-  const StageTimes stage = MeasureStage(run, options, 1);
-  return {hop, stage, MeasureStage(run, options, kCrowd)};
+  Round round;
+  round.bareHop = MeasureBareHop(options.events, options.payloadSize);
+  round.heapHop = MeasureHeapHop(options.events, options.payloadSize);
+  round.holdingHop = MeasureHoldingHop(options.events, options.payloadSize);
+  round.stage = MeasureStage(run, options, 1);
+  round.crowd = MeasureStage(run, options, kCrowd);
+  return round;
 }
 
 double Median(const std::vector<Round>& rounds,
@@ -116,45 +92,68 @@ double Median(const std::vector<Round>& rounds,
   return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
 }
 
-void PrintLine(const char* name, double seconds, double hopSeconds, const Options& options) {
-  const auto events = static_cast<double>(options.events);
-  std::printf("| %s | %.0f | %.0f | %.2f |\n", name, events / seconds / 1e3, seconds / events * 1e9,
-              hopSeconds / seconds);
-}
+// The yardsticks of a table, in seconds for all events.
+struct Yardsticks {
+  double bare;
+  double heap;
+  double holding;
+};
 
 void PrintHead(const char* what) {
-  std::printf("| %s | thousand events/s | ns/event | ratio |\n|---|---|---|---|\n", what);
+  std::printf(
+      "| %s | thousand events/s | ns/event | by the bare hop | by the heap's | by the holding one "
+      "|\n"
+      "|---|---|---|---|---|---|\n",
+      what);
 }
 
-void Print(const std::vector<Round>& rounds, const Options& options) {
-  const double hop = Median(rounds, [](const Round& round) { return round.hop.wall.count(); });
-  const auto wall = [&](const char* name, StageTimes Round::*times) {
-    const auto print = [&](const char* what, auto seconds) {
+void PrintLine(const char* name, double seconds, const Yardsticks& hops, const Options& options) {
+  const auto events = static_cast<double>(options.events);
+  std::printf("| %s | %.0f | %.0f | %.2f | %.2f | %.2f |\n", name, events / seconds / 1e3,
+              seconds / events * 1e9, hops.bare / seconds, hops.heap / seconds,
+              hops.holding / seconds);
+}
+
+Yardsticks PrintHops(const std::vector<Round>& rounds, const Options& options,
+                     std::chrono::duration<double> HopTimes::*time) {
+  const auto median = [&](HopTimes Round::*hop) {
+    return Median(rounds, [&](const Round& round) { return (round.*hop.*time).count(); });
+  };
+  const Yardsticks hops{median(&Round::bareHop), median(&Round::heapHop),
+                        median(&Round::holdingHop)};
+  PrintLine("bare queue hop", hops.bare, hops, options);
+  PrintLine("bare queue hop, events of the heap", hops.heap, hops, options);
+  PrintLine("hop that holds its events", hops.holding, hops, options);
+  return hops;
+}
+
+void PrintWall(const std::vector<Round>& rounds, const Options& options) {
+  PrintHead("wall time");
+  const Yardsticks hops = PrintHops(rounds, options, &HopTimes::wall);
+  const auto print = [&](const char* name, StageTimes Round::*times) {
+    const auto line = [&](const char* what, auto seconds) {
       PrintLine((std::string(name) + what).c_str(),
                 Median(rounds, [&](const Round& round) { return seconds(round.*times).count(); }),
-                hop, options);
+                hops, options);
     };
-    print(", posting", [](const StageTimes& stage) { return stage.posting; });
-    print(", delivery", [](const StageTimes& stage) { return stage.delivery; });
-    print(", both", [](const StageTimes& stage) { return stage.posting + stage.delivery; });
+    line(", posting", [](const StageTimes& stage) { return stage.posting; });
+    line(", delivery", [](const StageTimes& stage) { return stage.delivery; });
+    line(", both", [](const StageTimes& stage) { return stage.posting + stage.delivery; });
   };
-  PrintHead("wall time");
-  PrintLine("bare queue hop", hop, hop, options);
-  wall("stage, one poster", &Round::stage);
-  wall("stage, four posters", &Round::crowd);
+  print("stage, one poster", &Round::stage);
+  print("stage, four posters", &Round::crowd);
+}
 
-  const double hopProcessor =
-      Median(rounds, [](const Round& round) { return round.hop.processor.count(); });
-  const auto processor = [&](const char* name, StageTimes Round::*times) {
+void PrintProcessor(const std::vector<Round>& rounds, const Options& options) {
+  PrintHead("processor time of all threads");
+  const Yardsticks hops = PrintHops(rounds, options, &HopTimes::processor);
+  const auto print = [&](const char* name, StageTimes Round::*times) {
     PrintLine(name,
               Median(rounds, [&](const Round& round) { return (round.*times).processor.count(); }),
-              hopProcessor, options);
+              hops, options);
   };
-  std::printf("\n");
-  PrintHead("processor time of all threads");
-  PrintLine("bare queue hop", hopProcessor, hopProcessor, options);
-  processor("stage, one poster", &Round::stage);
-  processor("stage, four posters", &Round::crowd);
+  print("stage, one poster", &Round::stage);
+  print("stage, four posters", &Round::crowd);
 }
 
 }  // namespace
@@ -184,7 +183,9 @@ int Run(int argc, char** argv) {
   for (unsigned number = 0; number < options.rounds; ++number) {
     rounds.push_back(Measure(run, options));
   }
-  Print(rounds, options);
+  PrintWall(rounds, options);
+  std::printf("\n");
+  PrintProcessor(rounds, options);
   return 0;
 }
 

@@ -45,6 +45,8 @@ def rows(times, counters):
                f"{times[f'CopyAndWrite/{size}'] / times[f'PushChunk/{size}']:.2f}", goal)
         yield (f"Front at {size} bytes, speed by that of one read and copying",
                f"{times[f'ReadAndCopy/{size}'] / times[f'FrontOfCache/{size}']:.2f}", goal)
+        yield ("the same by that of one read and making two blocks for each event",
+               f"{times[f'ReadAndMakeBlocks/{size}'] / times[f'FrontOfCache/{size}']:.2f}", "")
     yield ratio("schedule's answer from its cache, time by that of reading the clock",
                 "AskScheduleAgain", "ReadClock", "at most 2")
     yield ratio("counting an event, time by that of a std::map look-up",
