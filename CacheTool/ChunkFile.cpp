@@ -1,11 +1,10 @@
 #include "CacheTool/ChunkFile.h"
 
 #include <algorithm>
-#include <chrono>
 #include <memory>
-#include <thread>
 
 #include "Agent/PathText.h"
+#include "CacheTool/LastChange.h"
 #include "CacheTool/ToolError.h"
 #include "Platform/Error.h"
 #include "Platform/Windows.h"
@@ -15,9 +14,6 @@ namespace OrloCacheTool {
 
 namespace {
 
-constexpr std::chrono::seconds kRecent{5};
-constexpr std::chrono::milliseconds kBetweenLooks{100};
-constexpr int kLooks = 20;
 constexpr std::uint64_t kLargest = 0xffffffff;
 constexpr std::uint64_t kBeginning = 4;
 // Read at once.
@@ -27,13 +23,6 @@ struct HandleCloser {
   void operator()(void* file) const { CloseHandle(file); }
 };
 using FileHandle = std::unique_ptr<void, HandleCloser>;
-
-// A writer of 100 ns ago has not necessarily finished; one of an hour ago has.
-bool IsRecent(const ListedChunk& chunk) {
-  std::error_code error;
-  const auto written = std::filesystem::last_write_time(chunk.path, error);
-  return !error && std::filesystem::file_time_type::clock::now() - written < kRecent;
-}
 
 ChunkContents Fail(DWORD error) {
   ChunkContents contents;
@@ -102,13 +91,20 @@ ChunkContents ReadChunkFile(const ListedChunk& chunk, const CheckOptions& option
   if (chunk.isDirectory) {
     return RefuseDirectory();
   }
-  ChunkContents contents = ReadAndCheck(chunk.path, options);
-  for (int look = 0; look < kLooks && !contents.isGone && !contents.IsHealthy() && IsRecent(chunk);
-       ++look) {
-    std::this_thread::sleep_for(kBetweenLooks);
-    contents = ReadAndCheck(chunk.path, options);
+  SecondLooks looks;
+  for (;;) {
+    ChunkContents contents = ReadAndCheck(chunk.path, options);
+    if (contents.isGone || contents.IsHealthy()) {
+      return contents;
+    }
+    const LastChange change = GetLastChange(chunk.path);
+    if (change == LastChange::Gone) {
+      return Fail(ERROR_FILE_NOT_FOUND);
+    }
+    if (!looks.Wait(change)) {
+      return contents;
+    }
   }
-  return contents;
 }
 
 ChunkContents ReadChunkFile(const std::filesystem::path& file, const CheckOptions& options) {
@@ -119,7 +115,7 @@ ChunkContents ReadChunkFile(const std::filesystem::path& file, const CheckOption
   return contents;
 }
 
-ChunkContents GlanceAtChunkFile(const ListedChunk& chunk, const CheckOptions& options,
+ChunkContents GlanceAtChunkFile(ListedChunk& chunk, const CheckOptions& options,
                                 bool& isBeingWritten) {
   isBeingWritten = false;
   if (chunk.isDirectory) {
@@ -127,9 +123,19 @@ ChunkContents GlanceAtChunkFile(const ListedChunk& chunk, const CheckOptions& op
   }
   ChunkContents contents = Read(chunk.path, kBeginning);
   if (contents.error.empty()) {
+    // It may have grown since it was listed.
+    std::error_code error;
+    const std::uintmax_t size = std::filesystem::file_size(chunk.path, error);
+    chunk.size = error ? chunk.size : size;
     contents.report = GlanceAtChunk(contents.bytes, chunk.size, options);
   }
-  isBeingWritten = !contents.isGone && !contents.IsHealthy() && IsRecent(chunk);
+  if (!contents.isGone && !contents.IsHealthy()) {
+    const LastChange change = GetLastChange(chunk.path);
+    if (change == LastChange::Gone) {
+      return Fail(ERROR_FILE_NOT_FOUND);
+    }
+    isBeingWritten = change == LastChange::Recent;
+  }
   return contents;
 }
 

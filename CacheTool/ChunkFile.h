@@ -31,9 +31,9 @@ ChunkContents ReadChunkFile(const ListedChunk& chunk, const CheckOptions& option
 // The same for a file outside a cache. Throws ToolError if it can't be read.
 ChunkContents ReadChunkFile(const std::filesystem::path& file, const CheckOptions& options);
 
-// What can be told from the file's size and first bytes. `isBeingWritten` is set where a finding
-// may be due to that.
-ChunkContents GlanceAtChunkFile(const ListedChunk& chunk, const CheckOptions& options,
+// What can be told from the file's size, which is brought up to date in `chunk`, and first bytes.
+// `isBeingWritten` is set where a finding may be due to that.
+ChunkContents GlanceAtChunkFile(ListedChunk& chunk, const CheckOptions& options,
                                 bool& isBeingWritten);
 
 // All that is to be said against the chunk, joined; empty for a healthy one.

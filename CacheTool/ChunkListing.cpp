@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "Agent/PathText.h"
+#include "CacheTool/LastChange.h"
 #include "CacheTool/ToolError.h"
 #include "StoreAndForward/ChunkNames.h"
 #include "WindowsAgentCommon/Text.h"
@@ -21,11 +22,9 @@ bool SortsBefore(const std::string& left, const std::string& right) {
                                               WindowsAgentCommon::ToWide(right));
 }
 
-bool IsGone(const std::error_code& error) { return error == std::errc::no_such_file_or_directory; }
-
-// Files of the minute directory, as far as they can be listed; false if that is not all of them.
-bool ListFiles(const MinuteDirectory& minute, std::vector<ListedChunk>& chunks) {
-  std::error_code error;
+// Files of the minute directory, as far as they can be listed.
+std::vector<ListedChunk> ListFiles(const MinuteDirectory& minute, std::error_code& error) {
+  std::vector<ListedChunk> chunks;
   fs::directory_iterator entry(minute.path, error);
   for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
     ListedChunk chunk{minute.name, ToText(entry->path().filename()), entry->path(), 0, false, {}};
@@ -36,7 +35,7 @@ bool ListFiles(const MinuteDirectory& minute, std::vector<ListedChunk>& chunks) 
     chunk.isDirectory = fs::is_directory(chunk.path, unknown);
     if (!chunk.isDirectory) {
       chunk.size = fs::file_size(chunk.path, unknown);
-      if (IsGone(unknown)) {
+      if (unknown == std::errc::no_such_file_or_directory) {
         continue;
       }
       chunk.size = unknown ? 0 : chunk.size;
@@ -44,8 +43,22 @@ bool ListFiles(const MinuteDirectory& minute, std::vector<ListedChunk>& chunks) 
     chunk.written = fs::last_write_time(chunk.path, unknown);
     chunks.push_back(std::move(chunk));
   }
-  // A directory whose last chunk was removed meanwhile is gone.
-  return !error || IsGone(error);
+  return chunks;
+}
+
+// `isWhole` is false if some of them can't be listed. A directory that is removed behind its last
+// chunk counts as whole: it holds nothing.
+std::vector<ListedChunk> ListSettledFiles(const MinuteDirectory& minute, bool& isWhole) {
+  SecondLooks looks;
+  for (;;) {
+    std::error_code error;
+    std::vector<ListedChunk> chunks = ListFiles(minute, error);
+    const LastChange change = error ? GetLastChange(minute.path) : LastChange::LongAgo;
+    if (!looks.Wait(change)) {
+      isWhole = !error || change == LastChange::Gone;
+      return chunks;
+    }
+  }
 }
 
 }  // namespace
@@ -82,8 +95,9 @@ std::vector<MinuteDirectory> ListMinuteDirectories(const fs::path& cache) {
 std::vector<ListedChunk> ListChunks(const fs::path& cache, std::vector<std::string>& skipped) {
   std::vector<ListedChunk> chunks;
   for (const MinuteDirectory& minute : ListMinuteDirectories(cache)) {
-    std::vector<ListedChunk> files;
-    if (!ListFiles(minute, files)) {
+    bool isWhole = false;
+    std::vector<ListedChunk> files = ListSettledFiles(minute, isWhole);
+    if (!isWhole) {
       skipped.push_back(minute.name);
     }
     std::sort(files.begin(), files.end(), [](const ListedChunk& left, const ListedChunk& right) {

@@ -1,10 +1,15 @@
 // list, show, verify and export, as functions.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
+#include <thread>
 
 #include "Agent/PathText.h"
+#include "CacheTool/ChunkFile.h"
 #include "CacheTool/Commands.h"
 #include "CacheTool/EventText.h"
 #include "tests/CacheTool/CacheFiles.h"
@@ -79,6 +84,41 @@ TEST_F(ReadingCommandsTest, ListNamesTheStateOfWhatIsWrong) {
 TEST_F(ReadingCommandsTest, AChunkThatIsBeingWrittenIsNoDamage) {
   WriteFile(m_cache / "2016-03-07-14-06" / "05", "");
   EXPECT_EQ(RunList(Make<ListOptions>(), m_out, m_messages), kDone);
+}
+
+TEST_F(ReadingCommandsTest, AChunkThatHasGrownSinceItWasListedIsPlausible) {
+  std::vector<std::string> skipped;
+  auto chunks = ListChunks(m_cache, skipped);
+  chunks.front().size = 0;
+  bool isBeingWritten = true;
+  EXPECT_TRUE(GlanceAtChunkFile(chunks.front(), {}, isBeingWritten).IsHealthy());
+  EXPECT_FALSE(isBeingWritten);
+  EXPECT_EQ(chunks.front().size, 4096u);
+}
+
+TEST_F(ReadingCommandsTest, ChunksThatComeAndGoAreNoDamage) {
+  // Each is there for a moment, and empty: what is gone when its age is asked for looked damaged.
+  const auto minute = m_cache / "2016-03-07-14-07";
+  std::atomic<bool> isDone{false};
+  std::thread agent([&minute, &isDone] {
+    // What is being looked at can't always be removed on Windows.
+    std::error_code ignored;
+    for (int i = 0; !isDone; ++i) {
+      std::filesystem::create_directory(minute, ignored);
+      std::ofstream(minute / std::to_string(i % 10)).flush();
+      std::filesystem::remove(minute / std::to_string(i % 10), ignored);
+      std::filesystem::remove(minute, ignored);
+    }
+  });
+  ExitCode code = kDone;
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+  while (code == kDone && std::chrono::steady_clock::now() < end) {
+    m_out.str("");
+    code = RunList(Make<ListOptions>(), m_out, m_messages);
+  }
+  isDone = true;
+  agent.join();
+  EXPECT_EQ(code, kDone) << m_out.str() << m_messages.str();
 }
 
 TEST_F(ReadingCommandsTest, AnEmptyCacheIsAnEmptyList) {
