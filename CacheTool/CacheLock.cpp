@@ -12,6 +12,9 @@ CacheLock::CacheLock(const CachePlace& place, const std::string& purpose) {
   }
   const std::filesystem::path file = place.data / "agent.lock";
   std::error_code ignored;
+  if (std::filesystem::is_symlink(std::filesystem::symlink_status(file, ignored))) {
+    throw ToolError(OrloAgent::ToText(file) + " is a link, which no agent makes");
+  }
   const bool wasThere = std::filesystem::exists(file, ignored);
   try {
     m_lock = std::make_unique<OrloAgent::FileLock>(file);

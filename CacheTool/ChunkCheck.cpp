@@ -57,10 +57,19 @@ bool IsHeadOfAnAgent(std::string_view head) {
   return header && (!isText || header->source.find('\0') == std::string_view::npos);
 }
 
+void CheckCount(ChunkReport& report) {
+  if (report.count == 0) {
+    Add(report, Finding::NoEvents,
+        "it says 0 events, and a stage writes no such chunk; zeros are what a loss of power leaves "
+        "of a file");
+  }
+}
+
 // Reads the events and remembers the first head that no agent writes.
 void CheckEvents(ChunkReport& report, std::string_view bytes, const CheckOptions& options) {
   EventReader reader(bytes);
   report.count = reader.GetCount();
+  CheckCount(report);
   std::uint64_t unknown = 0;
   std::uint64_t firstUnknown = 0;
   while (const auto event = reader.Next()) {
@@ -167,6 +176,7 @@ ChunkReport GlanceAtChunk(std::string_view beginning, std::uint64_t size,
     return report;
   }
   report.count = EventReader(beginning).GetCount();
+  CheckCount(report);
   if ((size - kLengthSize) / kSmallestEvent < report.count) {
     Add(report, Finding::EventsBeyondEnd,
         Format("it says %d events, for which its %d bytes are too few", report.count, size));
@@ -180,6 +190,9 @@ std::string DescribeEffect(const ChunkReport& report) {
   }
   if (report.Has(Finding::TooLarge)) {
     return "an agent reads its beginning only, and delivers what it can make out there";
+  }
+  if (report.Has(Finding::NoEvents)) {
+    return "an agent finds no events in it, and removes it";
   }
   std::string text = Format("an agent delivers %d of its events", report.complete);
   if (report.Has(Finding::EventsBeyondEnd)) {

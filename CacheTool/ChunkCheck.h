@@ -46,6 +46,8 @@ enum class Finding {
   NoCount,
   // 4 GiB or more: sizes and offsets of the stage are 32 bits wide.
   TooLarge,
+  // A count of zero. A stage writes no chunk without events.
+  NoEvents,
   // The bytes end before the events do.
   EventsBeyondEnd,
   // A head that no agent writes.

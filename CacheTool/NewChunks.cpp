@@ -1,7 +1,6 @@
 #include "CacheTool/NewChunks.h"
 
 #include <algorithm>
-#include <fstream>
 
 #include "Agent/PathText.h"
 #include "CacheTool/System.h"
@@ -111,17 +110,24 @@ void NewChunks::WriteChunk() {
     m_madeDirectory = true;
     GiveToOwnerOf(m_cache, m_directory);
   }
-  m_lastFile = NameBehind(m_lastFile);
-  m_unnamed.push_back({m_directory / ToPath(m_lastFile + ".new"), m_lastFile});
-  const fs::path& path = m_unnamed.back().written;
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  file.write(reinterpret_cast<const char*>(bytes.data()),
-             static_cast<std::streamsize>(bytes.size()));
-  file.close();
-  if (!file) {
-    throw ToolError(ToText(path) + " can't be written" + (error ? ": " + error.message() : ""));
+  std::error_code ignored;
+  if (!fs::is_directory(fs::symlink_status(m_directory, ignored))) {
+    throw ToolError(ToText(m_directory) +
+                    (error ? " can't be made: " + error.message() : " is no directory"));
   }
-  GiveToOwnerOf(m_cache, path);
+  m_lastFile = NameBehind(m_lastFile);
+  const fs::path path = m_directory / ToPath(m_lastFile + ".new");
+  // Left by one that was killed.
+  fs::remove(path, ignored);
+  WriteNewFile(path, {reinterpret_cast<const char*>(bytes.data()), bytes.size()}, m_cache);
+  m_unnamed.push_back({path, m_lastFile});
+}
+
+void NewChunks::TakeBack(const std::vector<std::string>& names) {
+  for (std::size_t done = 0; done < names.size(); ++done) {
+    std::error_code ignored;
+    fs::remove(m_directory / ToPath(m_unnamed[done].file), ignored);
+  }
 }
 
 std::vector<std::string> NewChunks::Finish() {
@@ -134,14 +140,21 @@ std::vector<std::string> NewChunks::Finish() {
     std::error_code error;
     fs::rename(chunk.written, m_directory / ToPath(chunk.file), error);
     if (error) {
-      // What has its name already is taken back: all of them, or none.
-      for (std::size_t done = 0; done < names.size(); ++done) {
-        std::error_code ignored;
-        fs::remove(m_directory / ToPath(m_unnamed[done].file), ignored);
-      }
+      TakeBack(names);
       throw ToolError(ToText(chunk.written) + " can't be renamed: " + error.message());
     }
     names.push_back(m_minute + "/" + chunk.file);
+  }
+  try {
+    if (!names.empty()) {
+      SyncDirectory(m_directory);
+    }
+    if (m_madeDirectory) {
+      SyncDirectory(m_cache);
+    }
+  } catch (const ToolError&) {
+    TakeBack(names);
+    throw;
   }
   m_unnamed.clear();
   m_madeDirectory = false;

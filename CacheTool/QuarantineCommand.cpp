@@ -1,6 +1,6 @@
-#include <fstream>
 #include <nlohmann/json.hpp>
 #include <ostream>
+#include <sstream>
 
 #include "Agent/PathText.h"
 #include "CacheTool/CacheLock.h"
@@ -34,31 +34,34 @@ std::string FormatNow() {
                 now.wMinute, now.wSecond);
 }
 
-// Where nothing is yet.
+bool IsTaken(const fs::path& path) {
+  std::error_code ignored;
+  return fs::exists(fs::symlink_status(path, ignored));
+}
+
+fs::path NoteOf(const fs::path& target) { return ToPath(ToText(target) + kNoteEnding); }
+
+// Where nothing is yet, nor beside it.
 fs::path FindFreeName(const fs::path& directory, const ListedChunk& chunk) {
   const std::string name = chunk.minute + "_" + chunk.file;
   fs::path path = directory / ToPath(name);
-  std::error_code ignored;
-  for (int number = 2; fs::exists(fs::symlink_status(path, ignored)); ++number) {
+  for (int number = 2; IsTaken(path) || IsTaken(NoteOf(path)); ++number) {
     path = directory / ToPath(name + "_" + std::to_string(number));
   }
   return path;
 }
 
-void WriteNote(const fs::path& note, const fs::path& target, const ListedChunk& chunk,
-               const ChunkContents& contents) {
+std::string MakeNote(const fs::path& target, const ListedChunk& chunk,
+                     const ChunkContents& contents) {
   const std::string findings = DescribeFindings(contents);
-  std::ofstream file(note, std::ios::binary | std::ios::trunc);
-  file << "Moved here:  " << FormatNow() << "\nfrom:        " << ToText(chunk.path)
+  std::ostringstream note;
+  note << "Moved here:  " << FormatNow() << "\nfrom:        " << ToText(chunk.path)
        << "\nbytes:       " << chunk.size << "\nevents:      " << contents.report.count
        << " by its count, " << contents.report.readable << " can be read\nfindings:    "
        << (findings.empty() ? "none; it was moved at somebody's wish" : findings)
        << "\nThere:       " << DescribeEffect(contents) << "\nTo bring back what can be read:\n"
        << "             orlo-cache requeue --salvage CACHE " << ToText(target) << '\n';
-  file.close();
-  if (!file) {
-    throw ToolError(ToText(note) + " can't be written");
-  }
+  return note.str();
 }
 
 // Returns where it is now.
@@ -71,10 +74,12 @@ fs::path Move(const CachePlace& place, const ListedChunk& chunk, const ChunkCont
   if (error) {
     throw ToolError(ToText(directory) + " can't be made: " + error.message());
   }
+  if (!fs::is_directory(fs::symlink_status(directory, error))) {
+    throw ToolError(ToText(directory) + " is no directory; a link is not followed");
+  }
   fs::path target = FindFreeName(directory, chunk);
-  const fs::path note = ToPath(ToText(target) + kNoteEnding);
-  WriteNote(note, target, chunk, contents);
-  GiveToOwnerOf(place.cache, note);
+  const fs::path note = NoteOf(target);
+  WriteNewFile(note, MakeNote(target, chunk, contents), place.cache);
   fs::rename(chunk.path, target, error);
   if (error) {
     std::error_code ignored;

@@ -25,7 +25,6 @@ using Findings = std::vector<Finding>;
 }  // namespace
 
 TEST(ChunkCheck, WhatAStageWritesIsHealthy) {
-  EXPECT_EQ(Check(MakeChunkOf({})), Findings());
   EXPECT_EQ(Check(MakeChunkOf({"", "one", std::string(5000, 'x')})), Findings());
   // Exactly one page, and a byte more.
   const std::size_t overhead = 4 + 8 + MakeHead().size();
@@ -45,6 +44,16 @@ TEST(ChunkCheck, TheReportCountsWhatIsThere) {
 TEST(ChunkCheck, AFileWithoutACountSaysSo) {
   EXPECT_EQ(Check(""), Findings{Finding::NoCount});
   EXPECT_EQ(Check("\x01\x02\x03"), Findings{Finding::NoCount});
+}
+
+TEST(ChunkCheck, APageOfZerosHoldsNoEventsThoughEveryChunkHasSome) {
+  const std::string page(4096, '\0');
+  const ChunkReport report = CheckChunk(page, CheckOptions());
+  EXPECT_EQ(FindingsOf(report), Findings{Finding::NoEvents});
+  EXPECT_EQ(DescribeEffect(report), "an agent finds no events in it, and removes it");
+  EXPECT_EQ(FindingsOf(GlanceAtChunk(page.substr(0, 4), page.size(), CheckOptions())),
+            Findings{Finding::NoEvents});
+  EXPECT_EQ(Check(page + page), (Findings{Finding::NoEvents, Finding::PagesBehindEvents}));
 }
 
 TEST(ChunkCheck, AFileThatIsTooLargeIsKnownByItsSize) {
