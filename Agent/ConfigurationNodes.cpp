@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "Agent/ShownForms.h"
 #include "Agent/Units.h"
 
 namespace OrloAgent {
@@ -66,6 +67,18 @@ bool ValueReader::ReadText(const ConfigurationEntry& entry, std::string& value) 
   return true;
 }
 
+void ValueReader::AddShownForms(const ConfigurationEntry& entry,
+                                const std::vector<std::string>& forms) {
+  if (!entry.value.IsScalar() || !HasReference(entry.value.Scalar())) {
+    return;
+  }
+  for (const std::string& form : forms) {
+    if (entry.value.Scalar().find(form) == std::string::npos) {
+      m_secrets.insert(form);
+    }
+  }
+}
+
 bool ValueReader::ReadTextWithoutReferences(const ConfigurationEntry& entry, std::string& value) {
   if (entry.value.IsScalar() && HasReference(entry.value.Scalar())) {
     Note(entry, "must be written out: what comes from a reference is hidden in messages");
@@ -88,6 +101,7 @@ bool ValueReader::ReadPath(const ConfigurationEntry& entry, std::string& value) 
     Note(entry, text.empty() ? "is empty; a path is needed" : "holds a control character");
     return false;
   }
+  AddShownForms(entry, GetShownFormsOfPath(text));
   value = std::move(text);
   return true;
 }

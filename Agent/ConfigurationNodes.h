@@ -37,6 +37,10 @@ class ValueReader {
   // reference.
   std::string Quote(const ConfigurationEntry& entry, const std::string& value) const;
 
+  // Messages show the entry's value in these forms, too. Those that come from a reference are
+  // hidden as the value is; what is written out in the file is no secret.
+  void AddShownForms(const ConfigurationEntry& entry, const std::vector<std::string>& forms);
+
   // For values that name things, which messages must be able to show.
   bool ReadTextWithoutReferences(const ConfigurationEntry& entry, std::string& value);
 

@@ -11,6 +11,7 @@
 #include "Agent/ConfigurationShape.h"
 #include "Agent/Monitor/Monitor.h"
 #include "Agent/PathText.h"
+#include "Agent/ShownForms.h"
 #include "Agent/StreamSection.h"
 #include "Agent/Units.h"
 
@@ -93,6 +94,7 @@ void ReadMonitorAddress(const ConfigurationEntry& entry, ValueReader& reader,
         entry, reader.Quote(entry, text) + " is not ADDRESS:PORT, as 127.0.0.1:9464 or [::1]:9464");
     return;
   }
+  reader.AddShownForms(entry, GetShownForms(*endpoint));
   monitor.host = endpoint->host;
   monitor.port = endpoint->port;
   if (!address.is_loopback() && monitor.token.empty()) {

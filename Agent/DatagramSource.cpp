@@ -190,6 +190,7 @@ void DatagramSource::Server::Stop() {
   }
   boost::asio::post(m_context, [this] { End(); });
   m_thread.join();
+  m_poster.Finish();
   m_port = 0;
   const DatagramSourceCounts counts = GetCounts();
   LogFacade::Info(m_log,

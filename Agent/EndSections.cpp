@@ -5,6 +5,7 @@
 #include "Agent/Gzip.h"
 #include "Agent/KafkaDestination.h"
 #include "Agent/PathText.h"
+#include "Agent/ShownForms.h"
 #include "Agent/Tls.h"
 #include "Agent/Units.h"
 
@@ -38,6 +39,7 @@ bool ReadEndpoint(const ConfigurationEntry& entry, bool mayBePortZero, ValueRead
                            : "\"" + text + "\" " + problem);
     return false;
   }
+  reader.AddShownForms(entry, GetShownForms(*parsed));
   if (parsed->transport == Transport::Tls && !IsTlsAvailable()) {
     reader.Note(entry,
                 reader.Quote(entry, text) + " can't be used: this program was built without TLS");
@@ -180,6 +182,7 @@ FileSourceOptions ReadFileSource(MapReader& map, ValueReader& reader) {
     for (const ConfigurationEntry& one : list) {
       std::string path;
       if (reader.ReadPath(one, path)) {
+        reader.AddShownForms(one, GetShownFormsOfPattern(path));
         options.paths.push_back(std::move(path));
       }
     }
@@ -293,6 +296,7 @@ KafkaDestinationOptions ReadKafkaDestination(MapReader& map, ValueReader& reader
     for (const ConfigurationEntry& one : reader.ReadList(*brokers, true)) {
       std::string broker;
       if (reader.ReadText(one, broker)) {
+        reader.AddShownForms(one, GetShownFormsOfBrokers(broker));
         options.brokers += (options.brokers.empty() ? "" : ",") + broker;
       }
     }

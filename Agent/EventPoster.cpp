@@ -12,6 +12,8 @@ using WindowsAgentCommon::MessageBlockPtr;
 
 namespace {
 
+constexpr std::chrono::seconds kBetweenReports{10};
+
 MessageBlockPtr MakeBlock(std::size_t size) {
   ACE_Message_Block* block = nullptr;
   WindowsAgentCommon::CreateDataMessageBlock(size, block);
@@ -25,17 +27,23 @@ void Count(std::atomic<std::uint64_t>& counter, int change = 1) {
 
 }  // namespace
 
-EventPoster::EventPoster(StreamGate& gate, PostCounts& counts, WindowsAgentCommon::Log log)
-    : m_gate(gate), m_counts(counts), m_log(std::move(log)) {}
+EventPoster::EventPoster(StreamGate& gate, PostCounts& counts, WindowsAgentCommon::Log log,
+                         Untaken untaken)
+    : m_gate(gate), m_counts(counts), m_log(std::move(log)), m_untaken(untaken) {}
 
-void EventPoster::Post(const EventHeaderTemplate& header, std::uint8_t flags,
+bool EventPoster::Post(const EventHeaderTemplate& header, std::uint8_t flags,
                        std::uint64_t receiveTime, std::string_view message) {
   MessageBlockPtr head = MakeBlock(header.GetSize());
   MessageBlockPtr payload = MakeBlock(message.size());
+  if (m_lost > 0 && std::chrono::steady_clock::now() >= m_nextReport) {
+    ReportLost();
+  }
   if (!head || !payload) {
-    Count(m_counts.notMade);
-    ReportFailure("there is no memory for them");
-    return;
+    if (m_untaken == Untaken::Lost) {
+      Count(m_counts.notMade);
+    }
+    OnFailure("there is no memory for them");
+    return false;
   }
   header.Write(head->wr_ptr(), flags, receiveTime);
   head->wr_ptr(header.GetSize());
@@ -45,27 +53,47 @@ void EventPoster::Post(const EventHeaderTemplate& header, std::uint8_t flags,
   Count(m_counts.posted);
   switch (m_gate.Post(head.release())) {
     case StreamGate::Outcome::Taken:
-      break;
+      return true;
     case StreamGate::Outcome::Refused:
-      ReportFailure("the stream's first stage refused them");
+      if (m_untaken == Untaken::OfferedAgain) {
+        Count(m_counts.posted, -1);
+      }
+      OnFailure("the stream's first stage refused them");
       break;
     case StreamGate::Outcome::Abandoned:
       Count(m_counts.posted, -1);
-      Count(m_counts.notMade);
-      ReportFailure("their stream is gone");
+      if (m_untaken == Untaken::Lost) {
+        Count(m_counts.notMade);
+        OnFailure("their stream is gone");
+      }
       break;
+  }
+  return false;
+}
+
+void EventPoster::OnFailure(const char* reason) {
+  const bool isTime = std::chrono::steady_clock::now() >= m_nextReport;
+  if (m_untaken == Untaken::Lost) {
+    ++m_lost;
+    m_reason = reason;
+    if (isTime) {
+      ReportLost();
+    }
+  } else if (isTime) {
+    LogFacade::Warn(m_log, "Events are not queued (%s); they are offered again.", reason);
+    m_nextReport = std::chrono::steady_clock::now() + kBetweenReports;
   }
 }
 
-void EventPoster::ReportFailure(const char* reason) {
-  constexpr std::chrono::seconds kBetweenReports{10};
-  ++m_failedSinceReport;
-  const auto now = std::chrono::steady_clock::now();
-  if (now >= m_nextReport) {
-    LogFacade::Error(m_log, "%d events were lost before they were queued: %s.", m_failedSinceReport,
-                     reason);
-    m_failedSinceReport = 0;
-    m_nextReport = now + kBetweenReports;
+void EventPoster::ReportLost() {
+  LogFacade::Error(m_log, "%d events were lost before they were queued: %s.", m_lost, m_reason);
+  m_lost = 0;
+  m_nextReport = std::chrono::steady_clock::now() + kBetweenReports;
+}
+
+void EventPoster::Finish() {
+  if (m_lost > 0) {
+    ReportLost();
   }
 }
 

@@ -19,26 +19,42 @@ struct PostCounts {
   std::atomic<std::uint64_t> notMade{0};
 };
 
+// What becomes of an event that its stream does not take.
+enum class Untaken {
+  // It is gone: it is counted, and reported as lost.
+  Lost,
+  // Its source still has it and offers it again: it counts as if it had not been posted.
+  OfferedAgain
+};
+
 // Makes events of messages and posts them to a source's stream: a head block with the event header,
-// and the message as its continuation. What the stream does not take is counted and logged, and the
-// source goes on. One thread.
+// and the message as its continuation. What the stream does not take is logged, and the source goes
+// on. One thread.
 class EventPoster {
  public:
   // The gate and the counts outlive the poster.
-  EventPoster(StreamGate& gate, PostCounts& counts, WindowsAgentCommon::Log log);
+  EventPoster(StreamGate& gate, PostCounts& counts, WindowsAgentCommon::Log log,
+              Untaken untaken = Untaken::Lost);
 
-  // Blocks while the gate is closed, and while the stream's first stage is above its high-water
-  // mark.
-  void Post(const EventHeaderTemplate& header, std::uint8_t flags, std::uint64_t receiveTime,
+  // Whether the stream has taken the event. Blocks while the gate is closed, and while the stream's
+  // first stage is above its high-water mark.
+  bool Post(const EventHeaderTemplate& header, std::uint8_t flags, std::uint64_t receiveTime,
             std::string_view message);
 
+  // No more events come for now: reports what has not been reported yet.
+  void Finish();
+
  private:
-  void ReportFailure(const char* reason);
+  void OnFailure(const char* reason);
+  void ReportLost();
 
   StreamGate& m_gate;
   PostCounts& m_counts;
   WindowsAgentCommon::Log m_log;
-  std::uint64_t m_failedSinceReport = 0;
+  const Untaken m_untaken;
+  // Lost, and not reported yet.
+  std::uint64_t m_lost = 0;
+  const char* m_reason = "";
   std::chrono::steady_clock::time_point m_nextReport{};
 };
 

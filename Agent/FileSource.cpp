@@ -44,7 +44,8 @@ FileSource::~FileSource() { Stop(); }
 
 void FileSource::Begin(const std::string& streamName) {
   m_log = WindowsAgentCommon::LoggerFactory::GetLog("Code.FileSource." + streamName);
-  m_poster = std::make_unique<EventPoster>(GetGate(), GetPostCounts(), m_log);
+  m_poster =
+      std::make_unique<EventPoster>(GetGate(), GetPostCounts(), m_log, Untaken::OfferedAgain);
   try {
     m_startAtEnd = m_options.start == FileStart::End && !std::filesystem::exists(m_positions);
     std::filesystem::create_directories(m_positions);
@@ -216,8 +217,7 @@ void FileSource::ReadAll(Clock::time_point now) {
 
 void FileSource::DropLeft(Clock::time_point now) {
   for (auto file = m_files.begin(); file != m_files.end();) {
-    if (!m_stop && file->IsLeft() && file->GetQuiet(now) >= kLongestTrail) {
-      file->Finish();
+    if (!m_stop && file->IsLeft() && file->GetQuiet(now) >= kLongestTrail && file->Finish()) {
       file->GetRecord().Remove();
       file = m_files.erase(file);
     } else {

@@ -34,7 +34,9 @@ void FollowedFile::ReadOn(std::vector<char>& buffer, const std::atomic<bool>& st
     return;
   }
   m_lastChange = now;
-  LookForNewContent(*size);
+  if (!LookForNewContent(*size)) {
+    return;
+  }
   while (!stop) {
     const auto count = m_file->Read(m_position + m_pending.size(), buffer.data(), buffer.size());
     if (!count && !m_readFailed) {
@@ -45,34 +47,41 @@ void FollowedFile::ReadOn(std::vector<char>& buffer, const std::atomic<bool>& st
       return;
     }
     m_receiveTime = GetReceiveTime();
-    PostLines({buffer.data(), *count});
+    if (!PostLines({buffer.data(), *count})) {
+      // All of it is read again.
+      m_pending.clear();
+      return;
+    }
   }
 }
 
-void FollowedFile::LookForNewContent(std::uint64_t size) {
+bool FollowedFile::LookForNewContent(std::uint64_t size) {
   const Fingerprint known = m_record.GetFingerprint();
   if (size < m_position + m_pending.size()) {
-    StartAgain("has become shorter");
-  } else if (!known.Fits(*m_file)) {
-    StartAgain("begins with other bytes than before");
-  } else if (known.GetLength() < Fingerprint::kLongest) {
+    return StartAgain("has become shorter");
+  }
+  if (!known.Fits(*m_file)) {
+    return StartAgain("begins with other bytes than before");
+  }
+  if (known.GetLength() < Fingerprint::kLongest) {
     m_record.SetFingerprint(Fingerprint::Take(*m_file));
   }
+  return true;
 }
 
-void FollowedFile::StartAgain(const char* reason) {
-  LogFacade::Info(m_log, "The file %s %s; it is read from its beginning.", ToText(m_path), reason);
+bool FollowedFile::StartAgain(const char* reason) {
   // What was read and has no line end gets none any more.
-  if (!m_pending.empty()) {
-    Post(m_pending, m_pending.size(), false);
-    m_pending.clear();
+  if (!Finish()) {
+    return false;
   }
+  LogFacade::Info(m_log, "The file %s %s; it is read from its beginning.", ToText(m_path), reason);
   m_position = 0;
   m_record.SetPosition(0);
   m_record.SetFingerprint(Fingerprint::Take(*m_file));
+  return true;
 }
 
-void FollowedFile::PostLines(std::string_view bytes) {
+bool FollowedFile::PostLines(std::string_view bytes) {
   while (!bytes.empty()) {
     const std::size_t end = bytes.find('\n');
     const std::string_view line = bytes.substr(0, end);
@@ -80,38 +89,49 @@ void FollowedFile::PostLines(std::string_view bytes) {
     if (line.size() > room) {
       m_pending.append(line.substr(0, room));
       bytes.remove_prefix(room);
-      Post(m_pending, m_pending.size(), false);
-      m_pending.clear();
+      if (!PostPending(m_pending.size(), false)) {
+        return false;
+      }
       continue;
     }
     bytes.remove_prefix(line.size());
     if (end == line.npos) {
       m_pending.append(line);
-      return;
+      return true;
     }
     bytes.remove_prefix(1);
     if (m_pending.empty()) {
-      Post(line, line.size() + 1, true);
+      if (!Post(line, line.size() + 1, true)) {
+        return false;
+      }
     } else {
       m_pending.append(line);
-      Post(m_pending, m_pending.size() + 1, true);
-      m_pending.clear();
+      if (!PostPending(m_pending.size() + 1, true)) {
+        return false;
+      }
     }
   }
+  return true;
 }
 
-void FollowedFile::Post(std::string_view message, std::size_t consumed, bool lineEnd) {
-  m_poster.Post(m_header, lineEnd ? 0 : EventFlags::kNoLineEnd, m_receiveTime, message);
+bool FollowedFile::PostPending(std::size_t consumed, bool lineEnd) {
+  if (!Post(m_pending, consumed, lineEnd)) {
+    return false;
+  }
+  m_pending.clear();
+  return true;
+}
+
+bool FollowedFile::Post(std::string_view message, std::size_t consumed, bool lineEnd) {
+  if (!m_poster.Post(m_header, lineEnd ? 0 : EventFlags::kNoLineEnd, m_receiveTime, message)) {
+    return false;
+  }
   // Only now: what has not been posted is read again after a crash.
   m_position += consumed;
   m_record.SetPosition(m_position);
+  return true;
 }
 
-void FollowedFile::Finish() {
-  if (!m_pending.empty()) {
-    Post(m_pending, m_pending.size(), false);
-    m_pending.clear();
-  }
-}
+bool FollowedFile::Finish() { return m_pending.empty() || PostPending(m_pending.size(), false); }
 
 }  // namespace OrloAgent

@@ -31,23 +31,27 @@ class FollowedFile {
   bool IsLeft() const { return m_left; }
   void SetLeft(bool left, Clock::time_point now);
 
-  // Posts the lines that are complete, until there is none left or `stop` is true. A file that has
-  // become shorter, or begins with other bytes than before, is read from its beginning.
+  // Posts the lines that are complete, until there is none left, `stop` is true, or the stream does
+  // not take one: that one is the first of the next time. A file that has become shorter, or begins
+  // with other bytes than before, is read from its beginning.
   void ReadOn(std::vector<char>& buffer, const std::atomic<bool>& stop, Clock::time_point now);
 
   // How long nothing has come, and since when no path names it, whichever is shorter.
   Clock::duration GetQuiet(Clock::time_point now) const { return now - m_lastChange; }
 
-  // Posts what stands behind the last line end: there will be no line end any more.
-  void Finish();
+  // Posts what stands behind the last line end: there will be no line end any more. False if the
+  // stream did not take it.
+  bool Finish();
 
   PositionRecord& GetRecord() { return m_record; }
 
  private:
-  void LookForNewContent(std::uint64_t size);
-  void StartAgain(const char* reason);
-  void PostLines(std::string_view bytes);
-  void Post(std::string_view message, std::size_t consumed, bool lineEnd);
+  // These are false if the stream did not take an event.
+  bool LookForNewContent(std::uint64_t size);
+  bool StartAgain(const char* reason);
+  bool PostLines(std::string_view bytes);
+  bool PostPending(std::size_t consumed, bool lineEnd);
+  bool Post(std::string_view message, std::size_t consumed, bool lineEnd);
 
   const std::unique_ptr<InputFile> m_file;
   const std::filesystem::path m_path;

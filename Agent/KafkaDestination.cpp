@@ -9,8 +9,10 @@
 #include <mutex>
 #include <set>
 #include <thread>
+#include <vector>
 
 #include "Agent/EventWindow.h"
+#include "Agent/OutageReasons.h"
 #include "OrloStream/Status.h"
 #include "WindowsAgentCommon/Exceptions.h"
 #include "WindowsAgentCommon/Logging.h"
@@ -33,6 +35,14 @@ constexpr milliseconds kSlice{100};
 constexpr std::chrono::seconds kBetweenProducers{1};
 constexpr std::chrono::seconds kBetweenReports{10};
 constexpr milliseconds kLongestEnd{1'000};
+
+// What the library is given for the text of an error. It can hold several values of the settings.
+constexpr std::size_t kLongestProblem = 64 * 1024;
+
+// The library's text as it may be shown. It cuts texts itself, at sizes of its own.
+std::string Shown(const std::string& text) {
+  return WindowsAgentCommon::LoggerFactory::WithoutCutSecrets(text);
+}
 
 struct FreeProducer {
   void operator()(rd_kafka_t* producer) const { rd_kafka_destroy(producer); }
@@ -83,7 +93,7 @@ class KafkaDestination : public Destination {
   // Null while one that has failed is being replaced.
   Producer m_producer;
   bool m_broken = false;
-  bool m_down = false;
+  OutageReasons m_outage;
   steady_clock::time_point m_nextReport{};
 
   std::atomic<std::uint64_t> m_unsent{0};
@@ -101,7 +111,7 @@ KafkaDestination::KafkaDestination(const KafkaDestinationOptions& options,
       m_producer(MakeProducer()) {}
 
 Producer KafkaDestination::MakeProducer() {
-  std::array<char, 512> problem{};
+  std::vector<char> problem(kLongestProblem);
   const auto refuse = [&](const std::string& what) {
     throw WindowsAgentCommon::InitializationException("KafkaDestination",
                                                       "OrloAgent::KafkaDestination::MakeProducer",
@@ -145,12 +155,12 @@ Producer KafkaDestination::MakeProducer() {
   rd_kafka_conf_set_log_cb(
       settings.get(), [](const rd_kafka_t* producer, int, const char* facility, const char* text) {
         const auto* const self = static_cast<const KafkaDestination*>(rd_kafka_opaque(producer));
-        LogFacade::Debug(self->m_log, "%s: %s", std::string(facility), std::string(text));
+        LogFacade::Debug(self->m_log, "%s: %s", std::string(facility), Shown(text));
       });
   Producer producer(
       rd_kafka_new(RD_KAFKA_PRODUCER, settings.get(), problem.data(), problem.size()));
   if (!producer) {
-    refuse(std::string("the settings don't fit together (") + problem.data() + ")");
+    refuse("the settings don't fit together (" + Shown(problem.data()) + ")");
   }
   settings.release();  // the producer's now
   return producer;
@@ -293,8 +303,8 @@ void KafkaDestination::OnDelivery(const rd_kafka_message_t& message) {
   const std::lock_guard lock(m_lock);
   if (message.err == RD_KAFKA_RESP_ERR_NO_ERROR) {
     m_window.Acknowledge(number);
-    if (m_down) {
-      m_down = false;
+    if (m_outage.HasBegun()) {
+      m_outage.End();
       LogFacade::Info(m_log, "The cluster acknowledges events again.");
     }
   } else if (message.err == RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE) {
@@ -306,7 +316,7 @@ void KafkaDestination::OnDelivery(const rd_kafka_message_t& message) {
     const auto now = steady_clock::now();
     if (!m_broken && !m_stop && now >= m_nextReport) {
       m_nextReport = now + kBetweenReports;
-      m_down = true;
+      m_outage.IsNews(rd_kafka_err2name(message.err), now);
       LogFacade::Warn(m_log,
                       "The cluster does not take an event (%s); %d that are not acknowledged are "
                       "sent again.",
@@ -326,10 +336,18 @@ void KafkaDestination::OnError(rd_kafka_resp_err_t error, const std::string& rea
   const bool matters = error == RD_KAFKA_RESP_ERR__ALL_BROKERS_DOWN ||
                        error == RD_KAFKA_RESP_ERR__AUTHENTICATION ||
                        error == RD_KAFKA_RESP_ERR__SSL || error == RD_KAFKA_RESP_ERR__RESOLVE;
-  if (matters && !m_down) {
-    m_down = true;
+  const bool isFirst = !m_outage.HasBegun();
+  // By the code: the text holds times. That all brokers are down follows every other reason.
+  if (!matters || (!isFirst && error == RD_KAFKA_RESP_ERR__ALL_BROKERS_DOWN) ||
+      !m_outage.IsNews(rd_kafka_err2name(error), steady_clock::now())) {
+    return;
+  }
+  if (isFirst) {
     LogFacade::Warn(m_log, "%s can't be reached (%s); events wait until it can.", m_options.brokers,
-                    reason);
+                    Shown(reason));
+  } else {
+    LogFacade::Warn(m_log, "%s still can't be reached, now for another reason (%s).",
+                    m_options.brokers, Shown(reason));
   }
 }
 

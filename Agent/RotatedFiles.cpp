@@ -134,7 +134,7 @@ void RotatedFiles::Close(std::error_code& error) {
     return;
   }
   m_newest = time;
-  LogFacade::Info(m_log, "The file %s is now %s.", ToText(m_file), ToText(name.filename()));
+  LogFacade::Info(m_log, "The file %s is now %s.", ToText(m_file), ToText(name));
   {
     const std::lock_guard guard(m_lock);
     m_work = true;

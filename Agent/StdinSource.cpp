@@ -55,6 +55,7 @@ void StdinSource::End() {
   if (m_thread.joinable()) {
     m_input->Interrupt();
     m_thread.join();
+    m_poster->Finish();
     LogFacade::Info(m_log, "The standard input gave %d events.", GetPosted());
   }
 }

@@ -142,6 +142,7 @@ void SyslogSource::Server::Stop() {
   }
   boost::asio::post(m_context, [this] { BeginEnd(); });
   m_thread.join();
+  m_poster.Finish();
   m_port = 0;
   const SyslogSourceCounts counts = GetCounts();
   LogFacade::Info(m_log,

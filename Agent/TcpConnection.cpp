@@ -338,20 +338,27 @@ ConnectionReport::ConnectionReport(const WindowsAgentCommon::Log& log, const End
     : m_log(log), m_target(ToText(target)), m_downSince(steady_clock::now()) {}
 
 void ConnectionReport::OnUp() {
-  if (m_reportedDown) {
+  if (m_reasons.HasBegun()) {
     const auto away = std::chrono::duration<double>(steady_clock::now() - m_downSince);
     LogFacade::Info(m_log, "Connected to %s again after %.1f s.", m_target, away.count());
   } else {
     LogFacade::Info(m_log, "Connected to %s.", m_target);
   }
-  m_reportedDown = false;
+  m_reasons.End();
 }
 
 void ConnectionReport::OnDown(const std::string& reason) {
-  if (!m_reportedDown) {
-    m_reportedDown = true;
-    m_downSince = steady_clock::now();
+  const auto now = steady_clock::now();
+  const bool isFirst = !m_reasons.HasBegun();
+  if (!m_reasons.IsNews(reason, now)) {
+    return;
+  }
+  if (isFirst) {
+    m_downSince = now;
     LogFacade::Warn(m_log, "%s can't be reached (%s); events wait until it can.", m_target, reason);
+  } else {
+    LogFacade::Warn(m_log, "%s still can't be reached, now for another reason (%s).", m_target,
+                    reason);
   }
 }
 

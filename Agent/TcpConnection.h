@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Agent/Options.h"
+#include "Agent/OutageReasons.h"
 #include "Agent/Tls.h"
 #include "WindowsAgentCommon/Logging.h"
 
@@ -106,7 +107,8 @@ class TcpConnection {
   bool m_woken = false;
 };
 
-// Tells the administrator, once per change, that a receiver can't be reached or is there again.
+// Tells the administrator, once per change, that a receiver can't be reached, why not if that
+// changes meanwhile, and that it is there again.
 class ConnectionReport {
  public:
   ConnectionReport(const WindowsAgentCommon::Log& log, const Endpoint& target);
@@ -118,7 +120,7 @@ class ConnectionReport {
   const WindowsAgentCommon::Log m_log;
   const std::string m_target;
   std::chrono::steady_clock::time_point m_downSince;
-  bool m_reportedDown = false;
+  OutageReasons m_reasons;
 };
 
 }  // namespace OrloAgent

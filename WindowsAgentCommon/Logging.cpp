@@ -213,6 +213,11 @@ class LoggingCore {
     return HideSecrets(text, m_secrets);
   }
 
+  std::string WithoutCutSecrets(std::string_view text) {
+    const std::lock_guard guard(m_lock);
+    return HideCutSecrets(text, m_secrets);
+  }
+
   void Write(const LoggerState& logger, LogLevel level, std::string_view message) {
     const std::string text = WithoutSecrets(message);
     const std::string line = EscapeControlCharacters(text);
@@ -273,12 +278,12 @@ class LoggingCore {
     }
   }
 
-  static void ReportFileError(const std::string& file, const std::string& error) {
+  void ReportFileError(const std::string& file, const std::string& error) {
     const Backends standardError{MakeStandardError()};
     WriteLine(
         standardError, "Code.Logging", LogLevel::Error,
-        EscapeControlCharacters(fmt::sprintf(
-            "The log file \"%s\" can't be opened: %s. Logging goes on without it.", file, error)));
+        EscapeControlCharacters(WithoutSecrets(fmt::sprintf(
+            "The log file \"%s\" can't be opened: %s. Logging goes on without it.", file, error))));
   }
 
   void CallSinks(const LoggerState& logger, LogLevel level, std::string_view text) {
@@ -359,6 +364,10 @@ void LoggerFactory::AddSecrets(const Secrets& secrets) {
 
 std::string LoggerFactory::WithoutSecrets(const std::string& text) {
   return Detail::LoggingCore::Get().WithoutSecrets(text);
+}
+
+std::string LoggerFactory::WithoutCutSecrets(const std::string& text) {
+  return Detail::LoggingCore::Get().WithoutCutSecrets(text);
 }
 
 int LoggerFactory::AddSink(LogSink sink) {

@@ -69,6 +69,10 @@ class LoggerFactory {
   // The text as a message would show it, for other places that show it.
   static std::string WithoutSecrets(const std::string& text);
 
+  // The same for a library's text, which may have been cut to a fixed size, as HideCutSecrets says.
+  // To be called before the text becomes a part of a message.
+  static std::string WithoutCutSecrets(const std::string& text);
+
   // Adds a further receiver of messages; the number removes it again. When RemoveSink returns,
   // the sink is not running and will not be called any more.
   static int AddSink(LogSink sink);

@@ -7,9 +7,9 @@ namespace WindowsAgentCommon {
 namespace {
 
 constexpr std::string_view kHidden = "(hidden)";
+constexpr std::size_t kShortWord = 4;
 
 bool IsFoundByChance(const std::string& secret) {
-  constexpr std::size_t kShortWord = 4;
   constexpr std::size_t kShortNumber = 8;
   const bool isNumber =
       std::all_of(secret.begin(), secret.end(), [](char c) { return c >= '0' && c <= '9'; });
@@ -56,6 +56,20 @@ std::string HideSecrets(std::string_view text, const Secrets& secrets) {
     }
   }
   return result;
+}
+
+std::string HideCutSecrets(std::string_view text, const Secrets& secrets) {
+  std::string result = HideSecrets(text, secrets);
+  std::size_t longest = 0;
+  for (const std::string& secret : secrets) {
+    for (std::size_t size = std::min(secret.size(), result.size() + 1); size-- > kShortWord;) {
+      if (result.ends_with(std::string_view(secret).substr(0, size))) {
+        longest = std::max(longest, size);
+        break;
+      }
+    }
+  }
+  return longest == 0 ? result : result.substr(0, result.size() - longest).append(kHidden);
 }
 
 }  // namespace WindowsAgentCommon

@@ -22,4 +22,8 @@ using Secrets = std::set<std::string, LongerFirst>;
 // other number and word.
 std::string HideSecrets(std::string_view text, const Secrets& secrets);
 
+// The same for a text that may have been cut to a fixed size: the beginning of a secret, four
+// characters or more, with which it ends is hidden, too.
+std::string HideCutSecrets(std::string_view text, const Secrets& secrets);
+
 }  // namespace WindowsAgentCommon

@@ -20,6 +20,9 @@ class StreamPulseTest : public testing::Test {
 };
 
 TEST_F(StreamPulseTest, AStreamWithNothingToDoIsWell) {
+  EXPECT_EQ(LookAfter(seconds(0)), State::Well);
+  EXPECT_EQ(LookAfter(seconds(100)), State::Well) << "before its first event";
+  m_report.posted = m_report.accepted = m_report.sent = 7;
   for (int look = 0; look < 5; ++look) {
     EXPECT_EQ(LookAfter(seconds(100)), State::Well);
   }

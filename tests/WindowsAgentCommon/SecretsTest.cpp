@@ -30,6 +30,17 @@ TEST(Secrets, ThatWouldBeFoundByChanceAreHiddenWhereTheyStandAlone) {
   EXPECT_EQ(HideSecrets("x12345678", secrets), "x(hidden)");
 }
 
+TEST(Secrets, OfATextThatWasCutAreHiddenInPart) {
+  const Secrets secrets{"hunter2-password", "other"};
+  EXPECT_EQ(HideCutSecrets("it was hunter2-password", secrets), "it was (hidden)");
+  EXPECT_EQ(HideCutSecrets("it was hunter2-pass", secrets), "it was (hidden)");
+  EXPECT_EQ(HideCutSecrets("other hunt", secrets), "(hidden) (hidden)");
+  EXPECT_EQ(HideCutSecrets("it was hun", secrets), "it was hun") << "as likely another word";
+  EXPECT_EQ(HideCutSecrets("hunt it", secrets), "hunt it") << "nothing was cut here";
+  EXPECT_EQ(HideCutSecrets("hunter2", secrets), "(hidden)");
+  EXPECT_EQ(HideCutSecrets("", secrets), "");
+}
+
 TEST(Secrets, AreHiddenInMessages) {
   TestSupport::LogCapture log;
   LoggerFactory::AddSecrets({"SeCrEt of the messages"});

@@ -140,6 +140,59 @@ class Secrets(support.AgentTest):
         self.assertIn('Invalid value "(hidden)" for DataChunkPeriod', text)
         self.assertIn("destination.target: (hidden) is not a usable address", text)
 
+    def test_a_log_file_that_cannot_be_opened_is_not_shown(self):
+        config = self.configure(self.stream(support.SYSLOG_SOURCE, "{ type: file, path: out.log }"))
+        config.write_text(config.read_text().replace(
+            "log: {", 'log: { file: "agent.yaml/${ORLO_TEST_SECRET}", '))
+        text = self.run_and_stop(config, "Listening on")
+        self.assertIn('The log file "(hidden)" can\'t be opened', text)
+
+    def test_an_address_is_hidden_in_every_form_that_messages_give_it(self):
+        os.environ["ORLO_TEST_LISTEN"] = "tcp://[0:0:0:0:0:0:0:01]:00000"
+        os.environ["ORLO_TEST_TARGET"] = f"tcp://{SECRET}.invalid:00514"
+        config = self.configure(self.stream(
+            '{ type: syslog, listen: "${ORLO_TEST_LISTEN}", receive_buffer: 4KiB }',
+            '{ type: syslog, target: "${ORLO_TEST_TARGET}" }'))
+        code, text = self.check(config)
+        self.assertEqual(code, 1)
+        self.assertIn("receive_buffer: has no meaning for (hidden)", text)
+        self.assertNotIn("0:0:0:01", text)
+        config.write_text(config.read_text().replace(", receive_buffer: 4KiB", ""))
+        agent = self.start(config)
+        agent.wait_for(r"Listening on")
+        self.assertEqual(agent.stop(), 0)
+        text = self.expect_hidden("\n".join(agent.lines))
+        self.assertNotIn("0:0:0:01", text)
+
+    def test_brokers_and_directories_are_hidden_in_every_form(self):
+        os.environ["ORLO_TEST_BROKERS"] = f"PLAINTEXT://{SECRET}.invalid:09092"
+        os.environ["ORLO_TEST_DATA"] = f"./{SECRET}-data/"
+        config = self.configure(self.stream(
+            support.SYSLOG_SOURCE,
+            '{ type: kafka, brokers: "${ORLO_TEST_BROKERS}", topic: t }'))
+        config.write_text(config.read_text().replace(
+            "data_directory: ./data", 'data_directory: "${ORLO_TEST_DATA}"').replace(
+            "log: {", "log: { level: debug, "))
+        agent = self.start(config)
+        agent.wait_for(r"Warn Code\.KafkaDestination.* can't be reached")
+        # A second agent in the directory is refused with its name.
+        text = self.run_and_stop(config, code=1)
+        self.assertIn("(hidden)", text)
+        self.assertEqual(agent.stop(), 0)
+        text = self.expect_hidden("\n".join(agent.lines))
+        self.assertNotIn(SECRET.lower(), text.lower())
+
+    def test_a_librarys_long_text_does_not_show_a_secret_that_it_cuts(self):
+        for size in (400, 470, 600, 5000):
+            os.environ["ORLO_TEST_LONG"] = "x" * size + SECRET
+            config = self.configure(self.stream(
+                support.SYSLOG_SOURCE,
+                '{ type: kafka, brokers: "127.0.0.1:9", topic: t, properties: { security.protocol: '
+                'sasl_plaintext, sasl.mechanisms: "${ORLO_TEST_LONG}" } }'))
+            text = self.run_and_stop(config, code=1)
+            self.assertIn("Unsupported SASL mechanism: (hidden)", text)
+            self.assertNotIn("xxxx", text)
+
     def test_the_log_file_shows_no_more_than_standard_error(self):
         config = self.configure(self.stream(
             support.SYSLOG_SOURCE, "{ type: file, path: out.log }",

@@ -1,0 +1,55 @@
+#include "Agent/OutageReasons.h"
+
+#include <gtest/gtest.h>
+
+namespace OrloAgent {
+
+using std::chrono::minutes;
+using std::chrono::seconds;
+
+class OutageReasonsTest : public testing::Test {
+ protected:
+  bool IsNews(const std::string& reason, seconds after = seconds(1)) {
+    m_now += after;
+    return m_reasons.IsNews(reason, m_now);
+  }
+
+  OutageReasons m_reasons;
+  OutageReasons::Clock::time_point m_now{};
+};
+
+TEST_F(OutageReasonsTest, EachChangeIsToldOnce) {
+  EXPECT_FALSE(m_reasons.HasBegun());
+  EXPECT_TRUE(IsNews("refused"));
+  EXPECT_TRUE(m_reasons.HasBegun());
+  EXPECT_FALSE(IsNews("refused"));
+  EXPECT_FALSE(IsNews("refused", minutes(100))) << "nothing has changed";
+  EXPECT_TRUE(IsNews("expired"));
+  EXPECT_FALSE(IsNews("expired"));
+}
+
+TEST_F(OutageReasonsTest, ReasonsThatTakeTurnsAreToldOnceInAWhile) {
+  int told = 0;
+  for (int i = 0; i < 20 * 60 / 2; ++i) {
+    told += IsNews("refused") ? 1 : 0;
+    told += IsNews("timed out") ? 1 : 0;
+  }
+  EXPECT_EQ(told, 4) << "both, twice in twenty minutes";
+}
+
+TEST_F(OutageReasonsTest, AReceiverThatAlwaysHasAnotherExcuseDoesNotFillTheLog) {
+  int told = 0;
+  for (int i = 0; i < 600; ++i) {
+    told += IsNews("excuse " + std::to_string(i)) ? 1 : 0;
+  }
+  EXPECT_EQ(told, 10);
+}
+
+TEST_F(OutageReasonsTest, TheNextOutageBeginsAnew) {
+  EXPECT_TRUE(IsNews("refused"));
+  m_reasons.End();
+  EXPECT_FALSE(m_reasons.HasBegun());
+  EXPECT_TRUE(IsNews("refused"));
+}
+
+}  // namespace OrloAgent
