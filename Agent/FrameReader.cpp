@@ -13,15 +13,24 @@ constexpr std::size_t kPartialToKeep = 4096;
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 
+// The first bytes of a client that asks for TLS: a handshake record of version 3.0 to 3.4.
+constexpr std::size_t kGreeting = 3;
+
+bool MayBeTls(std::string_view begin) {
+  return begin[0] == 0x16 && (begin.size() < 2 || begin[1] == 0x03) &&
+         (begin.size() < 3 || static_cast<unsigned char>(begin[2]) <= 4);
+}
+
 }  // namespace
 
 bool FrameReader::Feed(std::string_view bytes, IFrameSink& sink) {
   while (!bytes.empty()) {
     switch (m_state) {
       case State::Start:
-        m_state = m_options.framing == FrameReaderOptions::Framing::Detect && IsDigit(bytes.front())
-                      ? State::Length
-                      : State::Line;
+        bytes = TakeStart(bytes);
+        break;
+      case State::Greeting:
+        bytes = TakeGreeting(bytes);
         break;
       case State::Line:
         bytes = TakeLine(bytes, sink);
@@ -42,14 +51,39 @@ bool FrameReader::Feed(std::string_view bytes, IFrameSink& sink) {
         bytes = PassOver(bytes);
         break;
       case State::Malformed:
+      case State::Tls:
         return false;
     }
   }
-  return m_state != State::Malformed;
+  return m_state != State::Malformed && m_state != State::Tls;
+}
+
+std::string_view FrameReader::TakeStart(std::string_view bytes) {
+  const bool isLine = m_options.framing == FrameReaderOptions::Framing::Newline;
+  if (m_options.framing == FrameReaderOptions::Framing::DetectPlain &&
+      MayBeTls(bytes.substr(0, 1))) {
+    m_state = State::Greeting;
+  } else {
+    m_state = !isLine && IsDigit(bytes.front()) ? State::Length : State::Line;
+  }
+  return bytes;
+}
+
+std::string_view FrameReader::TakeGreeting(std::string_view bytes) {
+  if (!MayBeTls(m_partial + bytes.front())) {
+    m_state = State::Line;
+    return bytes;
+  }
+  m_partial += bytes.front();
+  if (m_partial.size() == kGreeting) {
+    m_partial.clear();
+    m_state = State::Tls;
+  }
+  return bytes.substr(1);
 }
 
 bool FrameReader::Finish(IFrameSink& sink) {
-  if (m_state == State::Line && !m_partial.empty()) {
+  if ((m_state == State::Line || m_state == State::Greeting) && !m_partial.empty()) {
     Deliver({}, false, false, sink);
   }
   const bool truncated = m_state == State::Body || (m_state == State::Length && m_digits > 0);

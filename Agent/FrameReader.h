@@ -26,6 +26,8 @@ struct FrameReaderOptions {
   enum class Framing {
     // The first byte of the stream decides: a digit means octet counting, anything else lines.
     Detect,
+    // The same, but a stream that begins as a TLS connection does is refused.
+    DetectPlain,
     Newline
   };
   enum class TooLong {
@@ -36,7 +38,8 @@ struct FrameReaderOptions {
     Split
   };
 
-  // The limit of one message, in bytes, and of what the reader ever holds in memory.
+  // The limit of one message, in bytes, and of what the reader ever holds in memory. At least 3
+  // where TLS is refused.
   std::size_t maxSize = 64 * 1024;
   Framing framing = Framing::Detect;
   TooLong tooLong = TooLong::Cut;
@@ -52,16 +55,22 @@ class FrameReader {
   explicit FrameReader(const FrameReaderOptions& options) : m_options(options) {}
 
   // Delivers every message that the bytes complete. False: a length can't be read, so nothing
-  // after it can be told apart; the messages before it were delivered, and further calls deliver
-  // nothing and give false again.
+  // after it can be told apart, or the stream is refused; the messages before it were delivered,
+  // and further calls deliver nothing and give false again.
   bool Feed(std::string_view bytes, IFrameSink& sink);
 
   // The stream has ended. A line without its end is delivered (with lineEnd false); an
   // octet-counted message that is not complete is dropped, and then the result is false.
   bool Finish(IFrameSink& sink);
 
+  // Whether the stream was refused because it begins as a TLS connection does.
+  bool IsTls() const { return m_state == State::Tls; }
+
  private:
-  enum class State { Start, Line, RestOfLine, Length, Body, RestOfBody, Malformed };
+  enum class State { Start, Greeting, Line, RestOfLine, Length, Body, RestOfBody, Malformed, Tls };
+
+  std::string_view TakeStart(std::string_view bytes);
+  std::string_view TakeGreeting(std::string_view bytes);
 
   std::string_view TakeLine(std::string_view bytes, IFrameSink& sink);
   std::string_view TakeLength(std::string_view bytes, IFrameSink& sink);

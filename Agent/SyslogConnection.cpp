@@ -138,13 +138,24 @@ SyslogConnection::ReadResult SyslogConnection::ReadOnce(std::size_t& size) {
   m_receiveTime = GetReceiveTime();
   m_lastActivity = std::chrono::steady_clock::now();
   if (!m_reader.Feed({m_context.readBuffer.data(), size}, *this)) {
-    CountOne(m_context.malformed);
-    LogFacade::Warn(m_context.log,
-                    "%s sent a message length that can't be read; the connection is closed.",
-                    m_peer);
+    OnUnreadable();
     return ReadResult::Ended;
   }
   return ReadResult::Data;
+}
+
+void SyslogConnection::OnUnreadable() {
+  if (m_reader.IsTls()) {
+    CountOne(m_context.unexpectedTls);
+    LogFacade::Warn(m_context.log,
+                    "%s speaks TLS, which this port does not; the connection is closed. A source "
+                    "for TLS listens on tls://.",
+                    m_peer);
+    return;
+  }
+  CountOne(m_context.malformed);
+  LogFacade::Warn(m_context.log,
+                  "%s sent a message length that can't be read; the connection is closed.", m_peer);
 }
 
 void SyslogConnection::Drain() {

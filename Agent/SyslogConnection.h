@@ -25,6 +25,7 @@ struct SyslogConnectionContext {
   std::atomic<std::uint64_t> cut{0};
   std::atomic<std::uint64_t> truncated{0};
   std::atomic<std::uint64_t> malformed{0};
+  std::atomic<std::uint64_t> unexpectedTls{0};
   std::atomic<std::uint64_t> failedHandshakes{0};
 };
 
@@ -64,6 +65,7 @@ class SyslogConnection : public std::enable_shared_from_this<SyslogConnection>, 
   ReadResult ReadPlain(std::size_t& size);
   ReadResult ReadSecured(std::size_t& size);
   ReadResult ContinueHandshake();
+  void OnUnreadable();
   void OnHandshakeFailed(const std::string& reason);
   void OnFrame(const Frame& frame) override;
 

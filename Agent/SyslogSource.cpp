@@ -31,7 +31,9 @@ constexpr std::chrono::milliseconds kQuiet{50};
 constexpr std::chrono::seconds kLongestEnd{1};
 
 FrameReaderOptions MakeFraming(const SyslogSourceOptions& options) {
-  return {options.maxEventSize, FrameReaderOptions::Framing::Detect,
+  return {options.maxEventSize,
+          options.listen.transport == Transport::Tls ? FrameReaderOptions::Framing::Detect
+                                                     : FrameReaderOptions::Framing::DetectPlain,
           FrameReaderOptions::TooLong::Cut};
 }
 
@@ -46,7 +48,7 @@ class SyslogSource::Server {
         m_log(WindowsAgentCommon::LoggerFactory::GetLog("Code.SyslogSource." + streamName)),
         m_counts(counts),
         m_poster(gate, counts, m_log),
-        m_shared{m_poster, m_log, MakeFraming(options), std::vector<char>(kReadSize), 0, {}, {},
+        m_shared{m_poster, m_log, MakeFraming(options), std::vector<char>(kReadSize), 0, {}, {}, {},
                  {},       {}} {}
 
   ~Server() { Stop(); }
@@ -153,6 +155,10 @@ void SyslogSource::Server::Stop() {
   if (m_tls) {
     LogFacade::Info(m_log, "%d connections were not secured.", counts.failedHandshakes);
   }
+  if (counts.unexpectedTls > 0) {
+    LogFacade::Info(m_log, "%d connections spoke TLS, which this port does not.",
+                    counts.unexpectedTls);
+  }
 }
 
 SyslogSourceCounts SyslogSource::Server::GetCounts() const {
@@ -162,6 +168,7 @@ SyslogSourceCounts SyslogSource::Server::GetCounts() const {
           m_shared.cut.load(),
           m_shared.truncated.load(),
           m_shared.malformed.load(),
+          m_shared.unexpectedTls.load(),
           m_shared.failedHandshakes.load()};
 }
 
@@ -354,6 +361,8 @@ std::vector<EndCounter> SyslogSource::GetCounters() const {
        counts.refusedConnections},
       {"connections_malformed", "Connections closed because a length could not be read",
        counts.malformed},
+      {"connections_unexpected_tls",
+       "Connections closed because they spoke TLS to a port without it", counts.unexpectedTls},
       {"handshakes_failed", "Connections closed because they were not secured as demanded",
        counts.failedHandshakes},
   };

@@ -19,6 +19,8 @@ struct SyslogSourceCounts {
   std::uint64_t truncated = 0;
   // Connections closed because a length could not be read.
   std::uint64_t malformed = 0;
+  // Connections closed because they spoke TLS to a port without it.
+  std::uint64_t unexpectedTls = 0;
   // Connections closed because they were not secured as the options demand.
   std::uint64_t failedHandshakes = 0;
 };

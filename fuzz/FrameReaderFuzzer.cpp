@@ -154,6 +154,23 @@ Outcome ExpectLines(std::string_view stream, const FrameReaderOptions& options) 
   return outcome;
 }
 
+// Three bytes that only a client of TLS begins with.
+bool IsTls(std::string_view stream) {
+  return stream.size() >= 3 && stream.starts_with("\x16\x03") &&
+         static_cast<unsigned char>(stream[2]) <= 4;
+}
+
+Outcome Expect(std::string_view stream, const FrameReaderOptions& options) {
+  if (options.framing == Framing::DetectPlain && IsTls(stream)) {
+    Outcome refused;
+    refused.isReadable = false;
+    return refused;
+  }
+  const bool isCounted =
+      options.framing != Framing::Newline && !stream.empty() && IsDigit(stream.front());
+  return isCounted ? ExpectCounted(stream, options) : ExpectLines(stream, options);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -162,17 +179,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     return 0;
   }
   FrameReaderOptions options;
-  options.framing = (data[0] & 1) != 0 ? Framing::Newline : Framing::Detect;
+  options.framing = (data[0] & 1) != 0   ? Framing::Newline
+                    : (data[0] & 4) != 0 ? Framing::DetectPlain
+                                         : Framing::Detect;
   options.tooLong = (data[0] & 2) != 0 ? TooLong::Split : TooLong::Cut;
-  options.maxSize = data[1] + std::size_t{1};
+  // The beginning of a stream that may be refused is kept as a whole.
+  options.maxSize = data[1] + std::size_t{options.framing == Framing::DetectPlain ? 3u : 1u};
   const std::string_view stream(reinterpret_cast<const char*>(data) + kOptionBytes,
                                 size - kOptionBytes);
   largestAllocation = 0;
 
-  const bool isCounted =
-      options.framing == Framing::Detect && !stream.empty() && IsDigit(stream.front());
-  const Outcome expected =
-      isCounted ? ExpectCounted(stream, options) : ExpectLines(stream, options);
+  const Outcome expected = Expect(stream, options);
   Require(Read(stream, options, 0) == expected, "a stream in one piece gives its messages");
   Require(Read(stream, options, 1 + data[2]) == expected,
           "a stream in any pieces gives the same messages");

@@ -67,6 +67,8 @@ void PrintTo(const Case& one, std::ostream* out) { *out << one.name; }
 
 FrameReaderOptions Limit(std::size_t size) { return {size, {}, {}}; }
 
+FrameReaderOptions Plain() { return {64, FrameReaderOptions::Framing::DetectPlain, {}}; }
+
 FrameReaderOptions Lines(std::size_t size) {
   return {size, FrameReaderOptions::Framing::Newline, FrameReaderOptions::TooLong::Split};
 }
@@ -105,6 +107,15 @@ std::vector<Case> Cases() {
        {{{"abcd", true, true}}},
        Limit(4)},
       {"DigitsAreTextWhereOnlyLinesAreRead", "5 hello\n7\n", {{{"5 hello"}, {"7"}}}, Lines(64)},
+      {"TlsIsRefused", "\x16\x03\x01\x02\0\x01\n7 <13>six"s, {{}, false}, Plain()},
+      {"TlsOfTheNewestVersionIsRefused", "\x16\x03\x04"s, {{}, false}, Plain()},
+      {"TlsOfTheOldestVersionIsRefused", "\x16\x03\0\n"s, {{}, false}, Plain()},
+      {"AlmostTlsIsALine", "\x16\x03\x05\nb\n", {{{"\x16\x03\x05"}, {"b"}}}, Plain()},
+      {"ALineThatBeginsAsTlsDoes", "\x16\nb\n", {{{"\x16"}, {"b"}}}, Plain()},
+      {"TooShortToBeTls", "\x16\x03", {{{"\x16\x03", false, false}}}, Plain()},
+      {"TlsInTheMiddleIsText", "a\n\x16\x03\x01\n", {{{"a"}, {"\x16\x03\x01"}}}, Plain()},
+      {"OctetCountingWhereTlsIsRefused", "3 \x16\x03\x01", {{{"\x16\x03\x01"}}}, Plain()},
+      {"TlsIsTextWhereItIsNotLookedFor", "\x16\x03\x01\n", {{{"\x16\x03\x01"}}}, Lines(64)},
       {"LongLineInPieces",
        "abcdefghij\nk\n",
        {{{"abcd", false, false}, {"efgh", false, false}, {"ij"}, {"k"}}},

@@ -138,6 +138,28 @@ TEST_F(SyslogSourceTest, AnIpv6AddressIsListenedOn) {
   EXPECT_EQ(OrloAgent::ParseEventHeader(m_collected.heads.front())->DescribeSource(), "tcp:[::1]");
 }
 
+TEST_F(SyslogSourceTest, AClientThatSpeaksTlsToAPlainPortIsRefusedCountedAndNamed) {
+  TestSupport::LogCapture log;
+  Start();
+  tcp::socket other = Connect();
+  Send(other, "before\n");
+  tcp::socket socket = Connect();
+  const std::string name = "127.0.0.1:" + std::to_string(socket.local_endpoint().port());
+  // In two pieces, as a slow network delivers it.
+  Send(socket, "\x16\x03"s);
+  ASSERT_TRUE(Arrive({"before"}));
+  Send(socket, "\x01\x00\n\n"s);
+  EXPECT_TRUE(IsClosedByPeer(socket));
+  Send(other, "after\n");
+  EXPECT_TRUE(Arrive({"before", "after"}));
+  EXPECT_EQ(m_source->GetCounts().unexpectedTls, 1u);
+  EXPECT_EQ(m_source->GetCounts().malformed, 0u);
+  EXPECT_EQ(
+      log.Count(LogLevel::Warn, name + " speaks TLS, which this port does not; the connection "
+                                       "is closed. A source for TLS listens on tls://."),
+      1u);
+}
+
 TEST_F(SyslogSourceTest, AMessageThatIsTooLongIsCutCountedAndReportedOncePerConnection) {
   TestSupport::LogCapture log;
   SyslogSourceOptions options;
