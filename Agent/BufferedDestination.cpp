@@ -51,6 +51,14 @@ void BufferedDestination::Initialize(const WindowsAgentCommon::EnvironmentBlock&
 
 void BufferedDestination::Stop() { m_writer.Stop(); }
 
+std::vector<EndCounter> BufferedDestination::GetCounters() const {
+  std::vector<EndCounter> counters = Destination::GetCounters();
+  for (const EndCounter& counter : m_writer.GetCounters()) {
+    counters.push_back(counter);
+  }
+  return counters;
+}
+
 int BufferedDestination::put(ACE_Message_Block* block, ACE_Time_Value*) {
   const WindowsAgentCommon::MessageBlockPtr event(block);
   const ACE_Message_Block* const payload = event->cont();

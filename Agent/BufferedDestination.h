@@ -35,6 +35,8 @@ class BufferedDestination : public Destination {
 
   void Refuse() override { m_writer.Refuse(); }
   std::uint64_t GetUnsentEvents() const override { return m_writer.GetUnsentFrames(); }
+  std::uint64_t GetSentEvents() const override { return m_writer.GetSentFrames(); }
+  std::vector<EndCounter> GetCounters() const override;
 
  private:
   const OutputFraming m_framing;

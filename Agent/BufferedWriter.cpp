@@ -35,6 +35,7 @@ bool BufferedWriter::Append(const std::string_view* parts, std::size_t count) {
     return false;
   }
   if (size == 0) {
+    ++m_sent;
     return true;
   }
   if ((!m_ready && !Prepare()) || !MakeRoom(size)) {
@@ -86,13 +87,22 @@ BufferedWriter::Progress BufferedWriter::WriteOnce(milliseconds patience) {
     return Progress::NotReady;
   }
   const IChannel::WriteResult result = m_channel->Write(m_buffer.GetUnsent(), patience);
+  const std::size_t before = m_buffer.GetUnsentFrames();
   m_buffer.MarkSent(result.written);
+  m_sent += before - m_buffer.GetUnsentFrames();
+  m_bytes += result.written;
   m_unsent.store(m_buffer.GetUnsentFrames(), std::memory_order_release);
   if (result.broken) {
     m_ready = false;
     return Progress::NotReady;
   }
   return result.written > 0 ? Progress::Some : Progress::Nothing;
+}
+
+std::vector<EndCounter> BufferedWriter::GetCounters() const {
+  std::vector<EndCounter> counters = m_channel->GetCounters();
+  counters.push_back({"bytes", "Bytes that were written", m_bytes});
+  return counters;
 }
 
 void BufferedWriter::RunFlusher() {

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 #include "Agent/Channel.h"
 #include "Agent/FrameBuffer.h"
@@ -64,6 +65,12 @@ class BufferedWriter {
   // Accepted frames that have not left completely.
   std::uint64_t GetUnsentFrames() const { return m_unsent.load(std::memory_order_acquire); }
 
+  // Accepted frames that have left completely.
+  std::uint64_t GetSentFrames() const { return m_sent.load(std::memory_order_relaxed); }
+
+  // What has been written, and what the channel has counted.
+  std::vector<EndCounter> GetCounters() const;
+
  private:
   enum class Progress { Nothing, Some, NotReady };
 
@@ -75,11 +82,14 @@ class BufferedWriter {
   const BufferedWriterOptions m_options;
   std::atomic<bool> m_refusing{false};
   std::atomic<std::uint64_t> m_unsent{0};
+  std::atomic<std::uint64_t> m_sent{0};
+  std::atomic<std::uint64_t> m_bytes{0};
+  // Used under m_lock, but for its counters.
+  const std::unique_ptr<IChannel> m_channel;
 
   std::mutex m_lock;
   std::condition_variable m_notEmpty;
   // Guarded by m_lock.
-  std::unique_ptr<IChannel> m_channel;
   FrameBuffer m_buffer;
   bool m_ready = false;
   bool m_stopping = false;

@@ -3,6 +3,9 @@
 #include <chrono>
 #include <cstddef>
 #include <string_view>
+#include <vector>
+
+#include "Agent/EndCounter.h"
 
 namespace OrloAgent {
 
@@ -40,6 +43,9 @@ class IChannel {
 
   // No more is written. What was written is on its way to its place.
   virtual void Close() = 0;
+
+  // What it has counted. Any thread, without the writer's lock.
+  virtual std::vector<EndCounter> GetCounters() const { return {}; }
 };
 
 }  // namespace OrloAgent

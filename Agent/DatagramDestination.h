@@ -31,6 +31,7 @@ class DatagramDestination : public Destination {
 
   // What the system has taken has left.
   std::uint64_t GetUnsentEvents() const override { return 0; }
+  std::uint64_t GetSentEvents() const override { return m_sent; }
 
   std::vector<EndCounter> GetCounters() const override;
 

@@ -30,6 +30,11 @@ std::unique_ptr<Destination> MakeSyslogDestination(const SyslogDestinationOption
 
 }  // namespace
 
+std::vector<EndCounter> Destination::GetCounters() const {
+  return {{"events", "Events that were written, or acknowledged where receivers acknowledge",
+           GetSentEvents()}};
+}
+
 std::unique_ptr<Destination> MakeDestinationOfStream(const StreamOptions& stream) {
   auto first = MakeDestination(stream.destination, stream.name);
   if (!stream.fallback) {

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,7 +14,7 @@
 namespace OrloAgent {
 
 // The end of a stream. put is called by the stage's sending thread; everything else by the control
-// thread, but for the three that ask something, which any thread may call.
+// thread, but for what asks something, which any thread may call.
 //
 // put takes over the block in any case. 0: the event is taken. 0x40000000: it can't be taken now
 // and is forgotten; it must be offered again before any other.
@@ -24,11 +26,25 @@ class Destination : public WindowsAgentCommon::OrloTask {
   // Events that were taken and have not left yet.
   virtual std::uint64_t GetUnsentEvents() const = 0;
 
+  // Events that have left for good: what its receiver has acknowledged, or, where receivers
+  // acknowledge nothing, what the system has taken. Never goes down.
+  virtual std::uint64_t GetSentEvents() const = 0;
+
   // Events that were taken and can never be sent.
   virtual std::uint64_t GetLostEvents() const { return 0; }
 
-  // What else it has counted. Any thread.
-  virtual std::vector<EndCounter> GetCounters() const { return {}; }
+  // What it has counted since it was made. Any thread.
+  virtual std::vector<EndCounter> GetCounters() const;
+
+  // The two that a destination with a fallback is made of. They live as long as it does.
+  struct Parts {
+    const Destination& first;
+    const Destination& fallback;
+    // Since when the fallback gets the events; nothing while the first does.
+    std::optional<std::chrono::system_clock::time_point> usedSince;
+  };
+  // Nothing where there is no fallback. Any thread.
+  virtual std::optional<Parts> GetParts() const { return std::nullopt; }
 };
 
 // The stream's destination, with its fallback if it has one. Throws as MakeDestination.

@@ -20,6 +20,7 @@ constexpr std::chrono::seconds kLongestWait{5};
 
 // Waits are cut into slices so that Refuse is seen.
 constexpr std::chrono::milliseconds kSlice{100};
+constexpr std::chrono::milliseconds kShortSlice{1};
 
 }  // namespace
 
@@ -65,9 +66,19 @@ std::uint64_t FallbackDestination::GetLostEvents() const {
 }
 
 std::vector<EndCounter> FallbackDestination::GetCounters() const {
-  std::vector<EndCounter> counters = m_first->GetCounters();
-  counters.push_back({"events_to_fallback", "Events that the fallback has taken", m_takenBySecond});
-  return counters;
+  return {{"events_to_fallback", "Events that the fallback has taken", m_takenBySecond}};
+}
+
+std::uint64_t FallbackDestination::GetSentEvents() const {
+  return m_first->GetSentEvents() + m_second->GetSentEvents();
+}
+
+std::optional<Destination::Parts> FallbackDestination::GetParts() const {
+  Parts parts{*m_first, *m_second, std::nullopt};
+  if (const auto since = m_usedSince.load(); since != 0) {
+    parts.usedSince.emplace(std::chrono::system_clock::duration(since));
+  }
+  return parts;
 }
 
 int FallbackDestination::put(ACE_Message_Block* block, ACE_Time_Value*) {
@@ -104,7 +115,9 @@ bool FallbackDestination::PutWhileGivenUp(const ACE_Message_Block& event) {
   }
   if (m_first->GetUnsentEvents() == 0 && Clock::now() >= m_nextTry) {
     if (OfferToFirst(event)) {
-      HandBack();
+      if (WaitForFirst()) {
+        HandBack();
+      }
       return true;
     }
     // Counted from the end of the attempt, which can take long.
@@ -116,7 +129,6 @@ bool FallbackDestination::PutWhileGivenUp(const ACE_Message_Block& event) {
 bool FallbackDestination::OfferToFirst(const ACE_Message_Block& event) {
   const bool wasRefused = m_refused;
   m_refused = m_first->put(event.duplicate()) != 0;
-  m_taken += m_refused ? 0 : 1;
   if (!m_waiting || (wasRefused && !m_refused)) {
     m_waiting = Clock::now();
   }
@@ -130,9 +142,22 @@ bool FallbackDestination::OfferToSecond(const ACE_Message_Block& event) {
   return taken;
 }
 
+// Whether it sends what it has just taken. A destination that does so does it at once; otherwise
+// its next sign is waited for elsewhere.
+bool FallbackDestination::WaitForFirst() {
+  const auto end = Clock::now() + std::min<Clock::duration>(kLongestWait, m_options.retry);
+  while (!LookAtFirst()) {
+    if (m_refusing || Clock::now() >= end) {
+      return false;
+    }
+    std::this_thread::sleep_for(kShortSlice);
+  }
+  return true;
+}
+
 bool FallbackDestination::LookAtFirst() {
   const std::uint64_t unsent = m_first->GetUnsentEvents();
-  const std::uint64_t left = m_taken - std::min(m_taken, unsent);
+  const std::uint64_t left = m_first->GetSentEvents();
   const bool hasSent = left > m_left;
   m_left = left;
   if (unsent == 0 && !m_refused) {
@@ -149,6 +174,7 @@ bool FallbackDestination::IsGivenUp() const {
 
 void FallbackDestination::TakeOver() {
   m_secondIsUsed = true;
+  m_usedSince = std::chrono::system_clock::now().time_since_epoch().count();
   m_sentToSecond = 0;
   m_takenOver = Clock::now();
   m_nextTry = m_takenOver + m_options.retry;
@@ -161,6 +187,7 @@ void FallbackDestination::TakeOver() {
 
 void FallbackDestination::HandBack() {
   m_secondIsUsed = false;
+  m_usedSince = 0;
   m_waiting = Clock::now();
   const auto away = std::chrono::duration<double>(*m_waiting - m_takenOver);
   LogFacade::Info(m_log, "The destination sends again; %d events went to the fallback in %.1f s.",

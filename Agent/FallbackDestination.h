@@ -21,8 +21,9 @@ namespace OrloAgent {
 //
 // The first is given up for now when events have waited for it as long as the options say and it
 // has sent nothing in that time, neither the event that it is offered nor one that it had taken.
-// It gets events again as soon as something shows that it sends: what it had taken leaves it, or,
-// when it has nothing left, it takes an event, which it is offered once in each `retry`.
+// It gets events again as soon as it sends: what it had taken leaves it, or, when it has nothing
+// left, an event that it is offered once in each `retry`. To have taken an event is not enough, nor
+// is a connection: an event has left a destination when GetSentEvents says so.
 //
 // Threads as for every destination.
 class FallbackDestination : public Destination {
@@ -38,8 +39,11 @@ class FallbackDestination : public Destination {
   std::uint64_t GetUnsentEvents() const override;
   std::uint64_t GetLostEvents() const override;
 
-  // Those of the first, and what has gone to the second.
+  std::uint64_t GetSentEvents() const override;
+
+  // What it counts itself; its parts have their own.
   std::vector<EndCounter> GetCounters() const override;
+  std::optional<Parts> GetParts() const override;
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -50,6 +54,7 @@ class FallbackDestination : public Destination {
   bool OfferToSecond(const ACE_Message_Block& event);
   // True if the first has sent something since the last look.
   bool LookAtFirst();
+  bool WaitForFirst();
   bool IsGivenUp() const;
   void TakeOver();
   void HandBack();
@@ -61,10 +66,11 @@ class FallbackDestination : public Destination {
   std::atomic<bool> m_refusing{false};
   // Since the start.
   std::atomic<std::uint64_t> m_takenBySecond{0};
+  // Since when the second is used, in the clock's own unit; 0: it is not.
+  std::atomic<std::chrono::system_clock::rep> m_usedSince{0};
 
   // The rest belongs to the thread that calls put.
-  // Events that the first has taken, and how many of those had left it at the last look.
-  std::uint64_t m_taken = 0;
+  // Events that had left the first at the last look.
   std::uint64_t m_left = 0;
   // Whether it has refused what it was offered last.
   bool m_refused = false;

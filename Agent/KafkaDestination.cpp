@@ -69,6 +69,8 @@ class KafkaDestination : public Destination {
   void Refuse() override { m_refusing = true; }
   std::uint64_t GetUnsentEvents() const override { return m_unsent.load(); }
   std::uint64_t GetLostEvents() const override { return m_lost.load(); }
+  std::uint64_t GetSentEvents() const override { return m_acknowledged.load(); }
+  std::vector<EndCounter> GetCounters() const override;
 
  private:
   enum class Offer { Taken, Full, TooLarge };
@@ -81,7 +83,7 @@ class KafkaDestination : public Destination {
   void OnDelivery(const rd_kafka_message_t& message);
   void OnError(rd_kafka_resp_err_t error, const std::string& reason);
   void ReportTooLarge(std::size_t size);
-  void CountUnsent() { m_unsent = m_window.GetUnacknowledged(); }
+  void CountUnsent();
 
   const KafkaDestinationOptions m_options;
   const std::string m_key;
@@ -93,11 +95,19 @@ class KafkaDestination : public Destination {
   // Null while one that has failed is being replaced.
   Producer m_producer;
   bool m_broken = false;
+  // Events in the window, now or before, that the cluster will never take.
+  std::uint64_t m_refusedForGood = 0;
   OutageReasons m_outage;
   steady_clock::time_point m_nextReport{};
 
   std::atomic<std::uint64_t> m_unsent{0};
   std::atomic<std::uint64_t> m_lost{0};
+  std::atomic<std::uint64_t> m_acknowledged{0};
+  std::atomic<std::uint64_t> m_refusedEvents{0};
+  std::atomic<std::uint64_t> m_sentAgain{0};
+  std::atomic<std::uint64_t> m_outages{0};
+  std::atomic<std::uint64_t> m_failedHandshakes{0};
+  std::atomic<std::uint64_t> m_failedLogins{0};
   std::atomic<bool> m_refusing{false};
   std::atomic<bool> m_stop{false};
   std::thread m_thread;
@@ -175,6 +185,22 @@ void KafkaDestination::Initialize(const WindowsAgentCommon::EnvironmentBlock&) {
         std::string("The destination can't start its thread (") + error.what() + ")");
   }
   LogFacade::Info(m_log, "Sending to topic %s of %s.", m_options.topic, m_options.brokers);
+}
+
+std::vector<EndCounter> KafkaDestination::GetCounters() const {
+  std::vector<EndCounter> counters = Destination::GetCounters();
+  const EndCounter own[] = {
+      {"events_lost", "Events that are larger than the cluster takes", m_lost},
+      {"events_refused", "Answers that refused an event", m_refusedEvents},
+      {"events_sent_again", "Events that were sent once more, for want of an acknowledgement",
+       m_sentAgain},
+      {"outages", "Times that the cluster could not be reached", m_outages},
+      {"handshakes_failed", "Connections closed because they were not secured as demanded",
+       m_failedHandshakes},
+      {"logins_failed", "Log-ins that were refused", m_failedLogins},
+  };
+  counters.insert(counters.end(), std::begin(own), std::end(own));
+  return counters;
 }
 
 int KafkaDestination::put(ACE_Message_Block* block, ACE_Time_Value*) {
@@ -289,6 +315,7 @@ void KafkaDestination::Replace() {
   const std::lock_guard lock(m_lock);
   m_broken = false;
   m_window.Rewind();
+  m_sentAgain += m_window.GetSize();
   CountUnsent();
   for (std::uint64_t i = 0; i < m_window.GetSize() && !m_broken; ++i) {
     m_broken = Produce(made.get(), m_window.GetFirst() + i) != Offer::Taken;
@@ -310,9 +337,12 @@ void KafkaDestination::OnDelivery(const rd_kafka_message_t& message) {
   } else if (message.err == RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE) {
     // It would be refused again and again, and hold up all others.
     ++m_lost;
+    ++m_refusedForGood;
     ReportTooLarge(message.len);
     m_window.Acknowledge(number);
   } else {
+    // The first: those behind it come back with it.
+    m_refusedEvents += m_broken || m_stop ? 0 : 1;
     const auto now = steady_clock::now();
     if (!m_broken && !m_stop && now >= m_nextReport) {
       m_nextReport = now + kBetweenReports;
@@ -336,6 +366,8 @@ void KafkaDestination::OnError(rd_kafka_resp_err_t error, const std::string& rea
   const bool matters = error == RD_KAFKA_RESP_ERR__ALL_BROKERS_DOWN ||
                        error == RD_KAFKA_RESP_ERR__AUTHENTICATION ||
                        error == RD_KAFKA_RESP_ERR__SSL || error == RD_KAFKA_RESP_ERR__RESOLVE;
+  m_failedHandshakes += error == RD_KAFKA_RESP_ERR__SSL ? 1 : 0;
+  m_failedLogins += error == RD_KAFKA_RESP_ERR__AUTHENTICATION ? 1 : 0;
   const bool isFirst = !m_outage.HasBegun();
   // By the code: the text holds times. That all brokers are down follows every other reason.
   if (!matters || (!isFirst && error == RD_KAFKA_RESP_ERR__ALL_BROKERS_DOWN) ||
@@ -343,12 +375,20 @@ void KafkaDestination::OnError(rd_kafka_resp_err_t error, const std::string& rea
     return;
   }
   if (isFirst) {
+    ++m_outages;
     LogFacade::Warn(m_log, "%s can't be reached (%s); events wait until it can.", m_options.brokers,
                     Shown(reason));
   } else {
     LogFacade::Warn(m_log, "%s still can't be reached, now for another reason (%s).",
                     m_options.brokers, Shown(reason));
   }
+}
+
+void KafkaDestination::CountUnsent() {
+  m_unsent = m_window.GetUnacknowledged();
+  // In order: what is acknowledged behind one that is not can be sent again.
+  const std::uint64_t left = m_window.GetFirst();
+  m_acknowledged = std::max<std::uint64_t>(m_acknowledged, left - std::min(left, m_refusedForGood));
 }
 
 void KafkaDestination::ReportTooLarge(std::size_t size) {

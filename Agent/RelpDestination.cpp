@@ -55,6 +55,8 @@ class RelpDestination : public Destination {
   int put(ACE_Message_Block* block, ACE_Time_Value* timeout = nullptr) override;
   void Refuse() override { m_refusing = true; }
   std::uint64_t GetUnsentEvents() const override { return m_unacknowledged.load(); }
+  std::uint64_t GetSentEvents() const override { return m_acknowledged.load(); }
+  std::vector<EndCounter> GetCounters() const override;
 
  private:
   // All of these on the destination's thread; those that give false have said why in m_problem.
@@ -86,6 +88,9 @@ class RelpDestination : public Destination {
   bool m_idle = false;  // the thread sleeps until it is woken
 
   std::atomic<std::uint64_t> m_unacknowledged{0};
+  std::atomic<std::uint64_t> m_acknowledged{0};
+  std::atomic<std::uint64_t> m_sentAgain{0};
+  std::atomic<std::uint64_t> m_refusedEvents{0};
   std::atomic<bool> m_refusing{false};
   std::atomic<bool> m_stop{false};
   bool m_ended = false;
@@ -130,6 +135,18 @@ void RelpDestination::Initialize(const WindowsAgentCommon::EnvironmentBlock&) {
         "RelpDestination", "OrloAgent::RelpDestination::Initialize", __LINE__,
         std::string("The destination can't start its thread (") + error.what() + ")");
   }
+}
+
+std::vector<EndCounter> RelpDestination::GetCounters() const {
+  std::vector<EndCounter> counters = Destination::GetCounters();
+  for (const EndCounter& counter : m_report.GetCounters(m_connection)) {
+    counters.push_back(counter);
+  }
+  counters.push_back({"events_refused", "Answers that refused an event", m_refusedEvents});
+  counters.push_back({"events_sent_again",
+                      "Events that were sent once more, for want of an acknowledgement",
+                      m_sentAgain});
+  return counters;
 }
 
 int RelpDestination::put(ACE_Message_Block* block, ACE_Time_Value*) {
@@ -188,6 +205,7 @@ bool RelpDestination::OpenSession() {
   {
     const std::lock_guard lock(m_lock);
     m_window.Rewind();
+    m_sentAgain += m_nextEvent - std::min(m_nextEvent, m_window.GetFirst());
     m_unacknowledged = m_window.GetUnacknowledged();
     m_firstEvent = m_nextEvent = m_window.GetFirst();
   }
@@ -284,6 +302,8 @@ bool RelpDestination::TakeAnswers() {
       return false;
     }
     m_unacknowledged = m_window.GetUnacknowledged();
+    // In order: what is acknowledged behind one that is not can be sent again.
+    m_acknowledged = m_window.GetFirst();
     m_room.notify_all();
   }
 }
@@ -324,6 +344,7 @@ bool RelpDestination::AcknowledgeEvent(const RelpFrame& frame, const RelpAnswer&
     return false;
   }
   if (answer.status != kTaken) {
+    ++m_refusedEvents;
     m_problem =
         "it refuses an event: " + std::to_string(answer.status) + " " + std::string(answer.text);
     return false;

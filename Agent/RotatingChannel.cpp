@@ -1,5 +1,6 @@
 #include "Agent/RotatingChannel.h"
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <system_error>
@@ -30,6 +31,9 @@ class RotatingChannel : public IChannel {
   Readiness Prepare(bool atFrameStart) override;
   WriteResult Write(std::string_view bytes, milliseconds patience) override;
   void Close() override;
+  std::vector<EndCounter> GetCounters() const override {
+    return {{"files_rotated", "Files that were closed and begun anew", m_closed}};
+  }
 
  private:
   void LookAtFile();
@@ -51,6 +55,7 @@ class RotatingChannel : public IChannel {
   std::int64_t m_period = 0;
   steady_clock::time_point m_nextAttempt{};
   bool m_failing = false;
+  std::atomic<std::uint64_t> m_closed{0};
 };
 
 RotatingChannel::RotatingChannel(const std::string& path, const RotationOptions& options,
@@ -118,6 +123,7 @@ IChannel::Readiness RotatingChannel::Rotate() {
     OnFailure("renamed", error.message());
   } else {
     m_failing = false;
+    ++m_closed;
   }
   return Open() ? Readiness::ReadyAnew : Readiness::NotReady;
 }

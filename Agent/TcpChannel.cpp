@@ -68,6 +68,10 @@ IChannel::WriteResult TcpChannel::Write(std::string_view bytes, milliseconds pat
   return {result.written, result.broken};
 }
 
+std::vector<EndCounter> TcpChannel::GetCounters() const {
+  return m_report.GetCounters(m_connection);
+}
+
 void TcpChannel::Close() { m_connection.CloseInOrder(kLongestClose); }
 
 }  // namespace OrloAgent

@@ -27,6 +27,8 @@ class TcpChannel : public IChannel {
   // Ends the connection in order: the receiver gets all of it, if it reads on for a second.
   void Close() override;
 
+  std::vector<EndCounter> GetCounters() const override;
+
  private:
   bool IsConnectionAlive();
 

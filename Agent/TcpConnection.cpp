@@ -65,6 +65,7 @@ std::string TcpConnection::Connect() {
   std::string problem = ConnectSocket(deadline);
   if (problem.empty() && m_options.target.transport == Transport::Tls) {
     problem = Secure(deadline);
+    m_failedHandshakes += problem.empty() ? 0 : 1;
   }
   if (!problem.empty()) {
     Close();
@@ -338,6 +339,8 @@ ConnectionReport::ConnectionReport(const WindowsAgentCommon::Log& log, const End
     : m_log(log), m_target(ToText(target)), m_downSince(steady_clock::now()) {}
 
 void ConnectionReport::OnUp() {
+  m_isUp = true;
+  ++m_made;
   if (m_reasons.HasBegun()) {
     const auto away = std::chrono::duration<double>(steady_clock::now() - m_downSince);
     LogFacade::Info(m_log, "Connected to %s again after %.1f s.", m_target, away.count());
@@ -348,6 +351,8 @@ void ConnectionReport::OnUp() {
 }
 
 void ConnectionReport::OnDown(const std::string& reason) {
+  ++(m_isUp ? m_broken : m_failed);
+  m_isUp = false;
   const auto now = steady_clock::now();
   const bool isFirst = !m_reasons.HasBegun();
   if (!m_reasons.IsNews(reason, now)) {
@@ -360,6 +365,16 @@ void ConnectionReport::OnDown(const std::string& reason) {
     LogFacade::Warn(m_log, "%s still can't be reached, now for another reason (%s).", m_target,
                     reason);
   }
+}
+
+std::vector<EndCounter> ConnectionReport::GetCounters(const TcpConnection& connection) const {
+  return {
+      {"connections", "Connections that were made", m_made},
+      {"connections_failed", "Attempts to connect that failed", m_failed},
+      {"connections_broken", "Connections that broke or were ended by the receiver", m_broken},
+      {"handshakes_failed", "Connections closed because they were not secured as demanded",
+       connection.GetFailedHandshakes()},
+  };
 }
 
 }  // namespace OrloAgent

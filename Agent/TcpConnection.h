@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <chrono>
@@ -8,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Agent/EndCounter.h"
 #include "Agent/Options.h"
 #include "Agent/OutageReasons.h"
 #include "Agent/Tls.h"
@@ -70,6 +72,9 @@ class TcpConnection {
 
   const std::string& GetReason() const { return m_reason; }
 
+  // Attempts to connect that failed because the connection could not be secured. Any thread.
+  std::uint64_t GetFailedHandshakes() const { return m_failedHandshakes; }
+
   // At once. What was written and not sent may be lost.
   void Close();
 
@@ -104,6 +109,7 @@ class TcpConnection {
   // Null while there is no connection, and for plain ones.
   std::unique_ptr<TlsSession> m_tls;
   std::string m_reason;
+  std::atomic<std::uint64_t> m_failedHandshakes{0};
   bool m_woken = false;
 };
 
@@ -116,11 +122,18 @@ class ConnectionReport {
   void OnUp();
   void OnDown(const std::string& reason);
 
+  // How often each of them was so, and what the connection has counted. Any thread.
+  std::vector<EndCounter> GetCounters(const TcpConnection& connection) const;
+
  private:
   const WindowsAgentCommon::Log m_log;
   const std::string m_target;
   std::chrono::steady_clock::time_point m_downSince;
   OutageReasons m_reasons;
+  bool m_isUp = false;
+  std::atomic<std::uint64_t> m_made{0};
+  std::atomic<std::uint64_t> m_failed{0};
+  std::atomic<std::uint64_t> m_broken{0};
 };
 
 }  // namespace OrloAgent

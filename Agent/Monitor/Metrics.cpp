@@ -101,6 +101,10 @@ void AddStream(const StreamState& stream, MetricBuilder& builder) {
   add.Gauge("orlo_stream_refusing_seconds",
             "For how long the destination has taken nothing though events wait; 0: it takes",
             stream.refusingSeconds);
+  if (stream.fallback) {
+    add.Gauge("orlo_stream_fallback_in_use", "Whether the fallback gets the events (1) or not",
+              stream.fallbackSince ? 1 : 0);
+  }
   if (stream.schedule) {
     add.Gauge("orlo_stream_schedule_open", "Whether the send schedule allows sending (1)",
               stream.schedule->open ? 1 : 0);
@@ -119,6 +123,10 @@ void AddEnd(const char* kind, const std::string& stream, const EndState& end,
     add.Counter(std::string("orlo_") + kind + "_" + counter.name + "_total", counter.description,
                 counter.value);
   }
+  if (end.unsent) {
+    add.Gauge("orlo_destination_unsent_events",
+              "Events in its buffer, or sent and not acknowledged", *end.unsent);
+  }
 }
 
 }  // namespace
@@ -133,6 +141,9 @@ std::vector<prometheus::MetricFamily> MakeMetrics(const AgentState& state) {
       AddEnd("source", stream.name, source, builder);
     }
     AddEnd("destination", stream.name, stream.destination, builder);
+    if (stream.fallback) {
+      AddEnd("destination", stream.name, *stream.fallback, builder);
+    }
   }
   for (const auto& group : state.statistics) {
     AddPublished(group, builder);

@@ -26,6 +26,8 @@ struct EndState {
   // What tells it from others of its type: an address, a path.
   std::string name;
   std::vector<EndCounter> counters;
+  // Of a destination: what it has taken and not sent.
+  std::optional<std::uint64_t> unsent{};
 };
 
 // Minutes of a week, counted from Monday 00:00, the first one included and the last one not.
@@ -93,6 +95,10 @@ struct StreamState {
 
   std::vector<EndState> sources;
   EndState destination;
+  // Nothing where there is none.
+  std::optional<EndState> fallback;
+  // Since when it gets the events, in seconds since 1970; nothing while the destination does.
+  std::optional<std::int64_t> fallbackSince;
 
   // What keeps the stream from being healthy, each in words.
   std::vector<std::string> problems;

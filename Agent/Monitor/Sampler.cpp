@@ -75,10 +75,30 @@ struct Sampler::Watched {
       reading.sources[i].counters = sources[i]->GetCounters();
       reading.notMade += sources[i]->GetNotMade();
     }
-    reading.destination.counters = destination->GetCounters();
+    AskDestination(reading);
     reading.unsent = destination->GetUnsentEvents();
     reading.refused = destination->GetLostEvents();
     return reading;
+  }
+
+  void AskDestination(EndsReading& reading) const {
+    const auto parts = destination->GetParts();
+    Ask(parts ? parts->first : *destination, reading.destination);
+    if (!parts || !reading.fallback) {
+      return;
+    }
+    for (const EndCounter& counter : destination->GetCounters()) {
+      reading.destination.counters.push_back(counter);
+    }
+    Ask(parts->fallback, *reading.fallback);
+    if (parts->usedSince) {
+      reading.fallbackSince = std::chrono::system_clock::to_time_t(*parts->usedSince);
+    }
+  }
+
+  static void Ask(const Destination& asked, EndState& end) {
+    end.counters = asked.GetCounters();
+    end.unsent = asked.GetUnsentEvents();
   }
 };
 
@@ -114,6 +134,14 @@ void Sampler::AddStream(const StreamOptions& options, std::vector<const Source*>
   }
   described.destination = std::visit(DescribeDestination{}, options.destination);
   HideSecrets(described.destination);
+  if (options.fallback) {
+    described.fallback = std::visit(DescribeDestination{}, options.fallback->destination);
+    HideSecrets(*described.fallback);
+    if (described.fallback->type == described.destination.type &&
+        described.fallback->name == described.destination.name) {
+      described.fallback->name += " (fallback)";
+    }
+  }
   auto watched = std::make_shared<Watched>(
       Watched{StreamSampler(options, m_surroundings.dataDirectory, m_surroundings.refusedAfter),
               std::move(sources), &destination, std::move(described)});

@@ -21,6 +21,9 @@ Json ToJson(const EndState& end) {
   for (const EndCounter& counter : end.counters) {
     json["counters"][counter.name] = counter.value;
   }
+  if (end.unsent) {
+    json["unsent"] = *end.unsent;
+  }
   return json;
 }
 
@@ -73,6 +76,8 @@ Json ToJson(const StreamState& stream) {
       {"schedule", ToJson(stream.schedule)},
       {"sources", sources},
       {"destination", ToJson(stream.destination)},
+      {"fallback", stream.fallback ? ToJson(*stream.fallback) : Json()},
+      {"fallback_since", stream.fallbackSince ? Json(*stream.fallbackSince) : Json()},
   };
 }
 

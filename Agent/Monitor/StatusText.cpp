@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <optional>
 
+#include "Agent/Monitor/UtcTime.h"
 #include "WindowsAgentCommon/Text.h"
 
 namespace OrloAgent {
@@ -66,18 +66,6 @@ std::string Age(double seconds) {
     return Format("%d h %d min", whole / 3600, whole % 3600 / 60);
   }
   return Format("%d days %d h", whole / 86400, whole % 86400 / 3600);
-}
-
-// "2026-11-21 16:40:12"
-std::string UtcTime(std::int64_t seconds) {
-  using namespace std::chrono;
-  const sys_seconds time{std::chrono::seconds(seconds)};
-  const auto day = floor<days>(time);
-  const year_month_day date(day);
-  const hh_mm_ss clock(time - day);
-  return Format("%04d-%02u-%02u %02d:%02d:%02d", static_cast<int>(date.year()),
-                static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
-                clock.hours().count(), clock.minutes().count(), clock.seconds().count());
 }
 
 const json* FindStream(const json& status, const std::string& name) {
@@ -149,6 +137,12 @@ void AddStream(const json& status, const json& before, const json& stream, std::
   text += "  out       " + Grouped(events["delivered"]) + " events" +
           Rate(status, before, stream, "delivered") + "  to " + DescribeEnd(stream["destination"]) +
           "\n";
+  if (stream.contains("fallback") && stream["fallback"].is_object()) {
+    text += "  fallback  " + DescribeEnd(stream["fallback"]);
+    text += stream["fallback_since"].is_number()
+                ? " gets the events since " + UtcTime(stream["fallback_since"]) + " UTC\n"
+                : " is not used\n";
+  }
   const json& memory = stream["memory"];
   text += Format("  memory    %s queued (%s), %s in the chunk (%s old), %s pending, %s unsent\n",
                  Grouped(memory["queue_events"]), Size(memory["queue_bytes"]),

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 
+#include "Agent/Monitor/UtcTime.h"
 #include "Agent/PathText.h"
 #include "WindowsAgentCommon/Gauges.h"
 #include "WindowsAgentCommon/Text.h"
@@ -70,6 +71,8 @@ StreamState StreamSampler::Look(const std::vector<StatisticsGroupSnapshot>& stat
   state.lost += ends.notMade + ends.refused;
   state.sources = std::move(ends.sources);
   state.destination = std::move(ends.destination);
+  state.fallback = std::move(ends.fallback);
+  state.fallbackSince = ends.fallbackSince;
   ReadGauges(state);
   LookIntoCache(state, now);
   state.schedule = m_schedule.Look();
@@ -172,6 +175,11 @@ void StreamSampler::FindProblems(StreamState& state) const {
     state.problems.push_back(
         Format("stalled: the cache has not moved for %d s though sending is possible",
                state.stalledSeconds));
+  }
+  if (state.fallbackSince) {
+    state.problems.push_back(
+        Format("events go to the fallback since %s: the destination sends none",
+               UtcTime(*state.fallbackSince) + " UTC"));
   }
   const duration<double> refusing(state.refusingSeconds);
   if (refusing.count() > 0.0 && refusing >= m_refusedAfter) {

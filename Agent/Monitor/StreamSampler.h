@@ -18,6 +18,8 @@ namespace OrloAgent {
 struct EndsReading {
   std::vector<EndState> sources;
   EndState destination;
+  std::optional<EndState> fallback;
+  std::optional<std::int64_t> fallbackSince;
   std::uint64_t notMade = 0;
   std::uint64_t unsent = 0;
   std::uint64_t refused = 0;

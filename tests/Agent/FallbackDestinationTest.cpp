@@ -31,6 +31,7 @@ struct Controls {
   Events events{};
   int offers = 0;
   std::uint64_t unsent = 0;
+  std::uint64_t sent = 0;
   std::uint64_t lost = 0;
   int initialized = 0;
   int stopped = 0;
@@ -49,6 +50,7 @@ class ControlledDestination : public Destination {
   void Stop() override { ++m_controls.stopped; }
   void Refuse() override { m_controls.refusing = true; }
   std::uint64_t GetUnsentEvents() const override { return m_controls.unsent; }
+  std::uint64_t GetSentEvents() const override { return m_controls.sent; }
   std::uint64_t GetLostEvents() const override { return m_controls.lost; }
   int put(ACE_Message_Block* block, ACE_Time_Value*) override {
     const WindowsAgentCommon::MessageBlockPtr event(block);
@@ -57,7 +59,7 @@ class ControlledDestination : public Destination {
       return OrloStream::Status(OrloStream::Status::kBackpressure).ToInt();
     }
     m_controls.events.push_back(TestSupport::PayloadOf(block));
-    m_controls.unsent += m_controls.keeps ? 1 : 0;
+    ++(m_controls.keeps ? m_controls.unsent : m_controls.sent);
     return 0;
   }
 
@@ -84,6 +86,12 @@ class FallbackDestinationTest : public testing::Test {
   // As a stage does: the same event until it is taken.
   void Deliver(const std::string& event) {
     ASSERT_TRUE(WaitUntil([&] { return Put(event); })) << event;
+  }
+
+  // The first sends one of the events that it has kept.
+  void SendOne() {
+    --m_first.unsent;
+    ++m_first.sent;
   }
 
   TestSupport::CountingAllocators m_allocators;
@@ -167,7 +175,7 @@ TEST_F(FallbackDestinationTest, AFirstThatTakesEventsAndSendsNoneIsGivenUpToo) {
   Deliver("c");
   EXPECT_EQ(m_first.offers, offers);
   // It begins to send what it has kept: that is the sign.
-  m_first.unsent -= 1;
+  SendOne();
   Deliver("d");
   EXPECT_EQ(m_first.events.size(), kept + 1);
   EXPECT_EQ(m_first.events.back(), "d");
@@ -180,7 +188,7 @@ TEST_F(FallbackDestinationTest, AFirstThatSendsSlowlyIsNotGivenUp) {
   Deliver("a");
   while (std::chrono::steady_clock::now() < end) {
     Deliver("b");
-    m_first.unsent -= 1;
+    SendOne();
   }
   EXPECT_EQ(m_second.offers, 0);
 }
@@ -196,6 +204,60 @@ TEST_F(FallbackDestinationTest, WhileNeitherTakesEventsTheyWaitForWhoeverIsFirst
   Deliver("a");
   EXPECT_EQ(m_second.events, Events{"a"});
   EXPECT_TRUE(m_first.events.empty());
+}
+
+TEST_F(FallbackDestinationTest, AFirstThatOnlyTakesAnEventIsNotHandedBackTo) {
+  Make(milliseconds(50), milliseconds(10));
+  m_first.takes = false;
+  Deliver("a");
+  // It takes events again, as a window does that has room, and sends none.
+  m_first.takes = true;
+  m_first.keeps = true;
+  std::this_thread::sleep_for(milliseconds(11));  // longer than until the next attempt
+  for (const char* event : {"b", "c", "d"}) {
+    Deliver(event);
+  }
+  EXPECT_EQ(m_first.events, Events{"b"}) << "it is tried with one event, and has that still";
+  EXPECT_EQ(m_second.events, (Events{"a", "c", "d"}));
+  EXPECT_TRUE(m_destination->GetParts()->usedSince);
+  SendOne();
+  Deliver("e");
+  EXPECT_EQ(m_first.events, (Events{"b", "e"}));
+  EXPECT_FALSE(m_destination->GetParts()->usedSince);
+}
+
+TEST_F(FallbackDestinationTest, WhatIsToBeSentAgainIsNoSignOfSending) {
+  Make(milliseconds(50), milliseconds(1));
+  m_first.keeps = true;
+  for (const char* event : {"a", "b", "c"}) {
+    Deliver(event);
+  }
+  ASSERT_TRUE(WaitUntil([&] { return Put("d") && !m_second.events.empty(); }));
+  const std::size_t taken = m_first.events.size();
+  // Acknowledged out of order, forgotten with the connection, and acknowledged so once more.
+  for (const std::uint64_t unsent : {taken - 2, taken, taken - 2, taken}) {
+    m_first.unsent = unsent;
+    Deliver("e");
+  }
+  EXPECT_EQ(m_first.events.size(), taken);
+}
+
+TEST_F(FallbackDestinationTest, ItsPartsAreToldWithTheTimeSinceWhichTheSecondIsUsed) {
+  Make(milliseconds(1), std::chrono::hours(1));
+  Deliver("a");
+  EXPECT_FALSE(m_destination->GetParts()->usedSince);
+  const auto before = std::chrono::system_clock::now();
+  m_first.takes = false;
+  Deliver("b");
+  const auto parts = m_destination->GetParts();
+  ASSERT_TRUE(parts && parts->usedSince);
+  EXPECT_GE(*parts->usedSince, before);
+  EXPECT_LE(*parts->usedSince, std::chrono::system_clock::now());
+  EXPECT_EQ(parts->first.GetSentEvents(), 1u);
+  EXPECT_EQ(parts->fallback.GetCounters().front().value, 1u);
+  EXPECT_EQ(m_destination->GetSentEvents(), 2u);
+  ASSERT_EQ(m_destination->GetCounters().size(), 1u);
+  EXPECT_EQ(m_destination->GetCounters().front().value, 1u);
 }
 
 TEST_F(FallbackDestinationTest, CountsAreTheSums) {

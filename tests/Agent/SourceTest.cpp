@@ -31,7 +31,7 @@ class CountingDestination : public WindowsAgentCommon::OrloTask {
   std::atomic<int>& m_count;
 };
 
-// Posts events one after the other on a thread of its own.
+// Posts events one after the other on a thread of its own, until one is not taken.
 class EagerSource : public OrloAgent::Source {
  public:
   ~EagerSource() override { Stop(); }
@@ -45,9 +45,8 @@ class EagerSource : public OrloAgent::Source {
       OrloAgent::EventPoster poster(GetGate(), GetPostCounts(), m_log);
       const OrloAgent::EventHeaderTemplate header(OrloAgent::EventOrigin::Stdin,
                                                   std::string_view());
-      do {
-        poster.Post(header, 0, 0, "an event");
-      } while (!m_stop);
+      while (poster.Post(header, 0, 0, "an event") && !m_stop) {
+      }
     });
   }
 

@@ -115,6 +115,29 @@ TEST(Metrics, CountersOfEndsCarryTypeAndName) {
   EXPECT_EQ(family->metric[0].label[2].value, "udp://h:2");
 }
 
+TEST(Metrics, FallbackIsADestinationWithANameOfItsOwn) {
+  AgentState state = MakeState();
+  EXPECT_EQ(Find(MakeMetrics(state), "orlo_stream_fallback_in_use"), nullptr);
+  StreamState& stream = state.streams[0];
+  stream.destination.counters = {{"events", "Events", 5}};
+  stream.destination.unsent = 2;
+  stream.fallback = {"file", "meanwhile.log", {{"events", "Events", 7}}, 3};
+  auto families = MakeMetrics(state);
+  EXPECT_EQ(Find(families, "orlo_stream_fallback_in_use")->metric.at(0).gauge.value, 0.0);
+  const MetricFamily* const events = Find(families, "orlo_destination_events_total");
+  ASSERT_NE(events, nullptr);
+  ASSERT_EQ(events->metric.size(), 2u);
+  EXPECT_EQ(events->metric[0].counter.value, 5.0);
+  EXPECT_EQ(events->metric[1].counter.value, 7.0);
+  EXPECT_EQ(events->metric[1].label[2].value, "meanwhile.log");
+  const MetricFamily* const unsent = Find(families, "orlo_destination_unsent_events");
+  ASSERT_NE(unsent, nullptr);
+  EXPECT_EQ(unsent->metric.at(1).gauge.value, 3.0);
+  stream.fallbackSince = 1'800'000'000;
+  families = MakeMetrics(state);
+  EXPECT_EQ(Find(families, "orlo_stream_fallback_in_use")->metric.at(0).gauge.value, 1.0);
+}
+
 TEST(Metrics, ScheduleIsShownOnlyWhereThereIsOne) {
   AgentState state = MakeState();
   EXPECT_EQ(Find(MakeMetrics(state), "orlo_stream_schedule_open"), nullptr);

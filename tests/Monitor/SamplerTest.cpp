@@ -34,6 +34,20 @@ class IdleDestination : public Destination {
   void Stop() override {}
   void Refuse() override {}
   std::uint64_t GetUnsentEvents() const override { return 4; }
+  std::uint64_t GetSentEvents() const override { return 5; }
+};
+
+// Has a fallback, which gets the events since 2027.
+class DividedDestination : public IdleDestination {
+ public:
+  std::optional<Parts> GetParts() const override {
+    return Parts{m_first, m_second,
+                 std::chrono::system_clock::time_point(std::chrono::seconds(1'800'000'000))};
+  }
+
+ private:
+  const IdleDestination m_first;
+  const IdleDestination m_second;
 };
 
 class SamplerTest : public testing::Test {
@@ -82,6 +96,26 @@ TEST_F(SamplerTest, WhatTheConfigurationOnlyRefersToIsHidden) {
   m_sampler->AddStream(m_options, {&first, &second}, destination);
   m_sampler->Start();
   EXPECT_EQ(m_sampler->GetState()->streams.at(0).destination.name, "(hidden)");
+  m_sampler->RemoveStream("S");
+}
+
+TEST_F(SamplerTest, AFallbackIsSeenByItsNameAndIsAProblemWhileItGetsTheEvents) {
+  m_options.fallback.emplace();
+  m_options.fallback->destination = m_options.destination;
+  const CountingSource first;
+  const CountingSource second;
+  const DividedDestination destination;
+  m_sampler->AddStream(m_options, {&first, &second}, destination);
+  m_sampler->Start();
+  const StreamState stream = m_sampler->GetState()->streams.at(0);
+  ASSERT_TRUE(stream.fallback);
+  EXPECT_EQ(stream.destination.name, "out.log");
+  EXPECT_EQ(stream.fallback->name, "out.log (fallback)") << "names tell the two apart";
+  EXPECT_EQ(stream.fallback->unsent, 4u);
+  EXPECT_EQ(stream.fallback->counters.at(0).value, 5u);
+  EXPECT_EQ(stream.fallbackSince, 1'800'000'000);
+  EXPECT_THAT(stream.problems.at(0),
+              HasSubstr("events go to the fallback since 2027-01-15 08:00:00 UTC"));
   m_sampler->RemoveStream("S");
 }
 

@@ -51,14 +51,15 @@ class Prometheus(MonitorTest):
         agent = self.start_one()
         shown = {name.split("{")[0] for name in self.metrics(agent)}
         asked = set(re.findall(r"\borlo_\w+", blocks[0]))
-        optional = {"orlo_stream_schedule_open"}
+        optional = {"orlo_stream_schedule_open", "orlo_stream_fallback_in_use"}
         self.assertLessEqual(asked - optional, shown)
 
     def test_metrics_that_are_documented_are_those_that_are_shown(self):
         agent = self.start_monitored(
             self.stream(support.SYSLOG_SOURCE, "{ type: file, path: ./out.log }",
                         settings={"Schedule.Enable": "true",
-                                  "Schedule.Interval": '"0000-2359;01;UTC"'}))
+                                  "Schedule.Interval": '"0000-2359;01;UTC"'})
+            + "    fallback: { destination: { type: file, path: ./other.log } }\n")
         shown = {name.split("{")[0] for name in self.metrics(agent)}
         documented = set(re.findall(r"^\| `(orlo_\w+)`", PAGE.read_text(), re.MULTILINE))
         # Those of sources and destinations differ by type.
