@@ -2,6 +2,7 @@
 
 #include <ace/Message_Block.h>
 
+#include <array>
 #include <boost/asio/buffer.hpp>
 #include <string_view>
 
@@ -24,6 +25,12 @@ constexpr std::size_t kLongestMessage = 65'507;
 
 constexpr std::chrono::seconds kBetweenAttempts{1};
 constexpr std::chrono::minutes kBetweenWarnings{5};
+
+// Between two looks for an answer: one for each event would cost more than it tells.
+constexpr milliseconds kBetweenLooks{1};
+
+// A receiver that sends without end does not keep the destination from sending.
+constexpr int kMostAnswers = 16;
 
 // A wait is cut into slices so that Refuse is seen.
 constexpr milliseconds kSlice{100};
@@ -121,11 +128,33 @@ bool DatagramDestination::Prepare() {
   return true;
 }
 
+// Some systems tell a sender that nobody listens when it sends, Windows only when it receives. What
+// a receiver really says is dropped.
+error_code DatagramDestination::LookForAnswer() {
+  std::array<char, 512> unwanted;
+  error_code error;
+  for (int i = 0; i < kMostAnswers && (!error || error == boost::asio::error::message_size); ++i) {
+    error.clear();
+    m_socket.receive(boost::asio::buffer(unwanted), 0, error);
+  }
+  const bool isRefusal = error == boost::asio::error::connection_refused ||
+                         error == boost::asio::error::connection_reset;
+  return isRefusal ? error : error_code();
+}
+
 bool DatagramDestination::Send(std::string_view message) {
-  const auto deadline = steady_clock::now() + m_options.sendTimeout;
+  const auto begin = steady_clock::now();
+  const auto deadline = begin + m_options.sendTimeout;
+  error_code answer;
+  if (begin >= m_nextLook) {
+    answer = LookForAnswer();
+    m_nextLook = begin + kBetweenLooks;
+  }
   for (;;) {
-    error_code error;
-    m_socket.send(boost::asio::buffer(message.data(), message.size()), 0, error);
+    error_code error = answer;
+    if (!error) {
+      m_socket.send(boost::asio::buffer(message.data(), message.size()), 0, error);
+    }
     if (!error) {
       return true;
     }

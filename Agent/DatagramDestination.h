@@ -38,6 +38,7 @@ class DatagramDestination : public Destination {
  private:
   bool Prepare();
   bool Send(std::string_view message);
+  boost::system::error_code LookForAnswer();
   void OnDown(const std::string& reason);
 
   const SyslogDestinationOptions m_options;
@@ -48,6 +49,7 @@ class DatagramDestination : public Destination {
   std::string m_joined;
   std::atomic<bool> m_refusing{false};
   std::chrono::steady_clock::time_point m_nextAttempt{};
+  std::chrono::steady_clock::time_point m_nextLook{};
   std::chrono::steady_clock::time_point m_nextWarning{};
   std::atomic<std::uint64_t> m_sent{0};
   std::atomic<std::uint64_t> m_cut{0};

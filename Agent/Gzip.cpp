@@ -2,6 +2,7 @@
 
 #include <zlib.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <fstream>
 #include <system_error>
@@ -53,6 +54,48 @@ class Deflater {
   std::vector<char> m_output = std::vector<char>(kPiece);
 };
 
+class Inflater {
+ public:
+  Inflater() : m_ok(inflateInit2(&m_stream, kGzipWindow) == Z_OK) {}
+  ~Inflater() {
+    if (m_ok) {
+      inflateEnd(&m_stream);
+    }
+  }
+  Inflater(const Inflater&) = delete;
+  Inflater& operator=(const Inflater&) = delete;
+
+  // Whether the bytes are the next ones of a file in gzip's format, which holds what comes next in
+  // the other one.
+  bool Compare(std::vector<char>& bytes, std::size_t size, std::istream& with) {
+    m_stream.next_in = reinterpret_cast<Bytef*>(bytes.data());
+    m_stream.avail_in = static_cast<uInt>(size);
+    while (m_ok && !m_ended && m_stream.avail_in > 0) {
+      m_stream.next_out = reinterpret_cast<Bytef*>(m_output.data());
+      m_stream.avail_out = static_cast<uInt>(m_output.size());
+      const int result = inflate(&m_stream, Z_NO_FLUSH);
+      const auto count = static_cast<std::streamsize>(m_output.size() - m_stream.avail_out);
+      with.read(m_expected.data(), count);
+      if ((result != Z_OK && result != Z_STREAM_END) || with.gcount() != count ||
+          !std::equal(m_output.begin(), m_output.begin() + count, m_expected.begin())) {
+        return false;
+      }
+      m_ended = result == Z_STREAM_END;
+    }
+    return m_ok && m_stream.avail_in == 0;
+  }
+
+  // Its checksum and its length were there, and right.
+  bool HasEnded() const { return m_ended; }
+
+ private:
+  z_stream m_stream{};
+  const bool m_ok;
+  bool m_ended = false;
+  std::vector<char> m_output = std::vector<char>(kPiece);
+  std::vector<char> m_expected = std::vector<char>(kPiece);
+};
+
 std::string ErrorText() {
   return errno != 0 ? std::generic_category().message(errno) : "unknown error";
 }
@@ -101,6 +144,25 @@ bool CompressFile(const std::filesystem::path& from, const std::filesystem::path
     return false;
   }
   return true;
+}
+
+bool HoldsCompressed(const std::filesystem::path& compressed, const std::filesystem::path& plain,
+                     const std::function<bool()>& isCancelled) {
+  std::ifstream packed(compressed, std::ios::binary);
+  std::ifstream expected(plain, std::ios::binary);
+  Inflater inflater;
+  std::vector<char> bytes(kPiece);
+  while (packed && expected && !isCancelled()) {
+    packed.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    const auto size = static_cast<std::size_t>(packed.gcount());
+    if (packed.bad() || !inflater.Compare(bytes, size, expected)) {
+      return false;
+    }
+    if (packed.eof()) {
+      return inflater.HasEnded() && expected.peek() == std::ifstream::traits_type::eof();
+    }
+  }
+  return false;
 }
 
 }  // namespace OrloAgent

@@ -15,4 +15,9 @@ bool IsGzipAvailable();
 bool CompressFile(const std::filesystem::path& from, const std::filesystem::path& to,
                   const std::function<bool()>& isCancelled, std::string& problem);
 
+// Whether `compressed` is complete and holds exactly what `plain` holds. False also if that can't
+// be told, or `isCancelled` said so in between.
+bool HoldsCompressed(const std::filesystem::path& compressed, const std::filesystem::path& plain,
+                     const std::function<bool()>& isCancelled);
+
 }  // namespace OrloAgent

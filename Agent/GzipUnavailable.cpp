@@ -10,4 +10,9 @@ bool CompressFile(const std::filesystem::path&, const std::filesystem::path&,
   return false;
 }
 
+bool HoldsCompressed(const std::filesystem::path&, const std::filesystem::path&,
+                     const std::function<bool()>&) {
+  return false;
+}
+
 }  // namespace OrloAgent

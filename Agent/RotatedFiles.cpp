@@ -7,6 +7,7 @@
 #include <ctime>
 #include <system_error>
 
+#include "Agent/DiskSync.h"
 #include "Agent/Gzip.h"
 #include "Agent/PathText.h"
 
@@ -183,9 +184,25 @@ void RotatedFiles::RemoveLeftovers() {
     fs::remove(unfinished, ignored);
   }
   for (const fs::path& compressed : FindWithEnding(m_file, kCompressed)) {
-    if (fs::is_regular_file(compressed, ignored)) {
-      fs::remove(WithoutEnding(compressed, kCompressed), ignored);
+    const fs::path plain = WithoutEnding(compressed, kCompressed);
+    if (!fs::is_regular_file(compressed, ignored) || !fs::is_regular_file(plain, ignored)) {
+      continue;
     }
+    if (HoldsCompressed(compressed, plain, [this] { return IsStopping(); })) {
+      RemovePlain(plain, ignored);
+    } else if (!IsStopping()) {
+      LogFacade::Warn(m_log, "The file %s does not hold all of %s, which is kept.",
+                      ToText(compressed), ToText(plain));
+    }
+  }
+}
+
+// Only when its successor is on the disk by its name: a power cut may keep the one and lose the
+// other.
+void RotatedFiles::RemovePlain(const fs::path& plain, std::error_code& error) {
+  error = SyncDirectory(plain.parent_path());
+  if (!error) {
+    fs::remove(plain, error);
   }
 }
 
@@ -219,9 +236,12 @@ void RotatedFiles::Compress(const fs::path& plain) {
   std::error_code error;
   if (CompressFile(
           plain, unfinished, [this] { return IsStopping(); }, problem)) {
-    fs::rename(unfinished, WithEnding(plain, kCompressed), error);
+    error = SyncFile(unfinished);
     if (!error) {
-      fs::remove(plain, error);
+      fs::rename(unfinished, WithEnding(plain, kCompressed), error);
+    }
+    if (!error) {
+      RemovePlain(plain, error);
     }
   } else if (problem.empty()) {
     fs::remove(unfinished, error);

@@ -23,8 +23,9 @@ std::filesystem::path MakeRotatedName(const std::filesystem::path& file,
 //
 // Everything is found again in the directory: whatever was left undone when the agent ended is done
 // when it starts. A file is compressed under another name, and takes the place of the plain one
-// when it is complete. So at any moment there is the plain file or the complete compressed one;
-// after a crash between the two last steps there are both, and the plain one is deleted.
+// when it is complete and on the disk. So at any moment, a power cut included, there is the plain
+// file or the complete compressed one; after a crash between the two last steps there are both, and
+// the plain one is deleted if the other one holds all of it.
 class RotatedFiles {
  public:
   // `file` is the one that is written. Starts to work at once.
@@ -46,6 +47,7 @@ class RotatedFiles {
  private:
   void Run();
   void RemoveLeftovers();
+  static void RemovePlain(const std::filesystem::path& plain, std::error_code& error);
   void DeleteOldest();
   void CompressAll();
   void Compress(const std::filesystem::path& plain);

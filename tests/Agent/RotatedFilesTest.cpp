@@ -21,6 +21,7 @@ using std::chrono::system_clock;
 using TestSupport::WaitUntil;
 using WindowsAgentCommon::LogLevel;
 using Names = std::vector<std::string>;
+using namespace std::string_literals;
 
 constexpr char kOldest[] = "events.log.2026-11-20T23-59-59.999Z";
 constexpr char kMiddle[] = "events.log.2026-11-21T00-00-00.000Z";
@@ -157,7 +158,14 @@ TEST_F(RotatedFilesTest, AFileThatCannotBeDeletedIsNamed) {
 
 class CompressedFilesTest : public RotatedFilesTest {
  protected:
-  static RotationOptions Compress() {
+  static void Compress(const fs::path& from, const fs::path& to) {
+    std::string problem;
+    ASSERT_TRUE(OrloAgent::CompressFile(
+        from, to, [] { return false; }, problem))
+        << problem;
+  }
+
+  static RotationOptions Options() {
     RotationOptions options;
     options.compress = true;
     return options;
@@ -169,19 +177,75 @@ TEST_F(CompressedFilesTest, WhatACrashLeftUndoneIsDoneAtTheStart) {
   Make(kOldest);
   Make(kMiddle);
   Make(std::string(kMiddle) + ".gz.part", "half");
-  Make(kNewest);
-  Make(std::string(kNewest) + ".gz", "complete");
-  const RotatedFiles files(m_file, Compress(), "S");
+  Make(kNewest, "complete\n");
+  const fs::path newest = m_directory.Path() / (std::string(kNewest) + ".gz");
+  Compress(m_directory.Path() / kNewest, newest);
+  const std::string compressed = ReadAll(newest);
+  const RotatedFiles files(m_file, Options(), "S");
   ASSERT_TRUE(BecomesList(
       {std::string(kOldest) + ".gz", std::string(kMiddle) + ".gz", std::string(kNewest) + ".gz"}));
-  EXPECT_EQ(ReadAll(m_directory.Path() / (std::string(kNewest) + ".gz")), "complete");
+  EXPECT_EQ(ReadAll(newest), compressed);
+}
+
+TEST_F(CompressedFilesTest, ACompressedFileThatIsNotCompleteDoesNotCostThePlainOne) {
+  const fs::path plain = m_directory.Path() / kOldest;
+  const fs::path packed = m_directory.Path() / (std::string(kOldest) + ".gz");
+  Make(kOldest, "precious\n");
+  Compress(plain, packed);
+  const std::string complete = ReadAll(packed);
+  std::string broken = complete;
+  broken[broken.size() - 6] ^= 1;  // in its checksum
+  const std::string others[] = {"",
+                                "no such format",
+                                complete.substr(0, complete.size() / 2),
+                                complete.substr(0, complete.size() - 1),
+                                broken,
+                                complete + "x"};
+  for (const std::string& other : others) {
+    TestSupport::LogCapture log;
+    Make(kOldest + ".gz"s, other);
+    RotationOptions options;
+    options.keep = 10;
+    const RotatedFiles files(m_file, options, "S");
+    ASSERT_TRUE(WaitUntil([&] {
+      return log.Count(LogLevel::Warn, "The file " + packed.string() + " does not hold all of " +
+                                           plain.string() + ", which is kept.") == 1;
+    }));
+    EXPECT_EQ(ReadAll(plain), "precious\n");
+  }
+  // It is compressed anew.
+  const RotatedFiles files(m_file, Options(), "S");
+  ASSERT_TRUE(BecomesList({std::string(kOldest) + ".gz"}));
+  EXPECT_EQ(ReadAll(packed), complete);
+}
+
+TEST_F(CompressedFilesTest, OnlyACompleteFileOfTheSameContentHoldsAnother) {
+  const fs::path plain = m_directory.Path() / "plain";
+  const fs::path packed = m_directory.Path() / "packed";
+  const auto goOn = [] { return false; };
+  // More than one piece of memory.
+  std::string content(1024 * 1024, 'x');
+  for (std::size_t i = 0; i < content.size(); i += 7) {
+    content[i] = static_cast<char>('a' + i * i % 23);
+  }
+  for (const std::string& held : {std::string(), content}) {
+    Make("plain", held);
+    Compress(plain, packed);
+    EXPECT_TRUE(OrloAgent::HoldsCompressed(packed, plain, goOn));
+    EXPECT_FALSE(OrloAgent::HoldsCompressed(packed, plain, [] { return true; }));
+    EXPECT_FALSE(OrloAgent::HoldsCompressed(m_directory.Path() / "none", plain, goOn));
+    Make("plain", held + "y");
+    EXPECT_FALSE(OrloAgent::HoldsCompressed(packed, plain, goOn));
+  }
+  Make("plain", content.substr(0, content.size() - 1));
+  EXPECT_FALSE(OrloAgent::HoldsCompressed(packed, plain, goOn));
 }
 
 TEST_F(CompressedFilesTest, AFileInTheWayIsReportedAndThePlainFileStays) {
   TestSupport::LogCapture log;
   Make(kOldest, "precious\n");
   fs::create_directories(m_directory.Path() / (std::string(kOldest) + ".gz") / "in the way");
-  const RotatedFiles files(m_file, Compress(), "S");
+  const RotatedFiles files(m_file, Options(), "S");
   ASSERT_TRUE(WaitUntil([&] {
     const auto lines = log.Lines();
     return std::any_of(lines.begin(), lines.end(), [](const auto& line) {
@@ -212,7 +276,7 @@ TEST_F(CompressedFilesTest, ADiskThatIsFullIsAProblem) {
 TEST_F(CompressedFilesTest, PermissionsAreThoseOfThePlainFile) {
   Make(kOldest, "content");
   fs::permissions(m_directory.Path() / kOldest, fs::perms::owner_read | fs::perms::owner_write);
-  const RotatedFiles files(m_file, Compress(), "S");
+  const RotatedFiles files(m_file, Options(), "S");
   const std::string name = std::string(kOldest) + ".gz";
   ASSERT_TRUE(BecomesList({name}));
   EXPECT_EQ(fs::status(m_directory.Path() / name).permissions(),

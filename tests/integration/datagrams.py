@@ -122,6 +122,27 @@ class DatagramDestination(support.AgentTest):
         self.assertEqual(agent.summary(), (4, 0, 0, 0))
         self.assertTrue(agent.find(r"4 events were sent as datagrams; 1 were cut, 0 came back"))
 
+    def test_what_a_receiver_answers_is_looked_at_and_dropped(self):
+        receiver = self.receiver_socket()
+        agent = self.start_to(receiver.getsockname()[1])
+        support.send(agent.port(), b"one\n")
+        _, sender = receiver.recvfrom(100)
+
+        def unread():
+            for line in pathlib.Path("/proc/net/udp").read_text().splitlines()[1:]:
+                fields = line.split()
+                if int(fields[1].split(":")[1], 16) == sender[1]:
+                    return int(fields[4].split(":")[1], 16)
+            return self.fail("the agent has no such socket")
+
+        for _ in range(10):
+            receiver.sendto(b"x" * 1000, sender)
+        support.wait_until(lambda: unread() > 10_000, "the answers")
+        support.send(agent.port(), b"two\n")
+        self.assertEqual(receiver.recv(100), b"two")
+        support.wait_until(lambda: unread() == 0, "a look at the answers")
+        self.assertEqual(agent.stop(), 0)
+
     def test_nobody_at_the_port_costs_one_event_and_holds_the_others(self):
         refusal = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         refusal.bind(("127.0.0.1", 0))

@@ -1,0 +1,101 @@
+// That a plain file is removed only when what it held is on the disk. The program's own fsync
+// stands in for the system's.
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <vector>
+
+#include "Agent/RotatedFiles.h"
+#include "tests/support/Events.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr char kPlain[] = "events.log.2026-11-21T00-00-00.000Z";
+
+std::mutex syncLock;
+// The names of what was brought to the disk, each with what lay in its directory then.
+std::vector<std::pair<std::string, std::vector<std::string>>>
+    synced;  // NOLINT(cert-err58-cpp): a vector without elements
+bool failing = false;
+
+std::vector<std::string> List(const fs::path& directory) {
+  std::vector<std::string> names;
+  for (const auto& entry : fs::directory_iterator(directory)) {
+    names.push_back(entry.path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+}  // namespace
+
+extern "C" int fsync(int descriptor) {
+  std::error_code error;
+  const fs::path path = fs::read_symlink("/proc/self/fd/" + std::to_string(descriptor), error);
+  const std::lock_guard guard(syncLock);
+  synced.emplace_back(path.filename().string(),
+                      List(fs::is_directory(path) ? path : path.parent_path()));
+  if (failing) {
+    errno = EIO;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_fsync, descriptor));
+}
+
+namespace OrloAgent {
+
+class RotatedFilesOnDiskTest : public testing::Test {
+ protected:
+  RotatedFilesOnDiskTest() {
+    std::ofstream(m_directory.Path() / kPlain) << "precious\n";
+    m_options.compress = true;
+    const std::lock_guard guard(syncLock);
+    synced.clear();
+    failing = false;
+  }
+
+  TestSupport::LogCapture m_messages;
+  const TestSupport::TemporaryDirectory m_directory;
+  RotationOptions m_options;
+};
+
+TEST_F(RotatedFilesOnDiskTest, ACompressedFileAndThenItsNameAreOnTheDiskBeforeThePlainOneGoes) {
+  const RotatedFiles files(m_directory.Path() / "events.log", m_options, "S");
+  const std::string plain = kPlain;
+  ASSERT_TRUE(TestSupport::WaitUntil(
+      [&] { return List(m_directory.Path()) == std::vector{plain + ".gz"}; }));
+  const std::lock_guard guard(syncLock);
+  ASSERT_EQ(synced.size(), 2u);
+  EXPECT_EQ(synced[0].first, plain + ".gz.part");
+  EXPECT_EQ(synced[0].second, (std::vector{plain, plain + ".gz.part"}));
+  EXPECT_EQ(synced[1].first, m_directory.Path().filename().string());
+  EXPECT_EQ(synced[1].second, (std::vector{plain, plain + ".gz"}));
+}
+
+TEST_F(RotatedFilesOnDiskTest, AFileThatCanNotBeBroughtToTheDiskStaysPlain) {
+  {
+    const std::lock_guard guard(syncLock);
+    failing = true;
+  }
+  const RotatedFiles files(m_directory.Path() / "events.log", m_options, "S");
+  const std::string path = (m_directory.Path() / kPlain).string();
+  ASSERT_TRUE(TestSupport::WaitUntil([&] {
+    return m_messages.Count(WindowsAgentCommon::LogLevel::Warn,
+                            "The file " + path +
+                                " can't be compressed (Input/output error); it stays as it is for "
+                                "now.") == 1;
+  }));
+  EXPECT_EQ(List(m_directory.Path()), std::vector<std::string>{kPlain});
+}
+
+}  // namespace OrloAgent
