@@ -52,7 +52,13 @@ void Agent::Start() {
     m_surroundings = std::make_unique<StreamSurroundings>(StreamSurroundings{
         *m_manager, *m_statistics, m_monitor.get(), m_dataDirectory, [this] { OnInputEnded(); },
         [this](std::function<void()> work) { boost::asio::post(m_control, std::move(work)); }});
-    std::vector<MadeSource> none;
+    m_exchange = std::make_unique<StreamExchange>(
+        StreamExchange::Surroundings{*m_surroundings, [this] { return m_stopRequested; },
+                                     [this](std::chrono::milliseconds time) {
+                                       m_control.restart();
+                                       m_control.run_for(time);
+                                     }});
+    Leftover none;
     for (const StreamOptions& stream : m_options.streams) {
       m_streams.push_back(
           std::make_unique<RunningStream>(stream, m_options, *m_surroundings, none));
@@ -81,6 +87,9 @@ void Agent::StartServices() {
 }
 
 void Agent::OnInputEnded() {
+  if (m_exchanging) {
+    return;  // looked at when the streams are complete again
+  }
   const bool goesOn = std::any_of(m_streams.begin(), m_streams.end(),
                                   [](const auto& running) { return !running->HasInputEnded(); });
   // Without a stream it waits for a better configuration.
@@ -92,6 +101,10 @@ void Agent::OnInputEnded() {
 }
 
 void Agent::OnSignal(ProcessSignals::Request request, const std::string& name) {
+  if (request == ProcessSignals::Request::Reload && m_stopRequested) {
+    LogFacade::Info(m_log, "%s received; the agent stops, and reads nothing any more.", name);
+    return;
+  }
   if (request == ProcessSignals::Request::Reload) {
     LogFacade::Info(m_log, "%s received; reading the configuration and certificates again.", name);
     m_reloadRequested = true;
@@ -222,6 +235,7 @@ void Agent::TearDown() {
     running->Refuse();
   }
   m_streams.clear();
+  m_exchange.reset();
   m_surroundings.reset();
   m_monitor.reset();
   m_manager.reset();
@@ -237,15 +251,19 @@ void Agent::Reload() {
     Configuration read = m_file.load();
     // Before anything can be said about it. Those of before may still be in use.
     WindowsAgentCommon::LoggerFactory::AddSecrets(read.secrets);
+    m_reloadProblem.clear();
     if (read.mistakes.empty()) {
       Apply(std::move(read.options));
     } else {
       for (const ConfigurationMistake& mistake : read.mistakes) {
         LogFacade::Error(m_log, "%s", ToText(mistake, m_file.name));
       }
-      LogFacade::Error(m_log, "%s has %d mistakes and is not taken; the agent goes on as before.",
-                       m_file.name, read.mistakes.size());
+      m_reloadProblem = WindowsAgentCommon::Format(
+          "%s has %d mistakes and is not taken; the agent goes on as before.", m_file.name,
+          read.mistakes.size());
+      LogFacade::Error(m_log, "%s", m_reloadProblem);
     }
+    ShowTroubles();
   }
   if (!m_stopRequested) {
     for (const auto& running : m_streams) {
@@ -254,14 +272,25 @@ void Agent::Reload() {
   }
 }
 
+void Agent::ShowTroubles() {
+  if (m_monitor) {
+    m_monitor->SetTroubles(m_reloadProblem, m_exchange->GetTroubles());
+  }
+}
+
 void Agent::Apply(AgentOptions options) {
   const ReloadPlan plan = MakeReloadPlan(m_options.streams, options.streams);
   ApplyCommon(options);
-  std::map<std::string, std::vector<MadeSource>> kept;
-  if (!Leave(plan, options, kept)) {
+  m_exchanging = true;
+  const bool isDone = m_exchange->Exchange(m_streams, options.streams, plan, m_options);
+  m_exchanging = false;
+  if (!isDone) {
     return;
   }
-  Replace(options, std::move(kept));
+  m_options.streams.clear();
+  for (const auto& running : m_streams) {
+    m_options.streams.push_back(running->GetOptions());
+  }
   LogFacade::Info(m_log,
                   "%s was read again: %d streams go on untouched, %d were changed, %d added, %d "
                   "removed.",
@@ -295,99 +324,6 @@ void Agent::ApplyCommon(const AgentOptions& options) {
     }
     WatchStreams();
   }
-}
-
-bool Agent::Leave(const ReloadPlan& plan, const AgentOptions& options,
-                  std::map<std::string, std::vector<MadeSource>>& kept) {
-  std::vector<RunningStream*> leaving;
-  for (const auto& running : m_streams) {
-    const std::string& name = running->GetName();
-    const bool isRemoved =
-        std::find(plan.removed.begin(), plan.removed.end(), name) != plan.removed.end();
-    if (isRemoved ||
-        std::find(plan.changed.begin(), plan.changed.end(), name) != plan.changed.end()) {
-      LogFacade::Info(m_log, "Stream %s: %s.", name,
-                      isRemoved ? "removed from the configuration; it is brought to rest"
-                                : "its section has changed; it is brought to rest");
-      leaving.push_back(running.get());
-    }
-  }
-  for (RunningStream* const running : leaving) {
-    const StreamOptions* const successor = FindStream(options.streams, running->GetName());
-    running->PauseSources(successor != nullptr ? *successor : StreamOptions{});
-  }
-  Drain(leaving, false, [this] { return m_stopRequested; });
-  if (m_stopRequested) {
-    for (RunningStream* const running : leaving) {
-      running->ResumeAndStopSources();
-    }
-    return false;
-  }
-  for (RunningStream* const running : leaving) {
-    running->Refuse();
-  }
-  for (RunningStream* const running : leaving) {
-    const StreamReport report = running->Close();
-    if (report.cached > 0 && FindStream(options.streams, running->GetName()) == nullptr) {
-      LogFacade::Warn(m_log,
-                      "Stream %s: %d events stay in its cache until there is a stream of that name "
-                      "again.",
-                      running->GetName(), report.cached);
-    }
-    kept[running->GetName()] = running->TakePausedSources();
-    std::erase_if(m_streams, [&](const auto& one) { return one.get() == running; });
-  }
-  return true;
-}
-
-void Agent::Replace(const AgentOptions& options,
-                    std::map<std::string, std::vector<MadeSource>> kept) {
-  const std::vector<StreamOptions> before = std::exchange(m_options.streams, {});
-  Streams present = std::exchange(m_streams, {});
-  for (const StreamOptions& wanted : options.streams) {
-    const auto running = std::find_if(present.begin(), present.end(), [&](const auto& one) {
-      return one && one->GetName() == wanted.name;
-    });
-    if (running != present.end()) {
-      m_streams.push_back(std::move(*running));
-      m_options.streams.push_back(wanted);
-      continue;
-    }
-    auto made = TryMake(wanted, kept[wanted.name]);
-    const StreamOptions* const old = FindStream(before, wanted.name);
-    if (!made && old != nullptr) {
-      LogFacade::Warn(m_log, "Stream %s goes on with its section as it was before.", wanted.name);
-      made = TryMake(*old, kept[wanted.name]);
-    }
-    if (made) {
-      m_options.streams.push_back(made->GetOptions());
-      m_streams.push_back(std::move(made));
-    } else {
-      LogFacade::Error(m_log,
-                       "Stream %s does not run until the configuration is read again with success.",
-                       wanted.name);
-    }
-  }
-}
-
-std::unique_ptr<RunningStream> Agent::TryMake(const StreamOptions& options,
-                                              std::vector<MadeSource>& kept) {
-  std::unique_ptr<RunningStream> made;
-  try {
-    made = std::make_unique<RunningStream>(options, m_options, *m_surroundings, kept);
-    made->StartSources();
-    return made;
-  } catch (const std::exception& error) {
-    LogFacade::Error(m_log, "The section of stream %s can't be used: %s.", options.name,
-                     error.what());
-  }
-  if (made) {
-    // Sources that had gone on have posted what they had read.
-    Drain({made.get()}, false, [this] { return m_stopRequested; });
-    made->Refuse();
-    made->Close();
-  }
-  return nullptr;
 }
 
 }  // namespace OrloAgent

@@ -12,10 +12,10 @@
 #include "Agent/Monitor/Monitor.h"
 #include "Agent/Options.h"
 #include "Agent/ProcessSignals.h"
-#include "Agent/ReloadPlan.h"
 #include "Agent/RunningStream.h"
 #include "Agent/ServiceNotifier.h"
 #include "Agent/StreamAccount.h"
+#include "Agent/StreamExchange.h"
 #include "OrloStream/StreamManager.h"
 #include "WindowsAgentCommon/DiskManager.h"
 #include "WindowsAgentCommon/Logging.h"
@@ -64,8 +64,6 @@ class Agent {
   std::vector<StreamReport> Stop();
 
  private:
-  using Streams = std::vector<std::unique_ptr<RunningStream>>;
-
   void StartServices();
   void OnInputEnded();
   void WatchStreams();
@@ -79,13 +77,7 @@ class Agent {
   void Reload();
   void Apply(AgentOptions options);
   void ApplyCommon(const AgentOptions& options);
-  // False when the agent is to stop instead; then the streams are as before, without sources.
-  bool Leave(const ReloadPlan& plan, const AgentOptions& options,
-             std::map<std::string, std::vector<MadeSource>>& kept);
-  void Replace(const AgentOptions& options, std::map<std::string, std::vector<MadeSource>> kept);
-  // Null if it can't be made, which was logged.
-  std::unique_ptr<RunningStream> TryMake(const StreamOptions& options,
-                                         std::vector<MadeSource>& kept);
+  void ShowTroubles();
 
   AgentOptions m_options;
   const std::string m_moduleDirectory;
@@ -101,6 +93,10 @@ class Agent {
   unsigned m_signalCount = 0;
   bool m_stopRequested = false;
   bool m_reloadRequested = false;
+  // Streams come and go: whether the input of all of them has ended can't be told now.
+  bool m_exchanging = false;
+  // Why the file was not taken when it was last read; empty: it was.
+  std::string m_reloadProblem;
 
   // Destroyed in the reverse order: streams first, services last.
   std::unique_ptr<DataDirectoryLock> m_lock;
@@ -111,7 +107,8 @@ class Agent {
   // Null where the options ask for none.
   std::unique_ptr<Monitor> m_monitor;
   std::unique_ptr<StreamSurroundings> m_surroundings;
-  Streams m_streams;
+  std::unique_ptr<StreamExchange> m_exchange;
+  StreamExchange::Streams m_streams;
 };
 
 }  // namespace OrloAgent

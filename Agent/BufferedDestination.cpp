@@ -10,8 +10,11 @@
 #include "OrloStream/Status.h"
 #include "WindowsAgentCommon/Exceptions.h"
 #include "WindowsAgentCommon/MessageBlockPtr.h"
+#include "WindowsAgentCommon/MessageBlocks.h"
 
 namespace OrloAgent {
+
+using WindowsAgentCommon::MessageBlockPtr;
 
 namespace {
 
@@ -29,6 +32,25 @@ std::string_view FormatLength(std::size_t length, std::array<char, 24>& memory) 
   char* const end = std::to_chars(memory.data(), memory.data() + memory.size() - 1, length).ptr;
   *end = ' ';
   return {memory.data(), static_cast<std::size_t>(end + 1 - memory.data())};
+}
+
+// The message of a frame, and whether it had a line end.
+std::string_view Unframe(std::string_view frame, OutputFraming framing, std::uint8_t& flags) {
+  flags = 0;
+  if (framing == OutputFraming::OctetCounted) {
+    return frame.substr(frame.find(' ') + 1);
+  }
+  if (!frame.empty() && frame.back() == '\n') {
+    return frame.substr(0, frame.size() - 1);
+  }
+  flags = EventFlags::kNoLineEnd;
+  return frame;
+}
+
+MessageBlockPtr MakeBlock(std::size_t size) {
+  ACE_Message_Block* block = nullptr;
+  WindowsAgentCommon::CreateDataMessageBlock(size, block);
+  return MessageBlockPtr(block);
 }
 
 }  // namespace
@@ -89,6 +111,26 @@ int BufferedDestination::put(ACE_Message_Block* block, ACE_Time_Value*) {
     taken = m_writer.Append(parts.data(), parts.size());
   }
   return taken ? 0 : OrloStream::Status(OrloStream::Status::kBackpressure).ToInt();
+}
+
+std::vector<MessageBlockPtr> BufferedDestination::TakeUnsent() {
+  const EventHeaderTemplate header(EventOrigin::Text, std::string_view());
+  std::vector<MessageBlockPtr> events;
+  for (const std::string& frame : m_writer.TakeUnsentFrames()) {
+    std::uint8_t flags = 0;
+    const std::string_view message = Unframe(frame, m_framing, flags);
+    MessageBlockPtr head = MakeBlock(header.GetSize());
+    MessageBlockPtr payload = MakeBlock(message.size());
+    if (!head || !payload) {
+      continue;
+    }
+    header.Write(head->wr_ptr(), flags, 0);
+    head->wr_ptr(header.GetSize());
+    payload->copy(message.data(), message.size());
+    head->cont(payload.release());
+    events.push_back(std::move(head));
+  }
+  return events;
 }
 
 }  // namespace OrloAgent

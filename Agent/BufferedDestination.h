@@ -38,6 +38,10 @@ class BufferedDestination : public Destination {
   std::uint64_t GetSentEvents() const override { return m_writer.GetSentFrames(); }
   std::vector<EndCounter> GetCounters() const override;
 
+  // Made anew of what stands in the buffer: messages and line ends are as they were; what else the
+  // heads said is gone.
+  std::vector<WindowsAgentCommon::MessageBlockPtr> TakeUnsent() override;
+
  private:
   const OutputFraming m_framing;
   BufferedWriter m_writer;

@@ -105,6 +105,13 @@ std::vector<EndCounter> BufferedWriter::GetCounters() const {
   return counters;
 }
 
+std::vector<std::string> BufferedWriter::TakeUnsentFrames() {
+  const std::lock_guard lock(m_lock);
+  std::vector<std::string> frames = m_buffer.TakeUnsentFrames();
+  m_unsent.store(0, std::memory_order_release);
+  return frames;
+}
+
 void BufferedWriter::RunFlusher() {
   std::unique_lock lock(m_lock);
   milliseconds delay = m_options.flushDelay;

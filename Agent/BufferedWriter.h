@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
@@ -61,6 +62,9 @@ class BufferedWriter {
 
   // Writes what is left as far as the channel takes it, and closes the channel.
   void Stop();
+
+  // After Stop: the accepted frames that have not left completely, in order. None is unsent then.
+  std::vector<std::string> TakeUnsentFrames();
 
   // Accepted frames that have not left completely.
   std::uint64_t GetUnsentFrames() const { return m_unsent.load(std::memory_order_acquire); }

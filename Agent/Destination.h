@@ -9,6 +9,7 @@
 
 #include "Agent/EndCounter.h"
 #include "Agent/Options.h"
+#include "WindowsAgentCommon/MessageBlockPtr.h"
 #include "WindowsAgentCommon/OrloTask.h"
 
 namespace OrloAgent {
@@ -45,6 +46,14 @@ class Destination : public WindowsAgentCommon::OrloTask {
   };
   // Nothing where there is no fallback. Any thread.
   virtual std::optional<Parts> GetParts() const { return std::nullopt; }
+
+  // Events among the unsent ones that an earlier stream of the name has left. They count for this
+  // stream from its beginning.
+  virtual std::uint64_t GetInheritedEvents() const { return 0; }
+
+  // After Stop: the events that were taken and have not left, oldest first. They are the caller's
+  // then, and no longer unsent. An event of which only a part has left is among them.
+  virtual std::vector<WindowsAgentCommon::MessageBlockPtr> TakeUnsent() { return {}; }
 };
 
 // The stream's destination, with its fallback if it has one. Throws as MakeDestination.

@@ -57,6 +57,19 @@ std::string_view EventWindow::GetMessage(std::uint64_t number) const {
                             : std::string_view(payload->rd_ptr(), payload->length());
 }
 
+std::vector<MessageBlockPtr> EventWindow::TakeUnacknowledged() {
+  std::vector<MessageBlockPtr> events;
+  for (Entry& entry : m_entries) {
+    if (!entry.acknowledged) {
+      events.push_back(std::move(entry.event));
+    }
+  }
+  m_first += m_entries.size();
+  m_entries.clear();
+  m_unacknowledged = 0;
+  return events;
+}
+
 void EventWindow::Rewind() {
   for (Entry& entry : m_entries) {
     entry.acknowledged = false;

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <deque>
 #include <string_view>
+#include <vector>
 
 #include "WindowsAgentCommon/MessageBlockPtr.h"
 
@@ -35,6 +36,9 @@ class EventWindow {
   std::size_t GetSize() const { return m_entries.size(); }
   std::uint64_t GetFirst() const { return m_first; }
   std::string_view GetMessage(std::uint64_t number) const;
+
+  // Gives back all that are not acknowledged, oldest first, and is empty.
+  std::vector<WindowsAgentCommon::MessageBlockPtr> TakeUnacknowledged();
 
   // All of them count as unacknowledged again: they are to be sent once more, in order.
   void Rewind();

@@ -3,6 +3,7 @@
 #include <ace/Message_Block.h>
 
 #include <algorithm>
+#include <iterator>
 #include <thread>
 
 #include "OrloStream/Status.h"
@@ -63,6 +64,13 @@ std::uint64_t FallbackDestination::GetUnsentEvents() const {
 
 std::uint64_t FallbackDestination::GetLostEvents() const {
   return m_first->GetLostEvents() + m_second->GetLostEvents();
+}
+
+std::vector<WindowsAgentCommon::MessageBlockPtr> FallbackDestination::TakeUnsent() {
+  auto events = m_first->TakeUnsent();
+  auto younger = m_second->TakeUnsent();
+  std::move(younger.begin(), younger.end(), std::back_inserter(events));
+  return events;
 }
 
 std::vector<EndCounter> FallbackDestination::GetCounters() const {

@@ -38,8 +38,10 @@ class FallbackDestination : public Destination {
   void Refuse() override;
   std::uint64_t GetUnsentEvents() const override;
   std::uint64_t GetLostEvents() const override;
-
   std::uint64_t GetSentEvents() const override;
+
+  // Those of the first, then those of the second.
+  std::vector<WindowsAgentCommon::MessageBlockPtr> TakeUnsent() override;
 
   // What it counts itself; its parts have their own.
   std::vector<EndCounter> GetCounters() const override;

@@ -45,6 +45,17 @@ void FrameBuffer::MarkSent(std::size_t size) {
   }
 }
 
+std::vector<std::string> FrameBuffer::TakeUnsentFrames() {
+  std::vector<std::string> frames;
+  frames.reserve(GetUnsentFrames());
+  for (; m_firstFrame < m_sizes.size(); ++m_firstFrame) {
+    frames.emplace_back(m_bytes.data() + m_begin, m_sizes[m_firstFrame]);
+    m_begin += m_sizes[m_firstFrame];
+  }
+  MarkSent(m_end - m_sent);
+  return frames;
+}
+
 void FrameBuffer::MoveToFront() {
   std::memmove(m_bytes.data(), m_bytes.data() + m_begin, m_end - m_begin);
   m_sent -= m_begin;

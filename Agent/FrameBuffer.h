@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -29,6 +30,9 @@ class FrameBuffer {
   void RestartFrame() { m_sent = m_begin; }
 
   bool IsAtFrameStart() const { return m_sent == m_begin; }
+
+  // The frames that were not sent completely, whole and in order; the buffer is empty then.
+  std::vector<std::string> TakeUnsentFrames();
 
   // Frames that were not sent completely.
   std::size_t GetUnsentFrames() const { return m_sizes.size() - m_firstFrame; }

@@ -68,6 +68,7 @@ class KafkaDestination : public Destination {
   int put(ACE_Message_Block* block, ACE_Time_Value* timeout = nullptr) override;
   void Refuse() override { m_refusing = true; }
   std::uint64_t GetUnsentEvents() const override { return m_unsent.load(); }
+  std::vector<MessageBlockPtr> TakeUnsent() override;
   std::uint64_t GetLostEvents() const override { return m_lost.load(); }
   std::uint64_t GetSentEvents() const override { return m_acknowledged.load(); }
   std::vector<EndCounter> GetCounters() const override;
@@ -417,6 +418,13 @@ void KafkaDestination::Stop() {
   rd_kafka_purge(m_producer.get(), RD_KAFKA_PURGE_F_QUEUE | RD_KAFKA_PURGE_F_INFLIGHT);
   rd_kafka_flush(m_producer.get(), static_cast<int>(kLongestEnd.count()));
   m_producer.reset();
+}
+
+std::vector<MessageBlockPtr> KafkaDestination::TakeUnsent() {
+  const std::lock_guard lock(m_lock);
+  auto events = m_window.TakeUnacknowledged();
+  m_unsent = 0;
+  return events;
 }
 
 }  // namespace

@@ -57,6 +57,7 @@ class RelpDestination : public Destination {
   std::uint64_t GetUnsentEvents() const override { return m_unacknowledged.load(); }
   std::uint64_t GetSentEvents() const override { return m_acknowledged.load(); }
   std::vector<EndCounter> GetCounters() const override;
+  std::vector<MessageBlockPtr> TakeUnsent() override;
 
  private:
   // All of these on the destination's thread; those that give false have said why in m_problem.
@@ -457,6 +458,13 @@ void RelpDestination::Stop() {
     LogFacade::Warn(m_log, "%d events were not acknowledged; %s may have some of them or none.",
                     m_unacknowledged.load(), ToText(m_options.target));
   }
+}
+
+std::vector<MessageBlockPtr> RelpDestination::TakeUnsent() {
+  const std::lock_guard lock(m_lock);
+  auto events = m_window.TakeUnacknowledged();
+  m_unacknowledged = 0;
+  return events;
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 #include "Agent/RunningStream.h"
 
 #include <algorithm>
+#include <iterator>
+#include <utility>
 
 #include "Agent/Destination.h"
 #include "Agent/Monitor/Monitor.h"
@@ -11,6 +13,7 @@
 
 namespace OrloAgent {
 
+using std::chrono::milliseconds;
 using WindowsAgentCommon::LogFacade;
 
 namespace {
@@ -45,10 +48,10 @@ std::chrono::milliseconds FindProcessingPeriod(const std::vector<StageOptions>& 
   return std::chrono::milliseconds(microseconds / 1000);
 }
 
-std::chrono::milliseconds GetPatience(const DestinationOptions& options) {
+milliseconds GetPatience(const DestinationOptions& options) {
   return std::visit(
       [](const auto& destination) {
-        std::chrono::milliseconds patience = destination.sendTimeout;
+        milliseconds patience = destination.sendTimeout;
         if constexpr (requires { destination.connectTimeout; }) {
           patience += destination.connectTimeout;
         }
@@ -57,25 +60,37 @@ std::chrono::milliseconds GetPatience(const DestinationOptions& options) {
       options);
 }
 
+milliseconds GetPatience(const StreamOptions& stream) {
+  return GetPatience(stream.destination) +
+         (stream.fallback ? GetPatience(stream.fallback->destination) : milliseconds(0));
+}
+
+milliseconds FindChunkPeriod(const StreamOptions& stream) {
+  milliseconds period{0};
+  for (const StageOptions& stage : stream.stages) {
+    period += GetChunkPeriod(stage);
+  }
+  return period;
+}
+
 // Far longer than a thread that works ever takes, so that no busy machine is taken for a thread
 // that hangs.
 StreamPulse::Limits GetPulseLimits(const StreamOptions& stream) {
   constexpr std::chrono::minutes kMargin{2};
   StreamPulse::Limits limits{kMargin, kMargin};
-  for (const StageOptions& stage : stream.stages) {
-    limits.decide += GetChunkPeriod(stage);
-  }
-  limits.send += GetPatience(stream.destination);
-  if (stream.fallback) {
-    limits.send += GetPatience(stream.fallback->destination);
-  }
+  limits.decide += FindChunkPeriod(stream);
+  limits.send += GetPatience(stream);
   return limits;
 }
+
+// A destination that has sent nothing for so long will not send the rest soon, and the stream that
+// follows can have it.
+constexpr std::chrono::seconds kAway{5};
 
 }  // namespace
 
 RunningStream::RunningStream(const StreamOptions& options, const AgentOptions& common,
-                             const StreamSurroundings& surroundings, std::vector<MadeSource>& kept)
+                             const StreamSurroundings& surroundings, Leftover& left)
     : m_options(options),
       m_surroundings(surroundings),
       m_log(WindowsAgentCommon::LoggerFactory::GetLog("Code.Agent")),
@@ -87,14 +102,21 @@ RunningStream::RunningStream(const StreamOptions& options, const AgentOptions& c
                     GetName(), found.events, found.chunks);
   }
   WarnOfShortDrain(common.shutdown);
-  Create();
-  for (const StageOptions& stage : m_options.stages) {
-    if (stage.module == kStoreAndForward) {
-      m_watch = std::make_unique<StreamWatch>(
-          common.watch, GetName(), stage, m_surroundings.dataDirectory, m_surroundings.statistics);
+  Create(left);
+  try {
+    for (const StageOptions& stage : m_options.stages) {
+      if (stage.module == kStoreAndForward) {
+        m_watch =
+            std::make_unique<StreamWatch>(common.watch, GetName(), stage,
+                                          m_surroundings.dataDirectory, m_surroundings.statistics);
+      }
     }
+    GatherSources(left.sources);
+  } catch (...) {
+    m_surroundings.manager.Remove(*m_stream);
+    throw;
   }
-  GatherSources(kept);
+  m_destination->Open(std::move(left.destination), std::exchange(left.events, {}));
 }
 
 RunningStream::~RunningStream() {
@@ -120,32 +142,42 @@ void RunningStream::WarnOfShortDrain(const ShutdownOptions& shutdown) const {
   }
 }
 
-void RunningStream::Create() {
+void RunningStream::Create(const Leftover& left) {
   OrloStream::StreamDefinition definition;
   definition.name = WindowsAgentCommon::ToWide(GetName());
   for (const StageOptions& stage : m_options.stages) {
     definition.stages.push_back({stage.module, {stage.settings.begin(), stage.settings.end()}});
   }
-  auto destination = MakeDestinationOfStream(m_options);
-  Destination* const made = destination.get();
+  auto destination = std::make_unique<DestinationGate>(
+      left.destination ? nullptr : MakeDestinationOfStream(m_options), GetName());
+  DestinationGate* const made = destination.get();
   definition.destination = std::move(destination);
   m_stream = &m_surroundings.manager.Create(std::move(definition));
   m_destination = made;
 }
 
 void RunningStream::GatherSources(std::vector<MadeSource>& kept) {
+  // Whatever can fail comes before anything is taken.
+  std::vector<MadeSource> sources;
+  std::vector<MadeSource*> found;
   for (const SourceOptions& options : m_options.sources) {
-    const auto same = std::find_if(kept.begin(), kept.end(),
-                                   [&](const MadeSource& one) { return one.options == options; });
-    if (same == kept.end()) {
-      m_sources.push_back(MakeNewSource(options));
-    } else {
-      m_sources.push_back(std::move(*same));
-      kept.erase(same);
-    }
-    m_notMadeBefore += m_sources.back().source->GetNotMade();
-    m_sourceStatistics.emplace_back(m_surroundings.statistics, GetName(), DescribeSource(options));
+    const auto same = std::find_if(kept.begin(), kept.end(), [&](MadeSource& one) {
+      return one.options == options && std::find(found.begin(), found.end(), &one) == found.end();
+    });
+    found.push_back(same == kept.end() ? nullptr : &*same);
+    sources.push_back(same == kept.end() ? MakeNewSource(options) : MadeSource());
+    const Source& source = found.back() ? *found.back()->source : *sources.back().source;
+    m_notMadeBefore += source.GetNotMade();
+    m_sourceStatistics.emplace_back(m_surroundings.statistics, GetName(), DescribeSource(options),
+                                    source);
   }
+  for (std::size_t i = 0; i < sources.size(); ++i) {
+    if (found[i] != nullptr) {
+      sources[i] = std::move(*found[i]);
+    }
+  }
+  std::erase_if(kept, [](const MadeSource& one) { return !one.owner; });
+  m_sources = std::move(sources);
 }
 
 MadeSource RunningStream::MakeNewSource(const SourceOptions& options) const {
@@ -166,8 +198,8 @@ MadeSource RunningStream::MakeNewSource(const SourceOptions& options) const {
 
 void RunningStream::StartSources() {
   std::vector<std::unique_ptr<OrloStream::IStreamSource>> owners;
-  // Kept ones first: should a new one fail, those that wait have gone on, and are stopped in order.
-  for (const bool begun : {true, false}) {
+  // New ones first: should one fail, those that wait have noticed nothing.
+  for (const bool begun : {false, true}) {
     for (MadeSource& made : m_sources) {
       if (made.owner && made.source->HasBegun() == begun) {
         owners.push_back(std::move(made.owner));
@@ -187,7 +219,7 @@ void RunningStream::ShowToMonitor() {
   for (const MadeSource& made : m_sources) {
     sources.push_back(made.source);
   }
-  m_surroundings.monitor->AddStream(m_options, std::move(sources), *m_destination);
+  m_surroundings.monitor->AddStream(m_options, std::move(sources), *m_destination, m_notMadeBefore);
 }
 
 void RunningStream::HideFromMonitor() {
@@ -198,17 +230,20 @@ void RunningStream::HideFromMonitor() {
 
 void RunningStream::StopSources() { m_surroundings.manager.StopSources(*m_stream); }
 
-void RunningStream::PauseSources(const StreamOptions& successor) {
+void RunningStream::BeginToLeave(const StreamOptions* successor, const ShutdownOptions& shutdown) {
   for (auto& owner : m_surroundings.manager.TakeSources(*m_stream)) {
     const auto made = std::find_if(m_sources.begin(), m_sources.end(),
                                    [&](const auto& one) { return one.source == owner.get(); });
     made->owner = std::move(owner);
   }
-  std::vector<SourceOptions> wanted = successor.sources;
+  std::vector<SourceOptions> wanted;
+  if (successor != nullptr) {
+    wanted = successor->sources;
+  }
   m_paused.assign(m_sources.size(), false);
   for (std::size_t i = 0; i < m_sources.size(); ++i) {
     const auto same = std::find(wanted.begin(), wanted.end(), m_sources[i].options);
-    if (same != wanted.end()) {
+    if (same != wanted.end() && m_sources[i].source->HasBegun()) {
       wanted.erase(same);
       m_sources[i].source->Pause();
       m_paused[i] = true;
@@ -219,9 +254,41 @@ void RunningStream::PauseSources(const StreamOptions& successor) {
       m_sources[i].source->Stop();
     }
   }
+  m_leavesDestination = successor != nullptr && HasSameDestination(m_options, *successor);
+  // A destination that goes on sends the rest later; one that is gone for good gets all the time.
+  Departure::Limits limits;
+  limits.chunkPeriod = FindChunkPeriod(m_options);
+  limits.processingPeriod = m_processingPeriod;
+  limits.patience = GetPatience(m_options);
+  limits.deliver = shutdown.drainTimeout;
+  limits.away = m_leavesDestination    ? milliseconds(0)
+                : successor != nullptr ? milliseconds(kAway)
+                                       : shutdown.drainTimeout;
+  m_departure.emplace(limits, Departure::Clock::now());
+  m_destination->Hold();
 }
 
-void RunningStream::ResumeAndStopSources() {
+bool RunningStream::Depart(Departure::Clock::time_point now) {
+  switch (m_departure->Look(Look(), m_destination->IsSenderHeld(), now)) {
+    case Departure::Step::Deliver:
+      return false;
+    case Departure::Step::Keep:
+      if (!std::exchange(m_keeps, true)) {
+        m_destination->Keep(m_leavesDestination);
+      }
+      return false;
+    case Departure::Step::Leave:
+      break;
+  }
+  if (m_departure->IsLate()) {
+    LogFacade::Warn(m_log, "Stream %s did not come to rest in time.", GetName());
+  }
+  return true;
+}
+
+void RunningStream::StayAndStopSources() {
+  m_keeps = false;
+  m_destination->Pass();
   for (std::size_t i = 0; i < m_paused.size(); ++i) {
     if (m_paused[i]) {
       m_sources[i].source->Start(*m_stream);
@@ -231,16 +298,18 @@ void RunningStream::ResumeAndStopSources() {
   m_paused.clear();
 }
 
-std::vector<MadeSource> RunningStream::TakePausedSources() {
-  std::vector<MadeSource> paused;
+Leftover RunningStream::TakeLeftover() {
+  Leftover left;
   for (std::size_t i = 0; i < m_paused.size(); ++i) {
     if (m_paused[i]) {
-      paused.push_back(std::move(m_sources[i]));
+      left.sources.push_back(std::move(m_sources[i]));
     }
   }
   m_paused.clear();
   m_sources.clear();
-  return paused;
+  left.madeFrom = m_options;
+  left.destination = m_destination->TakeLeft(left.events);
+  return left;
 }
 
 bool RunningStream::HasInputEnded() const {
@@ -274,12 +343,20 @@ StreamPulse::State RunningStream::LookAtPulse(StreamPulse::Clock::time_point now
 }
 
 StreamReport RunningStream::Look() {
-  std::uint64_t notMade = 0;
+  return m_account.Look([this] { return AskEnds(); });
+}
+
+EndCounts RunningStream::AskEnds() const {
+  EndCounts counts;
   for (const MadeSource& made : m_sources) {
-    notMade += made.source->GetNotMade();
+    counts.notMade += made.source->GetNotMade();
   }
-  return m_account.Look(m_destination->GetUnsentEvents(), m_destination->GetLostEvents(),
-                        notMade - m_notMadeBefore);
+  counts.notMade -= m_notMadeBefore;
+  counts.unsent = m_destination->GetUnsentEvents();
+  counts.refused = m_destination->GetLostEvents();
+  counts.inherited = m_destination->GetInheritedEvents();
+  counts.refusals = m_destination->GetRefusals();
+  return counts;
 }
 
 void RunningStream::Refuse() { m_destination->Refuse(); }
@@ -287,7 +364,10 @@ void RunningStream::Refuse() { m_destination->Refuse(); }
 StreamReport RunningStream::Close() {
   HideFromMonitor();
   m_surroundings.manager.StopStages(*m_stream);
-  const StreamReport report = Look();
+  StreamReport report = Look();
+  if (m_keeps) {
+    report.held -= static_cast<std::int64_t>(m_destination->GetUnsentEvents());
+  }
   LogFacade::Info(m_log, "Stream %s: %d events delivered, %d cached, %d lost, %d held.", GetName(),
                   report.delivered, report.cached, report.lost + report.failed,
                   std::max<std::int64_t>(0, report.held));

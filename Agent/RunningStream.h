@@ -4,11 +4,14 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "Agent/Departure.h"
+#include "Agent/DestinationGate.h"
+#include "Agent/Leftover.h"
 #include "Agent/Options.h"
-#include "Agent/Source.h"
 #include "Agent/SourceStatistics.h"
 #include "Agent/StreamAccount.h"
 #include "Agent/StreamPulse.h"
@@ -19,7 +22,6 @@
 
 namespace OrloAgent {
 
-class Destination;
 class Monitor;
 
 // What all streams of the agent share, and what outlives them.
@@ -35,23 +37,15 @@ struct StreamSurroundings {
   std::function<void(std::function<void()>)> post;
 };
 
-// A source that was made, with the section it was made from.
-struct MadeSource {
-  std::unique_ptr<OrloStream::IStreamSource> owner;
-  Source* source = nullptr;
-  SourceOptions options;
-  // Set on the control thread when its input has ended.
-  std::shared_ptr<bool> ended = std::make_shared<bool>(false);
-};
-
 // One stream from its creation to its closing line. Control thread only.
 class RunningStream {
  public:
-  // Builds and starts the stages and the destination; no source begins. Sources in `kept`, which
-  // are paused, are taken from there if the options have the same section; the others are made.
-  // Throws InitializationException; then nothing of the stream is left, and `kept` is as it was.
+  // Builds and starts the stages and the destination; no source begins. What is in `left` is taken
+  // from there: sources and the destination if the options have the same section, and the events,
+  // which are sent first. Throws InitializationException; then nothing of the stream is left, and
+  // `left` is as it was.
   RunningStream(const StreamOptions& options, const AgentOptions& common,
-                const StreamSurroundings& surroundings, std::vector<MadeSource>& kept);
+                const StreamSurroundings& surroundings, Leftover& left);
 
   // Ends whatever still runs, without waiting for events.
   ~RunningStream();
@@ -61,20 +55,24 @@ class RunningStream {
   const std::string& GetName() const { return m_options.name; }
   const StreamOptions& GetOptions() const { return m_options; }
 
-  // Begins new sources, and lets kept ones go on. Throws InitializationException; then all of them
-  // are stopped.
+  // Begins new sources, then lets kept ones go on. Throws InitializationException; then no new one
+  // runs, and the kept ones are paused as before.
   void StartSources();
   void StopSources();
 
-  // For a stream that gives way to another of its name: sources whose section the other one has,
-  // too, are paused, all others stopped.
-  void PauseSources(const StreamOptions& successor);
+  // For a stream that gives way to another of its name, or to none (null): sources whose section
+  // the other one has, too, are paused, all others stopped. From then on the stream is brought to
+  // rest by Depart.
+  void BeginToLeave(const StreamOptions* successor, const ShutdownOptions& shutdown);
 
-  // Undoes PauseSources and stops them: what they have read comes through this stream.
-  void ResumeAndStopSources();
+  // To be called every 100 ms until it says that the stream can be closed without a loss.
+  bool Depart(Departure::Clock::time_point now);
 
-  // The sources that PauseSources has paused, after Close.
-  std::vector<MadeSource> TakePausedSources();
+  // Undoes BeginToLeave and stops the sources: what they have read comes through this stream.
+  void StayAndStopSources();
+
+  // After Close.
+  Leftover TakeLeftover();
 
   // Whether the input of every source has ended.
   bool HasInputEnded() const;
@@ -95,14 +93,16 @@ class RunningStream {
   void Refuse();
 
   // Stops the stages and says in one line where the events are. The sources are stopped or paused.
+  // After Depart nothing is held: what would be is for TakeLeftover.
   StreamReport Close();
 
  private:
   void ShowToMonitor();
   void HideFromMonitor();
   void WarnOfShortDrain(const ShutdownOptions& shutdown) const;
-  void Create();
+  void Create(const Leftover& left);
   void GatherSources(std::vector<MadeSource>& kept);
+  EndCounts AskEnds() const;
   MadeSource MakeNewSource(const SourceOptions& options) const;
 
   const StreamOptions m_options;
@@ -114,12 +114,16 @@ class RunningStream {
   // Null where there is no store-and-forward stage.
   std::unique_ptr<StreamWatch> m_watch;
   OrloStream::Stream* m_stream = nullptr;
-  Destination* m_destination = nullptr;  // owned by the stream
-  // In the order of the options. Owned by the stream, but for the time between PauseSources and
+  DestinationGate* m_destination = nullptr;  // owned by the stream
+  // In the order of the options. Owned by the stream, but for the time between BeginToLeave and
   // what follows.
   std::vector<MadeSource> m_sources;
   std::vector<SourceStatistics> m_sourceStatistics;
   std::vector<bool> m_paused;
+  // After BeginToLeave.
+  std::optional<Departure> m_departure;
+  bool m_keeps = false;
+  bool m_leavesDestination = false;
   // What the sources had counted before they came to this stream.
   std::uint64_t m_notMadeBefore = 0;
 };

@@ -29,15 +29,16 @@ StatisticValue Number(std::uint64_t value) {
 }  // namespace
 
 SourceStatistics::SourceStatistics(WindowsAgentCommon::StatisticsServer& statistics,
-                                   const std::string& streamName, const std::string& sourceName) {
+                                   const std::string& streamName, const std::string& sourceName,
+                                   const Source& source) {
   const WindowsAgentCommon::StatisticsInstanceScope scope(streamName);
   statistics.CreateGroup("Source", "AgentCore/StreamManager/Streams", m_group);
   m_group->DeclareStatistic("SourceName", "What tells the source from the others of its stream",
                             StatisticValue(kTextKind, LoggerFactory::WithoutSecrets(sourceName)));
   m_group->DeclareStatistic(PostedName(), "The number of events that the source has posted",
-                            Number(0));
+                            Number(source.GetPosted()));
   m_group->DeclareStatistic(NotMadeName(), "The number of events that could not be posted",
-                            Number(0));
+                            Number(source.GetNotMade()));
   m_group->Publish();
   statistics.RegisterGroup(m_group);
 }

@@ -27,8 +27,7 @@ StreamAccount::StreamAccount(const WindowsAgentCommon::StatisticsServer& statist
       m_inventory(dataDirectory / "Events" / ToPath(m_streamName)),
       m_atStart(m_inventory.Look()) {}
 
-StreamReport StreamAccount::Look(std::uint64_t unsent, std::uint64_t refused,
-                                 std::uint64_t notMade) {
+StreamReport StreamAccount::Look(const std::function<EndCounts()>& askEnds) {
   StreamReport report;
   for (const auto& group : m_statistics.GetSnapshot()) {
     if (group.instance != m_streamName) {
@@ -45,17 +44,24 @@ StreamReport StreamAccount::Look(std::uint64_t unsent, std::uint64_t refused,
       report.refusals = GetCounter(group, "NumberOfRequeues");
     }
   }
-  // An event is in the buffer a moment before the stage counts it.
-  report.delivered = report.sent - std::min(report.sent, unsent + refused);
-  report.lost += refused;
+  const EndCounts ends = askEnds();
+  report.refusals += ends.refusals;
+  report.inherited = ends.inherited;
+  const std::uint64_t taken = report.sent + ends.inherited;
+  report.delivered = taken - std::min(taken, ends.unsent + ends.refused);
   report.cachedAtStart = m_atStart.events;
   const CacheContents contents = m_inventory.Look();
   report.cached = contents.events;
   report.cachedChunks = contents.chunks;
-  report.held = static_cast<std::int64_t>(report.posted + report.cachedAtStart - report.failed -
-                                          report.lost - report.delivered - report.cached);
-  report.posted += notMade;
-  report.lost += notMade;
+  report.undecided =
+      static_cast<std::int64_t>(report.posted + report.cachedAtStart - report.failed - report.lost -
+                                report.accepted - report.cached);
+  report.lost += ends.refused;
+  report.held =
+      static_cast<std::int64_t>(report.posted + report.cachedAtStart + report.inherited -
+                                report.failed - report.lost - report.delivered - report.cached);
+  report.posted += ends.notMade;
+  report.lost += ends.notMade;
   return report;
 }
 

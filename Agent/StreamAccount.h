@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
 
 #include "Agent/CacheInventory.h"
@@ -30,11 +31,30 @@ struct StreamReport {
   std::uint64_t cached = 0;
   std::uint64_t cachedChunks = 0;
   std::uint64_t cachedAtStart = 0;
+  // What an earlier stream of the name has left in memory.
+  std::uint64_t inherited = 0;
+  // What the stage has neither handed to its sender nor cached nor lost: its queue and its chunk.
+  // Below zero for a moment while a chunk goes from the disk to the sender.
+  std::int64_t undecided = 0;
   // Everything else: in the stage's queue, chunk or pending events, or in the destination's buffer.
   // Below zero for a moment while a chunk goes from the disk to the destination.
   std::int64_t held = 0;
 
   bool operator==(const StreamReport&) const = default;
+};
+
+// What a stream's ends say at one moment.
+struct EndCounts {
+  // Waits in the destination's buffer, which the stage counts as delivered.
+  std::uint64_t unsent = 0;
+  // Was taken by the destination, which can never send it; the stage counts that as well.
+  std::uint64_t refused = 0;
+  // StreamReport::inherited.
+  std::uint64_t inherited = 0;
+  // Refusals that the stage does not see.
+  std::uint64_t refusals = 0;
+  // Events that the sources could not make.
+  std::uint64_t notMade = 0;
 };
 
 // Reads a stream's account from the statistics of its stage and its cache directory. One thread.
@@ -47,10 +67,9 @@ class StreamAccount {
 
   const CacheContents& GetContentsAtStart() const { return m_atStart; }
 
-  // `unsent`: what waits in the destination's buffer, which the stage counts as delivered.
-  // `refused`: what the destination has taken and can never send, which the stage counts as well.
-  // `notMade`: events that the sources could not make.
-  StreamReport Look(std::uint64_t unsent, std::uint64_t refused, std::uint64_t notMade);
+  // The ends are asked after the stage: an event is in the destination's buffer before the stage
+  // counts it as sent, so what is called delivered then is never more than what has left.
+  StreamReport Look(const std::function<EndCounts()>& askEnds);
 
  private:
   const WindowsAgentCommon::StatisticsServer& m_statistics;

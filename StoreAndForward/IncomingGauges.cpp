@@ -6,7 +6,9 @@ namespace OrloStoreAndForward {
 
 IncomingGauges::IncomingGauges(const std::string& streamName,
                                ACE_Message_Queue<ACE_MT_SYNCH>& queue)
-    : m_queueBytes(streamName, "QueueBytes",
+    : m_runningGauge(streamName, "IncomingRunning",
+                     [this] { return m_running.load(std::memory_order_acquire); }),
+      m_queueBytes(streamName, "QueueBytes",
                    [&queue] { return static_cast<std::int64_t>(queue.message_length()); }),
       m_queueEvents(streamName, "QueueEvents",
                     [&queue] { return static_cast<std::int64_t>(queue.message_count()); }),

@@ -15,7 +15,8 @@ namespace OrloStoreAndForward {
 // What lies in the Incoming processor at the moment, for whoever watches the agent: the gauges
 // "QueueBytes", "QueueEvents", "ChunkEvents" and "ChunkAgeMilliseconds" of the stream; and which
 // way its events have gone, as totals: "ChunksNear", "EventsNear", "ChunksFar", "EventsFar",
-// "ChunksSpilled" and "EventsSpilled". Owned by the processor.
+// "ChunksSpilled" and "EventsSpilled". The gauge "IncomingRunning" is 1 until the processor's
+// thread will touch no event any more, then 0. Owned by the processor.
 class IncomingGauges {
  public:
   // The queue outlives it.
@@ -29,6 +30,9 @@ class IncomingGauges {
     }
     m_events.store(static_cast<std::int64_t>(events), std::memory_order_relaxed);
   }
+
+  // The thread hands over and caches nothing from now on. Incoming thread.
+  void SetEnded() { m_running.store(0, std::memory_order_release); }
 
   // A chunk of so many events was handed over straight from memory; handed over from the cache;
   // taken by the cache. Incoming thread.
@@ -52,9 +56,11 @@ class IncomingGauges {
 
   std::int64_t GetAgeMilliseconds() const;
 
+  std::atomic<std::int64_t> m_running{1};
   std::atomic<std::int64_t> m_events{0};
   // When the chunk got its first event.
   std::atomic<Clock::rep> m_since{0};
+  WindowsAgentCommon::Gauge m_runningGauge;
   WindowsAgentCommon::Gauge m_queueBytes;
   WindowsAgentCommon::Gauge m_queueEvents;
   WindowsAgentCommon::Gauge m_chunkEvents;

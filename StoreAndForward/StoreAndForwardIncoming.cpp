@@ -143,6 +143,7 @@ int StoreAndForwardIncoming::svc() {
   } catch (int error) {
     LogFacade::Debug(m_log, "Stage thread exception %d.", error);
   }
+  m_gauges->SetEnded();
   LogFacade::Debug(m_log, "Thread exiting (StoreAndForwardIncoming).");
   return 0;
 }

@@ -46,6 +46,12 @@ void AddAgent(const AgentState& state, MetricBuilder& builder) {
               ToSeconds(state.sampled));
   agent.Gauge("orlo_agent_healthy", "Whether the agent and all its streams are healthy (1)",
               state.IsHealthy() ? 1 : 0);
+  agent.Gauge("orlo_agent_configuration_taken",
+              "Whether all of the configuration file, as it was last read, is in use (1)",
+              state.isConfigurationTaken ? 1 : 0);
+  agent.Gauge("orlo_agent_streams_not_running",
+              "Streams of the configuration that could not be made when it was read again",
+              state.streamsNotRunning);
   agent.Gauge("orlo_disk_used_bytes", "What lies below the data directory and counts for the quota",
               state.disk.used);
   agent.Gauge("orlo_disk_quota_bytes", "What may lie below the data directory; 0 is no limit",
@@ -81,6 +87,8 @@ void AddStream(const StreamState& stream, MetricBuilder& builder) {
             stream.problems.empty() ? 1 : 0);
   add.Counter("orlo_stream_events_posted_total",
               "Events that the sources have posted or could not make", stream.posted);
+  add.Counter("orlo_stream_events_delivered_total",
+              "Events that have left the destination's buffer", stream.delivered);
   add.Counter("orlo_stream_events_lost_total", "Events that nobody will ever get",
               stream.lost + stream.failed);
   add.Gauge("orlo_stream_queue_bytes", "What waits in the stage's queue", stream.queueBytes);

@@ -32,10 +32,13 @@ class HttpMonitor : public Monitor {
   }
 
   void AddStream(const StreamOptions& options, std::vector<const Source*> sources,
-                 const Destination& destination) override {
-    m_sampler.AddStream(options, std::move(sources), destination);
+                 const Destination& destination, std::uint64_t notMadeBefore) override {
+    m_sampler.AddStream(options, std::move(sources), destination, notMadeBefore);
   }
   void RemoveStream(const std::string& name) override { m_sampler.RemoveStream(name); }
+  void SetTroubles(const std::string& file, const std::vector<StreamTrouble>& streams) override {
+    m_sampler.SetTroubles(file, streams);
+  }
 
  private:
   HttpAnswer Answer(const std::string& path, const std::string& query) const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -21,6 +22,14 @@ struct MonitorSurroundings {
   std::filesystem::path dataDirectory;
 };
 
+// A stream that is not as the configuration wants it.
+struct StreamTrouble {
+  std::string stream;
+  // Whether it runs in another way.
+  bool runs = false;
+  std::string problem;
+};
+
 // Whether this build can show how it is. Without that, making the monitor throws.
 bool IsMonitorAvailable();
 
@@ -32,10 +41,15 @@ class Monitor {
   virtual ~Monitor() = default;
 
   // From now on the stream is looked at. Its sources, in the order of the options, have begun; they
-  // and the destination stay until RemoveStream has returned.
+  // and the destination stay until RemoveStream has returned. `notMadeBefore`: what the sources had
+  // counted as not made before they came to the stream.
   virtual void AddStream(const StreamOptions& options, std::vector<const Source*> sources,
-                         const Destination& destination) = 0;
+                         const Destination& destination, std::uint64_t notMadeBefore) = 0;
   virtual void RemoveStream(const std::string& name) = 0;
+
+  // What the last reading of the configuration has led to: why the file as a whole was not taken
+  // (empty: it was), and which streams are not as it says. Shown until the next call.
+  virtual void SetTroubles(const std::string& file, const std::vector<StreamTrouble>& streams) = 0;
 };
 
 // Null if the options name no address. Listens before it returns, and says where; throws

@@ -135,6 +135,10 @@ struct AgentState {
   std::vector<LoggedMessage> messages;
   std::uint64_t warnings = 0;
   std::uint64_t errors = 0;
+  // Whether all of the configuration file, as it was last read, is in use; and how many of its
+  // streams do not run at all.
+  bool isConfigurationTaken = true;
+  std::uint64_t streamsNotRunning = 0;
   // What concerns no single stream.
   std::vector<std::string> problems;
 

@@ -68,6 +68,8 @@ struct Sampler::Watched {
   std::vector<const Source*> sources;
   const Destination* destination;
   EndsReading described;
+  // What the sources had counted before they came to the stream.
+  std::uint64_t notMadeBefore = 0;
 
   EndsReading Ask() const {
     EndsReading reading = described;
@@ -75,6 +77,8 @@ struct Sampler::Watched {
       reading.sources[i].counters = sources[i]->GetCounters();
       reading.notMade += sources[i]->GetNotMade();
     }
+    reading.notMade -= notMadeBefore;
+    reading.inherited = destination->GetInheritedEvents();
     AskDestination(reading);
     reading.unsent = destination->GetUnsentEvents();
     reading.refused = destination->GetLostEvents();
@@ -119,7 +123,7 @@ Sampler::~Sampler() {
 }
 
 void Sampler::AddStream(const StreamOptions& options, std::vector<const Source*> sources,
-                        const Destination& destination) {
+                        const Destination& destination, std::uint64_t notMadeBefore) {
   EndsReading described;
   for (const SourceOptions& source : options.sources) {
     described.sources.push_back(std::visit(DescribeSource{}, source));
@@ -144,7 +148,7 @@ void Sampler::AddStream(const StreamOptions& options, std::vector<const Source*>
   }
   auto watched = std::make_shared<Watched>(
       Watched{StreamSampler(options, m_surroundings.dataDirectory, m_surroundings.refusedAfter),
-              std::move(sources), &destination, std::move(described)});
+              std::move(sources), &destination, std::move(described), notMadeBefore});
   const std::lock_guard guard(m_streamsLock);
   m_streams.push_back(std::move(watched));
 }
@@ -152,6 +156,12 @@ void Sampler::AddStream(const StreamOptions& options, std::vector<const Source*>
 void Sampler::RemoveStream(const std::string& name) {
   const std::lock_guard guard(m_streamsLock);
   std::erase_if(m_streams, [&](const auto& one) { return one->sampler.GetName() == name; });
+}
+
+void Sampler::SetTroubles(const std::string& file, const std::vector<StreamTrouble>& streams) {
+  const std::lock_guard guard(m_streamsLock);
+  m_fileTrouble = file;
+  m_streamTroubles = streams;
 }
 
 void Sampler::Start() {
@@ -177,6 +187,9 @@ void Sampler::Sample() {
   state->version = m_surroundings.version;
   state->started = m_started;
   const auto now = StreamSampler::Clock::now();
+  // Before the destinations are asked: what they have taken and the stages have not counted yet is
+  // not taken for delivered then.
+  state->statistics = m_surroundings.statistics->GetSnapshot();
   std::vector<std::pair<std::shared_ptr<Watched>, EndsReading>> asked;
   {
     const std::lock_guard guard(m_streamsLock);
@@ -184,17 +197,37 @@ void Sampler::Sample() {
       asked.emplace_back(watched, watched->Ask());
     }
   }
-  // After the destinations were asked, so that what has left one of them has been counted.
-  state->statistics = m_surroundings.statistics->GetSnapshot();
   for (auto& [watched, ends] : asked) {
     state->streams.push_back(watched->sampler.Look(state->statistics, std::move(ends), now));
   }
+  AddTroubles(*state);
   state->disk = LookAtDisk(state->problems);
   m_messages.AddTo(*state);
   state->sampled = GetMilliseconds();
   const std::lock_guard guard(m_lock);
   KeepHistory(*state);
   m_state = std::move(state);
+}
+
+void Sampler::AddTroubles(AgentState& state) {
+  const std::lock_guard guard(m_streamsLock);
+  state.isConfigurationTaken = m_fileTrouble.empty() && m_streamTroubles.empty();
+  if (!m_fileTrouble.empty()) {
+    state.problems.push_back(LoggerFactory::WithoutSecrets(m_fileTrouble));
+  }
+  for (const StreamTrouble& trouble : m_streamTroubles) {
+    const std::string problem = LoggerFactory::WithoutSecrets(trouble.problem);
+    const auto stream = std::find_if(state.streams.begin(), state.streams.end(),
+                                     [&](const auto& one) { return one.name == trouble.stream; });
+    if (!trouble.runs) {
+      ++state.streamsNotRunning;
+    }
+    if (stream != state.streams.end()) {
+      stream->problems.push_back(problem);
+    } else {
+      state.problems.push_back("stream " + trouble.stream + ": " + problem);
+    }
+  }
 }
 
 DiskState Sampler::LookAtDisk(std::vector<std::string>& problems) const {

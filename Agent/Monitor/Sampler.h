@@ -11,6 +11,7 @@
 
 #include "Agent/Destination.h"
 #include "Agent/Monitor/MessageRing.h"
+#include "Agent/Monitor/Monitor.h"
 #include "Agent/Monitor/MonitorState.h"
 #include "Agent/Monitor/StreamSampler.h"
 #include "Agent/Source.h"
@@ -34,10 +35,14 @@ class Sampler {
   explicit Sampler(Surroundings surroundings);
   ~Sampler();
 
-  // Control thread. The sources and the destination are asked until RemoveStream has returned.
+  // As Monitor::AddStream. Control thread. The sources and the destination are asked until
+  // RemoveStream has returned.
   void AddStream(const StreamOptions& options, std::vector<const Source*> sources,
-                 const Destination& destination);
+                 const Destination& destination, std::uint64_t notMadeBefore);
   void RemoveStream(const std::string& name);
+
+  // As Monitor::SetTroubles.
+  void SetTroubles(const std::string& file, const std::vector<StreamTrouble>& streams);
 
   // Takes a first look and starts the thread.
   void Start();
@@ -53,6 +58,7 @@ class Sampler {
 
   void Run();
   void Sample();
+  void AddTroubles(AgentState& state);
   void KeepHistory(const AgentState& state);
   DiskState LookAtDisk(std::vector<std::string>& problems) const;
 
@@ -62,7 +68,10 @@ class Sampler {
 
   // Held while streams are asked. Taken before m_lock.
   std::mutex m_streamsLock;
-  std::vector<std::shared_ptr<Watched>> m_streams;  // guarded by m_streamsLock
+  // Guarded by m_streamsLock:
+  std::vector<std::shared_ptr<Watched>> m_streams;
+  std::string m_fileTrouble;
+  std::vector<StreamTrouble> m_streamTroubles;
 
   mutable std::mutex m_lock;
   // Guarded by m_lock:

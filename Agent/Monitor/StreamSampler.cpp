@@ -65,8 +65,10 @@ StreamState StreamSampler::Look(const std::vector<StatisticsGroupSnapshot>& stat
   state.name = m_name;
   state.unsentEvents = ends.unsent;
   ReadStatistics(statistics, state);
-  // An event is in the destination's buffer a moment before the stage counts it.
-  state.delivered = Minus(state.sent, ends.unsent + ends.refused);
+  // An event is in the destination's buffer before the stage counts it, so this can be less than
+  // what was seen before.
+  state.delivered =
+      std::max(m_last.delivered, Minus(state.sent + ends.inherited, ends.unsent + ends.refused));
   state.posted += ends.notMade;
   state.lost += ends.notMade + ends.refused;
   state.sources = std::move(ends.sources);

@@ -23,6 +23,8 @@ struct EndsReading {
   std::uint64_t notMade = 0;
   std::uint64_t unsent = 0;
   std::uint64_t refused = 0;
+  // Of what was delivered or is unsent, what an earlier stream of the name has left.
+  std::uint64_t inherited = 0;
 };
 
 // Makes the state of one stream out of its published statistics, the gauges of its stage, its cache

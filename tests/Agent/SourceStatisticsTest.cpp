@@ -19,9 +19,9 @@ class CountedSource : public OrloAgent::Source {
 
 TEST(SourceStatistics, EachSourceOfAStreamHasItsGroup) {
   WindowsAgentCommon::StatisticsServer server;
-  OrloAgent::SourceStatistics first(server, "S", "tcp://h:1");
-  OrloAgent::SourceStatistics second(server, "S", "stdin");
   CountedSource source;
+  OrloAgent::SourceStatistics first(server, "S", "tcp://h:1", source);
+  OrloAgent::SourceStatistics second(server, "S", "stdin", source);
   source.Count(7, 2);
   first.Publish(source);
   source.Count(1, 0);
@@ -37,6 +37,17 @@ TEST(SourceStatistics, EachSourceOfAStreamHasItsGroup) {
   EXPECT_EQ(groups[0].GetInteger("EventsPosted"), 7);
   EXPECT_EQ(boost::get<std::string>(*groups[1].Find("SourceName")), "stdin");
   EXPECT_EQ(groups[1].GetInteger("EventsPosted"), 8);
+}
+
+TEST(SourceStatistics, ASourceThatGoesOnWithAnotherStreamGoesOnCounting) {
+  WindowsAgentCommon::StatisticsServer server;
+  CountedSource source;
+  source.Count(7, 2);
+  const OrloAgent::SourceStatistics statistics(server, "S", "stdin", source);
+  const auto groups = server.GetSnapshot();
+  ASSERT_EQ(groups.size(), 1u);
+  EXPECT_EQ(groups[0].GetInteger("EventsPosted"), 7);
+  EXPECT_EQ(groups[0].GetInteger("EventsNotMade"), 2);
 }
 
 }  // namespace

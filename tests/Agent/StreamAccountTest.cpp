@@ -8,6 +8,7 @@
 
 namespace {
 
+using OrloAgent::EndCounts;
 using OrloAgent::RestDetector;
 using OrloAgent::StreamAccount;
 using OrloAgent::StreamReport;
@@ -52,7 +53,7 @@ TEST_F(StreamAccountTest, WhatIsNotFoundElsewhereIsHeld) {
   Publish("A", "StoreAndForwardOutgoing", {{"EventsOutgoing", 600}});
   Publish("B", "StoreAndForwardStage", {{"TotalEventsPosted", 5}});
 
-  const StreamReport report = account.Look(10, 0, 2);
+  const StreamReport report = account.Look([] { return EndCounts{.unsent = 10, .notMade = 2}; });
   EXPECT_EQ(report.posted, 1002u) << "with the two that could not be made";
   EXPECT_EQ(report.failed, 3u);
   EXPECT_EQ(report.lost, 9u);
@@ -66,7 +67,7 @@ TEST_F(StreamAccountTest, WhatTheDestinationCanNeverSendIsLostAndNotDelivered) {
   StreamAccount account(m_statistics, "A", m_directory.Path());
   Publish("A", "StoreAndForwardStage", {{"TotalEventsPosted", 10}});
   Publish("A", "StoreAndForwardOutgoing", {{"EventsOutgoing", 9}});
-  const StreamReport report = account.Look(2, 3, 0);
+  const StreamReport report = account.Look([] { return EndCounts{.unsent = 2, .refused = 3}; });
   EXPECT_EQ(report.delivered, 4u);
   EXPECT_EQ(report.lost, 3u);
   EXPECT_EQ(report.held, 3);
@@ -76,9 +77,35 @@ TEST_F(StreamAccountTest, AnEventInTheBufferThatTheStageHasNotCountedIsNotDelive
   StreamAccount account(m_statistics, "A", m_directory.Path());
   Publish("A", "StoreAndForwardStage", {{"TotalEventsPosted", 1}});
   Publish("A", "StoreAndForwardOutgoing", {{"EventsOutgoing", 0}});
-  const StreamReport report = account.Look(1, 0, 0);
+  const StreamReport report = account.Look([] { return EndCounts{.unsent = 1}; });
   EXPECT_EQ(report.delivered, 0u);
   EXPECT_EQ(report.held, 1);
+}
+
+TEST_F(StreamAccountTest, WhatAnEarlierStreamHasLeftIsHeldUntilItIsDelivered) {
+  StreamAccount account(m_statistics, "A", m_directory.Path());
+  Publish("A", "StoreAndForwardStage", {{"TotalEventsPosted", 10}});
+  Publish("A", "StoreAndForwardOutgoing", {{"EventsIncoming", 8}, {"EventsOutgoing", 6}});
+  const StreamReport before =
+      account.Look([] { return EndCounts{.unsent = 5 + 6, .inherited = 5, .refusals = 2}; });
+  EXPECT_EQ(before.delivered, 0u);
+  EXPECT_EQ(before.undecided, 2);
+  EXPECT_EQ(before.held, 15);
+  EXPECT_EQ(before.refusals, 2u);
+  const StreamReport after = account.Look([] { return EndCounts{.unsent = 1, .inherited = 5}; });
+  EXPECT_EQ(after.delivered, 10u);
+  EXPECT_EQ(after.held, 5);
+}
+
+TEST_F(StreamAccountTest, TheEndsAreAskedAfterTheStage) {
+  StreamAccount account(m_statistics, "A", m_directory.Path());
+  Publish("A", "StoreAndForwardOutgoing", {{"EventsOutgoing", 4}});
+  const StreamReport report = account.Look([this] {
+    // The sender goes on in between.
+    Publish("A", "StoreAndForwardOutgoing", {{"EventsOutgoing", 9}});
+    return EndCounts{.unsent = 2};
+  });
+  EXPECT_EQ(report.delivered, 2u);
 }
 
 constexpr std::chrono::milliseconds kPeriod{500};

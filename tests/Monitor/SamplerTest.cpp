@@ -93,7 +93,7 @@ TEST_F(SamplerTest, WhatTheConfigurationOnlyRefersToIsHidden) {
   const CountingSource first;
   const CountingSource second;
   const IdleDestination destination;
-  m_sampler->AddStream(m_options, {&first, &second}, destination);
+  m_sampler->AddStream(m_options, {&first, &second}, destination, 0);
   m_sampler->Start();
   EXPECT_EQ(m_sampler->GetState()->streams.at(0).destination.name, "(hidden)");
   m_sampler->RemoveStream("S");
@@ -105,7 +105,7 @@ TEST_F(SamplerTest, AFallbackIsSeenByItsNameAndIsAProblemWhileItGetsTheEvents) {
   const CountingSource first;
   const CountingSource second;
   const DividedDestination destination;
-  m_sampler->AddStream(m_options, {&first, &second}, destination);
+  m_sampler->AddStream(m_options, {&first, &second}, destination, 0);
   m_sampler->Start();
   const StreamState stream = m_sampler->GetState()->streams.at(0);
   ASSERT_TRUE(stream.fallback);
@@ -125,11 +125,12 @@ TEST_F(SamplerTest, StreamIsSeenFromAddToRemove) {
   auto destination = std::make_unique<IdleDestination>();
   m_sampler->Start();
   EXPECT_THAT(m_sampler->GetState()->streams, IsEmpty());
-  m_sampler->AddStream(m_options, {first.get(), second.get()}, *destination);
+  m_sampler->AddStream(m_options, {first.get(), second.get()}, *destination, 1);
   const auto with = WaitFor([](const AgentState& state) { return !state.streams.empty(); });
   const StreamState& stream = with->streams.front();
   EXPECT_EQ(stream.unsentEvents, 4u);
-  EXPECT_EQ(stream.posted, 4u) << "what two sources could not make";
+  EXPECT_EQ(stream.posted, 3u) << "what two sources could not make, less what was before";
+  EXPECT_EQ(stream.lost, 3u);
   ASSERT_EQ(stream.sources.size(), 2u);
   EXPECT_EQ(stream.sources[0].name, "stdin");
   EXPECT_EQ(stream.sources[1].name, "stdin (2)") << "names tell sources apart";
@@ -141,6 +142,26 @@ TEST_F(SamplerTest, StreamIsSeenFromAddToRemove) {
   destination.reset();
   WaitFor([](const AgentState& state) { return state.streams.empty(); });
   EXPECT_EQ(m_sampler->GetHistory(0).count("S"), 1u) << "the past stays";
+}
+
+TEST_F(SamplerTest, AConfigurationThatIsNotInUseIsAProblemUntilOneIs) {
+  CountingSource source;
+  IdleDestination destination;
+  m_options.sources.pop_back();
+  m_sampler->AddStream(m_options, {&source}, destination, 0);
+  m_sampler->Start();
+  EXPECT_TRUE(m_sampler->GetState()->isConfigurationTaken);
+  m_sampler->SetTroubles("f has 2 mistakes", {{"S", true, "as before: x"}, {"T", false, "no: y"}});
+  const auto bad = WaitFor([](const AgentState& state) { return !state.isConfigurationTaken; });
+  EXPECT_THAT(bad->problems, testing::ElementsAre("f has 2 mistakes", "stream T: no: y"));
+  EXPECT_THAT(bad->streams.front().problems, testing::ElementsAre("as before: x"));
+  EXPECT_EQ(bad->streamsNotRunning, 1u);
+  EXPECT_FALSE(bad->IsHealthy());
+  m_sampler->SetTroubles("", {});
+  const auto good = WaitFor([](const AgentState& state) { return state.isConfigurationTaken; });
+  EXPECT_TRUE(good->IsHealthy());
+  EXPECT_EQ(good->streamsNotRunning, 0u);
+  m_sampler->RemoveStream("S");
 }
 
 TEST_F(SamplerTest, DiskThatIsFullIsAProblem) {

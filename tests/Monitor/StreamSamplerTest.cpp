@@ -151,6 +151,26 @@ TEST_F(StreamSamplerTest, LossIsAProblemForFiveMinutesAndTellsHowManyAreLost) {
   EXPECT_THAT(LookAfter(500).problems, IsEmpty());
 }
 
+TEST_F(StreamSamplerTest, WhatIsDeliveredNeverBecomesLess) {
+  m_ends.unsent = 10;
+  EXPECT_EQ(LookAfter(0).delivered, 50u);
+  // The destination has taken events that the stage has not counted yet.
+  m_ends.unsent = 13;
+  EXPECT_EQ(LookAfter(1).delivered, 50u);
+  m_ends.unsent = 70;
+  EXPECT_EQ(LookAfter(2).delivered, 50u);
+  m_sent = 80;
+  m_ends.unsent = 0;
+  EXPECT_EQ(LookAfter(3).delivered, 80u);
+}
+
+TEST_F(StreamSamplerTest, WhatAnEarlierStreamHasLeftIsDeliveredByThisOne) {
+  m_ends.inherited = m_ends.unsent = 5;
+  EXPECT_EQ(LookAfter(0).delivered, 60u);
+  m_ends.unsent = 0;
+  EXPECT_EQ(LookAfter(1).delivered, 65u);
+}
+
 TEST_F(StreamSamplerTest, StallIsAProblem) {
   m_stalled = 1;
   EXPECT_THAT(LookAfter(0).problems,

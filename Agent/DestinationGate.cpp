@@ -1,0 +1,234 @@
+#include "Agent/DestinationGate.h"
+
+#include <algorithm>
+#include <iterator>
+#include <system_error>
+
+#include "OrloStream/Status.h"
+#include "WindowsAgentCommon/Gauges.h"
+
+namespace OrloAgent {
+
+using OrloStream::Status;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+using WindowsAgentCommon::LogFacade;
+using WindowsAgentCommon::MessageBlockPtr;
+
+namespace {
+
+// Between two offers of an event that was refused.
+constexpr milliseconds kBetweenOffers{100};
+constexpr milliseconds kBetweenOlder{1'000};
+
+// How long the sender waits for older events to leave before it is sent away for half a minute.
+constexpr milliseconds kLongestWait{5'000};
+
+constexpr milliseconds kBetweenLooks{5};
+
+int Backpressure() { return Status(Status::kBackpressure).ToInt(); }
+
+// Whether a stage of the stream may still hand something over. One that does not say is taken to be
+// at its end.
+bool MayHandOver(const std::string& streamName) {
+  const auto gauges = WindowsAgentCommon::ReadGauges(streamName);
+  return std::any_of(gauges.begin(), gauges.end(), [](const auto& gauge) {
+    return gauge.name == "IncomingRunning" && gauge.value != 0;
+  });
+}
+
+void Append(std::vector<MessageBlockPtr>& events, std::vector<MessageBlockPtr> more) {
+  std::move(more.begin(), more.end(), std::back_inserter(events));
+}
+
+}  // namespace
+
+DestinationGate::DestinationGate(std::unique_ptr<Destination> destination, std::string streamName)
+    : m_streamName(std::move(streamName)),
+      m_log(WindowsAgentCommon::LoggerFactory::GetLog("Code.Agent")),
+      m_destination(std::move(destination)) {}
+
+DestinationGate::~DestinationGate() { DestinationGate::Stop(); }
+
+void DestinationGate::Initialize(const WindowsAgentCommon::EnvironmentBlock& environment) {
+  if (m_destination) {
+    m_destination->Initialize(environment);
+  }
+}
+
+void DestinationGate::Open(std::unique_ptr<Destination> running,
+                           std::vector<MessageBlockPtr> events) {
+  const std::lock_guard lock(m_lock);
+  if (running) {
+    m_destination = std::move(running);
+    m_lostBefore = m_destination->GetLostEvents();
+    m_inherited = m_destination->GetUnsentEvents();
+  }
+  m_inherited += events.size();
+  std::move(events.begin(), events.end(), std::back_inserter(m_older));
+  m_olderCount = m_older.size();
+  m_open = true;
+  m_clear = m_older.empty();
+  if (m_clear) {
+    return;
+  }
+  LogFacade::Info(m_log, "Stream %s: %d events of the stream before it are sent first.",
+                  m_streamName, m_older.size());
+  try {
+    m_thread = std::thread(&DestinationGate::RunOlder, this);
+  } catch (const std::system_error& error) {
+    LogFacade::Warn(m_log, "Stream %s: these events wait for the next one (%s).", m_streamName,
+                    std::string(error.what()));
+  }
+}
+
+int DestinationGate::put(ACE_Message_Block* block, ACE_Time_Value* timeout) {
+  if (m_clear.load(std::memory_order_acquire) &&
+      m_mode.load(std::memory_order_acquire) == Mode::Passing) {
+    return m_destination->put(block, timeout);
+  }
+  const int result = PutOneByOne(MessageBlockPtr(block));
+  m_heldIn = Mode::Passing;
+  return result;
+}
+
+int DestinationGate::PutOneByOne(MessageBlockPtr event) {
+  const auto deadline = steady_clock::now() + kLongestWait;
+  while (!m_refusing) {
+    if (m_mode == Mode::Keeping) {
+      m_heldIn = Mode::Keeping;
+      if (!MayHandOver(m_streamName)) {
+        const std::lock_guard lock(m_lock);
+        m_kept.push_back(std::move(event));
+        ++m_keptCount;
+        return 0;
+      }
+      std::this_thread::sleep_for(kBetweenLooks);
+      continue;
+    }
+    int result = 0;
+    {
+      const std::lock_guard lock(m_lock);
+      if (DeliverOlder() && Offer(*event, result)) {
+        return result;
+      }
+    }
+    ++m_refusals;
+    const Mode mode = m_mode;
+    if (mode == Mode::Keeping) {
+      continue;
+    }
+    if (mode == Mode::Passing && (m_clear || steady_clock::now() >= deadline)) {
+      break;
+    }
+    m_heldIn = mode;
+    std::this_thread::sleep_for(kBetweenOffers);
+  }
+  return Backpressure();
+}
+
+// False if the destination can't take it now. Requires m_lock.
+bool DestinationGate::Offer(const ACE_Message_Block& event, int& result) {
+  ACE_Message_Block* const reference = event.duplicate();
+  result = reference == nullptr ? Backpressure() : m_destination->put(reference);
+  return !Status::FromInt(result).Backpressure();
+}
+
+// True if nothing is left. Requires m_lock.
+bool DestinationGate::DeliverOlder() {
+  int ignored = 0;
+  while (m_open && !m_older.empty()) {
+    if (m_refusing || m_mode == Mode::Keeping || !Offer(*m_older.front(), ignored)) {
+      return false;
+    }
+    m_older.pop_front();
+    m_olderCount = m_older.size();
+  }
+  m_clear = m_open;
+  return m_open;
+}
+
+void DestinationGate::RunOlder() {
+  std::unique_lock lock(m_lock);
+  while (!m_stop && m_mode != Mode::Keeping && !DeliverOlder()) {
+    m_stopped.wait_for(lock, kBetweenOlder, [this] { return m_stop; });
+  }
+}
+
+void DestinationGate::Hold() { m_mode = Mode::Holding; }
+
+void DestinationGate::Keep(bool leavesDestination) {
+  m_leavesDestination = leavesDestination;
+  m_mode = Mode::Keeping;
+  if (!leavesDestination && m_destination) {
+    // An offer that waits for room ends soon.
+    m_destination->Refuse();
+  }
+}
+
+void DestinationGate::Pass() { m_mode = Mode::Passing; }
+
+void DestinationGate::Refuse() {
+  m_refusing = true;
+  if (m_destination) {
+    m_destination->Refuse();
+  }
+}
+
+void DestinationGate::Stop() {
+  if (m_mode != Mode::Keeping) {
+    m_refusing = true;
+  }
+  {
+    const std::lock_guard lock(m_lock);
+    m_stop = true;
+  }
+  m_stopped.notify_all();
+  if (m_thread.joinable()) {
+    m_thread.join();
+  }
+  if (m_destination && !m_leavesDestination) {
+    m_destination->Stop();
+  }
+}
+
+std::unique_ptr<Destination> DestinationGate::TakeLeft(std::vector<MessageBlockPtr>& events) {
+  const std::lock_guard lock(m_lock);
+  if (m_destination && !m_leavesDestination) {
+    const std::uint64_t unsent = m_destination->GetUnsentEvents();
+    auto taken = m_destination->TakeUnsent();
+    if (taken.size() < unsent) {
+      LogFacade::Error(m_log, "Stream %s: %d events that were not sent are lost.", m_streamName,
+                       unsent - taken.size());
+    }
+    Append(events, std::move(taken));
+  }
+  std::move(m_older.begin(), m_older.end(), std::back_inserter(events));
+  m_older.clear();
+  Append(events, std::exchange(m_kept, {}));
+  m_olderCount = 0;
+  m_keptCount = 0;
+  return m_leavesDestination ? std::move(m_destination) : nullptr;
+}
+
+std::uint64_t DestinationGate::GetUnsentEvents() const {
+  return (m_destination ? m_destination->GetUnsentEvents() : 0) + m_olderCount + m_keptCount;
+}
+
+std::uint64_t DestinationGate::GetSentEvents() const {
+  return m_destination ? m_destination->GetSentEvents() : 0;
+}
+
+std::optional<Destination::Parts> DestinationGate::GetParts() const {
+  return m_destination ? m_destination->GetParts() : std::nullopt;
+}
+
+std::uint64_t DestinationGate::GetLostEvents() const {
+  return m_destination ? m_destination->GetLostEvents() - m_lostBefore : 0;
+}
+
+std::vector<EndCounter> DestinationGate::GetCounters() const {
+  return m_destination ? m_destination->GetCounters() : std::vector<EndCounter>();
+}
+
+}  // namespace OrloAgent

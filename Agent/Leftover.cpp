@@ -1,0 +1,37 @@
+#include "Agent/Leftover.h"
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+namespace OrloAgent {
+
+void Leftover::StopSources(const StreamOptions* wanted) {
+  std::erase_if(sources, [&](const MadeSource& made) {
+    const bool isWanted = wanted != nullptr &&
+                          std::find(wanted->sources.begin(), wanted->sources.end(), made.options) !=
+                              wanted->sources.end();
+    if (!isWanted) {
+      made.source->Stop();
+    }
+    return !isWanted;
+  });
+}
+
+void Leftover::StopDestination(const StreamOptions* wanted) {
+  if (!destination || (wanted != nullptr && HasSameDestination(madeFrom, *wanted))) {
+    return;
+  }
+  destination->Refuse();
+  destination->Stop();
+  auto unsent = destination->TakeUnsent();
+  std::move(events.begin(), events.end(), std::back_inserter(unsent));
+  events = std::move(unsent);
+  destination.reset();
+}
+
+bool HasSameDestination(const StreamOptions& one, const StreamOptions& other) {
+  return one.destination == other.destination && one.fallback == other.fallback;
+}
+
+}  // namespace OrloAgent

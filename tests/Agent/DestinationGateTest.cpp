@@ -1,0 +1,238 @@
+#include "Agent/DestinationGate.h"
+
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "WindowsAgentCommon/Gauges.h"
+#include "tests/support/Events.h"
+
+namespace {
+
+using OrloAgent::Destination;
+using OrloAgent::DestinationGate;
+using TestSupport::MakeEvent;
+using TestSupport::PayloadOf;
+using TestSupport::WaitUntil;
+using WindowsAgentCommon::MessageBlockPtr;
+
+constexpr int kBackpressure = 0x40000000;
+constexpr int kError = -1;
+
+// Takes what it is told to; what it takes stays unsent until it is stopped.
+struct Record {
+  std::atomic<int> answer{0};
+  std::atomic<int> offers{0};
+  std::atomic<bool> initialized{false};
+  std::atomic<bool> refused{false};
+  std::atomic<bool> stopped{false};
+  std::atomic<std::uint64_t> lost{0};
+  std::mutex lock;
+  std::vector<std::string> taken;  // guarded by lock
+
+  std::vector<std::string> Taken() {
+    const std::lock_guard guard(lock);
+    return taken;
+  }
+};
+
+class RecordingDestination : public Destination {
+ public:
+  explicit RecordingDestination(Record& record) : m_record(record) {}
+  void Initialize(const WindowsAgentCommon::EnvironmentBlock&) override {
+    m_record.initialized = true;
+  }
+  void Stop() override { m_record.stopped = true; }
+  int put(ACE_Message_Block* block, ACE_Time_Value*) override {
+    MessageBlockPtr event(block);
+    ++m_record.offers;
+    const int answer = m_record.answer;
+    if (answer == 0) {
+      const std::lock_guard guard(m_record.lock);
+      m_record.taken.push_back(PayloadOf(event.get()));
+      m_unsent.push_back(std::move(event));
+    }
+    return answer;
+  }
+  void Refuse() override { m_record.refused = true; }
+  std::uint64_t GetUnsentEvents() const override {
+    const std::lock_guard guard(m_record.lock);
+    return m_unsent.size();
+  }
+  std::uint64_t GetSentEvents() const override { return 0; }
+  std::uint64_t GetLostEvents() const override { return m_record.lost; }
+  std::vector<MessageBlockPtr> TakeUnsent() override { return std::move(m_unsent); }
+
+ private:
+  Record& m_record;
+  std::vector<MessageBlockPtr> m_unsent;
+};
+
+std::vector<MessageBlockPtr> Events(std::initializer_list<const char*> payloads) {
+  std::vector<MessageBlockPtr> events;
+  for (const char* payload : payloads) {
+    events.emplace_back(MakeEvent("", payload));
+  }
+  return events;
+}
+
+std::vector<std::string> Payloads(const std::vector<MessageBlockPtr>& events) {
+  std::vector<std::string> payloads;
+  for (const auto& event : events) {
+    payloads.push_back(PayloadOf(event.get()));
+  }
+  return payloads;
+}
+
+using Texts = std::vector<std::string>;
+
+class DestinationGateTest : public testing::Test {
+ protected:
+  DestinationGateTest() : m_gate(std::make_unique<RecordingDestination>(m_record), "S") {
+    m_gate.Initialize({});
+  }
+
+  void Open(std::initializer_list<const char*> older = {}) { m_gate.Open(nullptr, Events(older)); }
+
+  std::future<int> PutOnAnotherThread(const char* payload) {
+    return std::async(std::launch::async,
+                      [this, payload] { return m_gate.put(MakeEvent("", payload)); });
+  }
+
+  Record m_record;
+  DestinationGate m_gate;
+};
+
+TEST_F(DestinationGateTest, EventsAndAnswersPassAsTheyAre) {
+  EXPECT_TRUE(m_record.initialized);
+  Open();
+  EXPECT_EQ(m_gate.put(MakeEvent("", "a")), 0);
+  m_record.answer = kBackpressure;
+  EXPECT_EQ(m_gate.put(MakeEvent("", "b")), kBackpressure);
+  m_record.answer = kError;
+  EXPECT_EQ(m_gate.put(MakeEvent("", "c")), kError);
+  EXPECT_EQ(m_record.Taken(), Texts{"a"});
+  EXPECT_FALSE(m_gate.IsSenderHeld());
+  EXPECT_EQ(m_gate.GetUnsentEvents(), 1u);
+}
+
+TEST_F(DestinationGateTest, BeforeItIsOpenNothingPasses) {
+  auto result = PutOnAnotherThread("a");
+  EXPECT_FALSE(WaitUntil([&] { return m_record.offers > 0; }, std::chrono::milliseconds(300)));
+  Open();
+  EXPECT_EQ(result.get(), 0);
+  EXPECT_EQ(m_record.Taken(), Texts{"a"});
+}
+
+TEST_F(DestinationGateTest, EventsOfAnEarlierStreamLeaveFirstAndWithoutAnyOther) {
+  m_record.answer = kBackpressure;
+  Open({"1", "2"});
+  EXPECT_EQ(m_gate.GetInheritedEvents(), 2u);
+  EXPECT_EQ(m_gate.GetUnsentEvents(), 2u);
+  ASSERT_TRUE(WaitUntil([&] { return m_record.offers > 0; }));
+  m_record.answer = 0;
+  ASSERT_TRUE(WaitUntil([&] { return m_record.Taken().size() == 2; }));
+  EXPECT_EQ(m_gate.put(MakeEvent("", "3")), 0);
+  EXPECT_EQ(m_record.Taken(), (Texts{"1", "2", "3"}));
+}
+
+TEST_F(DestinationGateTest, AnEventWaitsForOlderOnesAndIsRefusedIfThatTakesLong) {
+  m_record.answer = kBackpressure;
+  Open({"1"});
+  EXPECT_EQ(m_gate.put(MakeEvent("", "2")), kBackpressure);
+  auto result = PutOnAnotherThread("2");
+  m_record.answer = 0;
+  EXPECT_EQ(result.get(), 0);
+  EXPECT_EQ(m_record.Taken(), (Texts{"1", "2"}));
+}
+
+TEST_F(DestinationGateTest, OnHoldARefusedEventIsOfferedAgainAndNotGivenBack) {
+  Open();
+  m_gate.Hold();
+  EXPECT_EQ(m_gate.put(MakeEvent("", "a")), 0);
+  m_record.answer = kBackpressure;
+  auto result = PutOnAnotherThread("b");
+  ASSERT_TRUE(WaitUntil([&] { return m_gate.IsSenderHeld() && m_record.offers >= 4; }));
+  EXPECT_GE(m_gate.GetRefusals(), 2u);
+  m_record.answer = 0;
+  EXPECT_EQ(result.get(), 0);
+  EXPECT_FALSE(m_gate.IsSenderHeld());
+  EXPECT_EQ(m_record.Taken(), (Texts{"a", "b"}));
+}
+
+TEST_F(DestinationGateTest, PassedOnAgainTheSenderIsRefusedAsUsual) {
+  Open();
+  m_record.answer = kBackpressure;
+  m_gate.Hold();
+  auto result = PutOnAnotherThread("a");
+  ASSERT_TRUE(WaitUntil([&] { return m_gate.IsSenderHeld(); }));
+  m_gate.Pass();
+  EXPECT_EQ(result.get(), kBackpressure);
+}
+
+TEST_F(DestinationGateTest, WhatIsKeptWaitsUntilTheStagesHandOverNothing) {
+  std::atomic<std::int64_t> running{1};
+  const WindowsAgentCommon::Gauge gauge("S", "IncomingRunning", [&] { return running.load(); });
+  Open();
+  EXPECT_EQ(m_gate.put(MakeEvent("", "taken")), 0);
+  m_gate.Keep(false);
+  EXPECT_TRUE(m_record.refused);
+  auto result = PutOnAnotherThread("1");
+  ASSERT_TRUE(WaitUntil([&] { return m_gate.IsSenderHeld(); }));
+  EXPECT_EQ(result.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+  running = 0;
+  EXPECT_EQ(result.get(), 0);
+  EXPECT_EQ(m_gate.put(MakeEvent("", "2")), 0);
+  EXPECT_EQ(m_record.offers, 1);
+  EXPECT_EQ(m_gate.GetUnsentEvents(), 3u);
+  m_gate.Stop();
+  EXPECT_TRUE(m_record.stopped);
+  std::vector<MessageBlockPtr> left;
+  EXPECT_EQ(m_gate.TakeLeft(left), nullptr);
+  EXPECT_EQ(Payloads(left), (Texts{"taken", "1", "2"}));
+  EXPECT_EQ(m_gate.GetUnsentEvents(), 0u);
+}
+
+TEST_F(DestinationGateTest, ADestinationThatIsLeftRunsOnWithWhatItHasTaken) {
+  m_record.answer = kBackpressure;
+  Open({"older"});
+  ASSERT_TRUE(WaitUntil([&] { return m_record.offers > 0; }));
+  m_gate.Keep(true);
+  EXPECT_EQ(m_gate.put(MakeEvent("", "younger")), 0);
+  m_gate.Stop();
+  EXPECT_FALSE(m_record.refused);
+  EXPECT_FALSE(m_record.stopped);
+  std::vector<MessageBlockPtr> left;
+  auto destination = m_gate.TakeLeft(left);
+  ASSERT_NE(destination, nullptr);
+  EXPECT_EQ(Payloads(left), (Texts{"older", "younger"}));
+
+  m_record.answer = 0;
+  m_record.lost = 4;
+  destination->put(MakeEvent("", "in its window"));
+  m_record.initialized = false;
+  DestinationGate next(nullptr, "S");
+  next.Initialize({});
+  next.Open(std::move(destination), std::move(left));
+  EXPECT_FALSE(m_record.initialized);
+  EXPECT_EQ(next.GetInheritedEvents(), 3u);
+  m_record.lost = 5;
+  EXPECT_EQ(next.GetLostEvents(), 1u) << "those before belong to the account of the other stream";
+  ASSERT_TRUE(WaitUntil([&] { return m_record.Taken().size() == 3; }));
+  EXPECT_EQ(m_record.Taken(), (Texts{"in its window", "older", "younger"}));
+  next.Stop();
+  EXPECT_TRUE(m_record.stopped);
+}
+
+TEST_F(DestinationGateTest, ARefusingGateLetsNobodyWait) {
+  m_record.answer = kBackpressure;
+  Open();
+  m_gate.Hold();
+  auto result = PutOnAnotherThread("a");
+  ASSERT_TRUE(WaitUntil([&] { return m_gate.IsSenderHeld(); }));
+  m_gate.Refuse();
+  EXPECT_EQ(result.get(), kBackpressure);
+  EXPECT_TRUE(m_record.refused);
+}
+
+}  // namespace
