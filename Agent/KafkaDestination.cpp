@@ -5,15 +5,12 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <condition_variable>
 #include <mutex>
 #include <set>
-#include <thread>
 #include <vector>
 
-#include "Agent/EventWindow.h"
 #include "Agent/OutageReasons.h"
-#include "OrloStream/Status.h"
+#include "Agent/WindowDestination.h"
 #include "WindowsAgentCommon/Exceptions.h"
 #include "WindowsAgentCommon/Logging.h"
 
@@ -27,9 +24,6 @@ using WindowsAgentCommon::MessageBlockPtr;
 namespace {
 
 constexpr milliseconds kPoll{100};
-
-// A wait for room is cut into slices so that Refuse is seen.
-constexpr milliseconds kSlice{100};
 
 // How long a producer that has failed is left before the next one is made.
 constexpr std::chrono::seconds kBetweenProducers{1};
@@ -58,19 +52,14 @@ const std::set<std::string>& ReservedProperties() {
   return names;
 }
 
-class KafkaDestination : public Destination {
+class KafkaDestination : public WindowDestination {
  public:
   KafkaDestination(const KafkaDestinationOptions& options, const std::string& streamName);
   ~KafkaDestination() override { Stop(); }
 
   void Initialize(const WindowsAgentCommon::EnvironmentBlock& environment) override;
   void Stop() override;
-  int put(ACE_Message_Block* block, ACE_Time_Value* timeout = nullptr) override;
-  void Refuse() override { m_refusing = true; }
-  std::uint64_t GetUnsentEvents() const override { return m_unsent.load(); }
-  std::vector<MessageBlockPtr> TakeUnsent() override;
   std::uint64_t GetLostEvents() const override { return m_lost.load(); }
-  std::uint64_t GetSentEvents() const override { return m_acknowledged.load(); }
   std::vector<EndCounter> GetCounters() const override;
 
  private:
@@ -78,22 +67,18 @@ class KafkaDestination : public Destination {
 
   Producer MakeProducer();
   Offer Produce(rd_kafka_t* producer, std::uint64_t number);
-  Offer OfferEvent(MessageBlockPtr& event);
-  void Run();
+  bool TakeEvent(MessageBlockPtr& event) override;
+  void Run() override;
   void Replace();
   void OnDelivery(const rd_kafka_message_t& message);
   void OnError(rd_kafka_resp_err_t error, const std::string& reason);
   void ReportTooLarge(std::size_t size);
-  void CountUnsent();
 
   const KafkaDestinationOptions m_options;
   const std::string m_key;
   WindowsAgentCommon::Log m_log;
 
-  std::mutex m_lock;
-  std::condition_variable m_room;
-  EventWindow m_window;
-  // Null while one that has failed is being replaced.
+  // Guarded by the lock. Null while one that has failed is being replaced.
   Producer m_producer;
   bool m_broken = false;
   // Events in the window, now or before, that the cluster will never take.
@@ -101,22 +86,18 @@ class KafkaDestination : public Destination {
   OutageReasons m_outage;
   steady_clock::time_point m_nextReport{};
 
-  std::atomic<std::uint64_t> m_unsent{0};
   std::atomic<std::uint64_t> m_lost{0};
-  std::atomic<std::uint64_t> m_acknowledged{0};
   std::atomic<std::uint64_t> m_refusedEvents{0};
   std::atomic<std::uint64_t> m_sentAgain{0};
   std::atomic<std::uint64_t> m_outages{0};
   std::atomic<std::uint64_t> m_failedHandshakes{0};
   std::atomic<std::uint64_t> m_failedLogins{0};
-  std::atomic<bool> m_refusing{false};
-  std::atomic<bool> m_stop{false};
-  std::thread m_thread;
 };
 
 KafkaDestination::KafkaDestination(const KafkaDestinationOptions& options,
                                    const std::string& streamName)
-    : m_options(options),
+    : WindowDestination("KafkaDestination", options.sendTimeout),
+      m_options(options),
       m_key(options.key.empty() ? streamName : options.key),
       m_log(WindowsAgentCommon::LoggerFactory::GetLog("Code.KafkaDestination." + streamName)),
       m_producer(MakeProducer()) {}
@@ -177,14 +158,8 @@ Producer KafkaDestination::MakeProducer() {
   return producer;
 }
 
-void KafkaDestination::Initialize(const WindowsAgentCommon::EnvironmentBlock&) {
-  try {
-    m_thread = std::thread(&KafkaDestination::Run, this);
-  } catch (const std::system_error& error) {
-    throw WindowsAgentCommon::InitializationException(
-        "KafkaDestination", "OrloAgent::KafkaDestination::Initialize", __LINE__,
-        std::string("The destination can't start its thread (") + error.what() + ")");
-  }
+void KafkaDestination::Initialize(const WindowsAgentCommon::EnvironmentBlock& environment) {
+  WindowDestination::Initialize(environment);
   LogFacade::Info(m_log, "Sending to topic %s of %s.", m_options.topic, m_options.brokers);
 }
 
@@ -204,49 +179,21 @@ std::vector<EndCounter> KafkaDestination::GetCounters() const {
   return counters;
 }
 
-int KafkaDestination::put(ACE_Message_Block* block, ACE_Time_Value*) {
-  MessageBlockPtr event(block);
-  const int backpressure = OrloStream::Status(OrloStream::Status::kBackpressure).ToInt();
-  if (!JoinPayload(*event)) {
-    return backpressure;
-  }
-  const std::size_t size = event->cont() == nullptr ? 0 : event->cont()->length();
-  const auto deadline = steady_clock::now() + m_options.sendTimeout;
-  while (!m_refusing) {
-    switch (OfferEvent(event)) {
-      case Offer::Taken:
-        return 0;
-      case Offer::TooLarge:
-        ++m_lost;
-        ReportTooLarge(size);
-        return 0;
-      case Offer::Full:
-        break;
-    }
-    const auto left = deadline - steady_clock::now();
-    if (left <= steady_clock::duration::zero()) {
-      break;
-    }
-    std::unique_lock lock(m_lock);
-    m_room.wait_for(lock, std::min<steady_clock::duration>(left, kSlice));
-  }
-  return backpressure;
-}
-
-KafkaDestination::Offer KafkaDestination::OfferEvent(MessageBlockPtr& event) {
-  const std::lock_guard lock(m_lock);
+bool KafkaDestination::TakeEvent(MessageBlockPtr& event) {
   if (!m_producer || m_broken || m_window.GetSize() >= m_options.window) {
-    return Offer::Full;
+    return false;
   }
-  ACE_Message_Block* const kept = event.release();
-  const Offer offer = Produce(m_producer.get(), m_window.Add(MessageBlockPtr(kept)));
-  if (offer == Offer::Full) {
-    event = m_window.TakeBackLast();
-  } else if (offer == Offer::TooLarge) {
+  const std::uint64_t number = m_window.Add(std::move(event));
+  const Offer offer = Produce(m_producer.get(), number);
+  if (offer == Offer::TooLarge) {
+    ++m_lost;
+    ReportTooLarge(m_window.GetMessage(number).size());
     m_window.TakeBackLast();
+  } else if (offer == Offer::Full) {
+    event = m_window.TakeBackLast();
   }
-  CountUnsent();
-  return offer;
+  CountEvents(m_refusedForGood);
+  return offer != Offer::Full;
 }
 
 // The library reads the message where it lies; it stays there until it is acknowledged.
@@ -317,7 +264,7 @@ void KafkaDestination::Replace() {
   m_broken = false;
   m_window.Rewind();
   m_sentAgain += m_window.GetSize();
-  CountUnsent();
+  CountEvents(m_refusedForGood);
   for (std::uint64_t i = 0; i < m_window.GetSize() && !m_broken; ++i) {
     m_broken = Produce(made.get(), m_window.GetFirst() + i) != Offer::Taken;
   }
@@ -355,7 +302,7 @@ void KafkaDestination::OnDelivery(const rd_kafka_message_t& message) {
     }
     m_broken = true;
   }
-  CountUnsent();
+  CountEvents(m_refusedForGood);
   m_room.notify_all();
 }
 
@@ -385,13 +332,6 @@ void KafkaDestination::OnError(rd_kafka_resp_err_t error, const std::string& rea
   }
 }
 
-void KafkaDestination::CountUnsent() {
-  m_unsent = m_window.GetUnacknowledged();
-  // In order: what is acknowledged behind one that is not can be sent again.
-  const std::uint64_t left = m_window.GetFirst();
-  m_acknowledged = std::max<std::uint64_t>(m_acknowledged, left - std::min(left, m_refusedForGood));
-}
-
 void KafkaDestination::ReportTooLarge(std::size_t size) {
   LogFacade::Error(m_log,
                    "An event of %d bytes is larger than the cluster takes (message.max.bytes), and "
@@ -409,7 +349,7 @@ void KafkaDestination::Stop() {
     m_thread.join();
   }
   rd_kafka_flush(m_producer.get(), static_cast<int>(kLongestEnd.count()));
-  const std::uint64_t unacknowledged = m_unsent;
+  const std::uint64_t unacknowledged = GetUnsentEvents();
   if (unacknowledged > 0) {
     LogFacade::Warn(m_log,
                     "%d events were not acknowledged; the cluster may have some of them or none.",
@@ -418,13 +358,6 @@ void KafkaDestination::Stop() {
   rd_kafka_purge(m_producer.get(), RD_KAFKA_PURGE_F_QUEUE | RD_KAFKA_PURGE_F_INFLIGHT);
   rd_kafka_flush(m_producer.get(), static_cast<int>(kLongestEnd.count()));
   m_producer.reset();
-}
-
-std::vector<MessageBlockPtr> KafkaDestination::TakeUnsent() {
-  const std::lock_guard lock(m_lock);
-  auto events = m_window.TakeUnacknowledged();
-  m_unsent = 0;
-  return events;
 }
 
 }  // namespace

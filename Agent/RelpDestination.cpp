@@ -5,15 +5,11 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
-#include <system_error>
-#include <thread>
 
-#include "Agent/EventWindow.h"
 #include "Agent/RelpFrames.h"
 #include "Agent/TcpConnection.h"
 #include "Agent/Units.h"
-#include "OrloStream/Status.h"
-#include "WindowsAgentCommon/Exceptions.h"
+#include "Agent/WindowDestination.h"
 #include "WindowsAgentCommon/Logging.h"
 
 namespace OrloAgent {
@@ -25,7 +21,7 @@ using WindowsAgentCommon::MessageBlockPtr;
 
 namespace {
 
-// A wait for room is cut into slices so that Refuse is seen.
+// Between two looks for the last answers.
 constexpr milliseconds kSlice{100};
 
 // Between two looks whether the receiver still answers.
@@ -45,23 +41,19 @@ constexpr std::size_t kOutput = 64 * 1024;
 constexpr std::uint32_t kOpenNumber = 1;
 constexpr int kTaken = 200;
 
-class RelpDestination : public Destination {
+class RelpDestination : public WindowDestination {
  public:
   RelpDestination(const RelpDestinationOptions& options, const std::string& streamName);
   ~RelpDestination() override { Stop(); }
 
-  void Initialize(const WindowsAgentCommon::EnvironmentBlock& environment) override;
   void Stop() override;
-  int put(ACE_Message_Block* block, ACE_Time_Value* timeout = nullptr) override;
-  void Refuse() override { m_refusing = true; }
-  std::uint64_t GetUnsentEvents() const override { return m_unacknowledged.load(); }
-  std::uint64_t GetSentEvents() const override { return m_acknowledged.load(); }
   std::vector<EndCounter> GetCounters() const override;
-  std::vector<MessageBlockPtr> TakeUnsent() override;
 
  private:
+  bool TakeEvent(MessageBlockPtr& event) override;
+
   // All of these on the destination's thread; those that give false have said why in m_problem.
-  void Run();
+  void Run() override;
   bool OpenSession();
   bool AwaitOpen();
   bool RunSession();
@@ -81,19 +73,11 @@ class RelpDestination : public Destination {
   ConnectionReport m_report;
   TcpConnection m_connection;
 
-  std::mutex m_lock;
-  std::condition_variable m_room;
   std::condition_variable m_stopped;
-  // Guarded by m_lock.
-  EventWindow m_window;
-  bool m_idle = false;  // the thread sleeps until it is woken
+  bool m_idle = false;  // the thread sleeps until it is woken; guarded by m_lock
 
-  std::atomic<std::uint64_t> m_unacknowledged{0};
-  std::atomic<std::uint64_t> m_acknowledged{0};
   std::atomic<std::uint64_t> m_sentAgain{0};
   std::atomic<std::uint64_t> m_refusedEvents{0};
-  std::atomic<bool> m_refusing{false};
-  std::atomic<bool> m_stop{false};
   bool m_ended = false;
 
   // Of the thread.
@@ -111,8 +95,6 @@ class RelpDestination : public Destination {
   steady_clock::time_point m_lastAnswer{};
   steady_clock::time_point m_nextAttempt{};
   std::chrono::seconds m_pause = kShortestPause;
-
-  std::thread m_thread;
 };
 
 TcpConnectionOptions ConnectionOptions(const RelpDestinationOptions& options) {
@@ -121,21 +103,12 @@ TcpConnectionOptions ConnectionOptions(const RelpDestinationOptions& options) {
 
 RelpDestination::RelpDestination(const RelpDestinationOptions& options,
                                  const std::string& streamName)
-    : m_options(options),
+    : WindowDestination("RelpDestination", options.sendTimeout),
+      m_options(options),
       m_log(WindowsAgentCommon::LoggerFactory::GetLog("Code.RelpDestination." + streamName)),
       m_report(m_log, options.target),
       m_connection(ConnectionOptions(options)) {
   TcpConnection::Check(ConnectionOptions(options), m_log, "RelpDestination");
-}
-
-void RelpDestination::Initialize(const WindowsAgentCommon::EnvironmentBlock&) {
-  try {
-    m_thread = std::thread(&RelpDestination::Run, this);
-  } catch (const std::system_error& error) {
-    throw WindowsAgentCommon::InitializationException(
-        "RelpDestination", "OrloAgent::RelpDestination::Initialize", __LINE__,
-        std::string("The destination can't start its thread (") + error.what() + ")");
-  }
 }
 
 std::vector<EndCounter> RelpDestination::GetCounters() const {
@@ -150,33 +123,17 @@ std::vector<EndCounter> RelpDestination::GetCounters() const {
   return counters;
 }
 
-int RelpDestination::put(ACE_Message_Block* block, ACE_Time_Value*) {
-  MessageBlockPtr event(block);
-  const int backpressure = OrloStream::Status(OrloStream::Status::kBackpressure).ToInt();
-  if (!JoinPayload(*event)) {
-    return backpressure;
+bool RelpDestination::TakeEvent(MessageBlockPtr& event) {
+  if (m_window.GetSize() >= m_options.window) {
+    return false;
   }
-  const auto deadline = steady_clock::now() + m_options.sendTimeout;
-  std::unique_lock lock(m_lock);
-  while (!m_refusing) {
-    if (m_window.GetSize() < m_options.window) {
-      m_window.Add(std::move(event));
-      m_unacknowledged = m_window.GetUnacknowledged();
-      const bool wasIdle = m_idle;
-      m_idle = false;
-      lock.unlock();
-      if (wasIdle) {
-        m_connection.Wake();
-      }
-      return 0;
-    }
-    const auto left = deadline - steady_clock::now();
-    if (left <= steady_clock::duration::zero()) {
-      break;
-    }
-    m_room.wait_for(lock, std::min<steady_clock::duration>(left, kSlice));
+  m_window.Add(std::move(event));
+  CountEvents();
+  if (m_idle) {
+    m_idle = false;
+    m_connection.Wake();
   }
-  return backpressure;
+  return true;
 }
 
 void RelpDestination::Run() {
@@ -207,7 +164,7 @@ bool RelpDestination::OpenSession() {
     const std::lock_guard lock(m_lock);
     m_window.Rewind();
     m_sentAgain += m_nextEvent - std::min(m_nextEvent, m_window.GetFirst());
-    m_unacknowledged = m_window.GetUnacknowledged();
+    CountEvents();
     m_firstEvent = m_nextEvent = m_window.GetFirst();
   }
   m_firstNumber = AdvanceRelpNumber(kOpenNumber, 1);
@@ -302,9 +259,7 @@ bool RelpDestination::TakeAnswers() {
       m_problem = "what it sends is not RELP";
       return false;
     }
-    m_unacknowledged = m_window.GetUnacknowledged();
-    // In order: what is acknowledged behind one that is not can be sent again.
-    m_acknowledged = m_window.GetFirst();
+    CountEvents();
     m_room.notify_all();
   }
 }
@@ -426,7 +381,7 @@ void RelpDestination::EndSession() {
     if (!Exchange()) {
       break;
     }
-    if (m_phase == Phase::Open && m_unacknowledged == 0) {
+    if (m_phase == Phase::Open && GetUnsentEvents() == 0) {
       m_phase = Phase::Closing;
       m_closeNumber = AdvanceRelpNumber(m_firstNumber, m_nextEvent - m_firstEvent);
       AppendRelpFrame(m_closeNumber, "close", {}, m_output);
@@ -454,17 +409,10 @@ void RelpDestination::Stop() {
   if (m_thread.joinable()) {
     m_thread.join();
   }
-  if (m_unacknowledged > 0) {
+  if (const std::uint64_t unacknowledged = GetUnsentEvents(); unacknowledged > 0) {
     LogFacade::Warn(m_log, "%d events were not acknowledged; %s may have some of them or none.",
-                    m_unacknowledged.load(), ToText(m_options.target));
+                    unacknowledged, ToText(m_options.target));
   }
-}
-
-std::vector<MessageBlockPtr> RelpDestination::TakeUnsent() {
-  const std::lock_guard lock(m_lock);
-  auto events = m_window.TakeUnacknowledged();
-  m_unacknowledged = 0;
-  return events;
 }
 
 }  // namespace
