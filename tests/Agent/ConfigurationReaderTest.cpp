@@ -32,6 +32,20 @@ const std::string kStream = R"(streams:
     destination: { type: stdout }
 )";
 
+// Two good streams with these destinations.
+std::string WithDestinations(const std::string& first, const std::string& second) {
+  const std::string stages = "    stages: [ { module: StoreAndForwardStage } ]\n";
+  return "streams:\n  - name: One\n    source: { type: stdin }\n" + stages +
+         "    destination: " + first +
+         "\n  - name: Two\n    source: { type: syslog, listen: \"tcp://h:0\" }\n" + stages +
+         "    destination: " + second + "\n";
+}
+
+template <typename Options>
+const Options& GetDestination(const Configuration& configuration, std::size_t stream) {
+  return std::get<Options>(configuration.options.streams.at(stream).destination);
+}
+
 TEST(Configuration, DefaultsHoldForEverythingThatIsNotSaid) {
   const Configuration configuration = ParseConfiguration(kStream);
   ASSERT_TRUE(configuration.mistakes.empty());
@@ -239,48 +253,29 @@ streams:
 }
 
 TEST(Configuration, EveryKeyOfKafkaIsRead) {
-  const Configuration configuration = ParseConfiguration(R"(
-streams:
-  - name: One
-    source: { type: stdin }
-    stages: [ { module: StoreAndForwardStage } ]
-    destination: { type: kafka, brokers: [ "a:1", "b:2" ], topic: t, key: k, window: 7, send_timeout: 2s, properties: { linger.ms: 3 } }
-  - name: Two
-    source: { type: syslog, listen: "tcp://h:0" }
-    stages: [ { module: StoreAndForwardStage } ]
-    destination: { type: kafka, brokers: "a:1", topic: t }
-)");
+  const Configuration configuration = ParseConfiguration(WithDestinations(
+      R"({ type: kafka, brokers: [ "a:1", "b:2" ], topic: t, key: k, window: 7, send_timeout: 2s, properties: { linger.ms: 3 } })",
+      R"({ type: kafka, brokers: "a:1", topic: t })"));
   ASSERT_TRUE(configuration.mistakes.empty()) << ToText(configuration.mistakes[0], "f");
-  const auto& one =
-      std::get<OrloAgent::KafkaDestinationOptions>(configuration.options.streams[0].destination);
+  const auto& one = GetDestination<OrloAgent::KafkaDestinationOptions>(configuration, 0);
   EXPECT_EQ(one.brokers, "a:1,b:2");
   EXPECT_EQ(one.topic, "t");
   EXPECT_EQ(one.key, "k");
   EXPECT_EQ(one.window, 7u);
   EXPECT_EQ(one.sendTimeout, milliseconds(2'000));
   EXPECT_EQ(one.properties, (std::map<std::string, std::string>{{"linger.ms", "3"}}));
-  const auto& two =
-      std::get<OrloAgent::KafkaDestinationOptions>(configuration.options.streams[1].destination);
+  const auto& two = GetDestination<OrloAgent::KafkaDestinationOptions>(configuration, 1);
   EXPECT_EQ(two.brokers, "a:1");
   EXPECT_EQ(two.key, "");
   EXPECT_EQ(two.window, 10'000u);
 }
 
 TEST(Configuration, EveryKeyOfRelpIsRead) {
-  const Configuration configuration = ParseConfiguration(R"(
-streams:
-  - name: One
-    source: { type: stdin }
-    stages: [ { module: StoreAndForwardStage } ]
-    destination: { type: relp, target: "tls://h:1", tls: { ca: c, certificate: d, key: k, server_name: n }, window: 7, send_timeout: 2s, connect_timeout: 3s, ack_timeout: 4s }
-  - name: Two
-    source: { type: syslog, listen: "tcp://h:0" }
-    stages: [ { module: StoreAndForwardStage } ]
-    destination: { type: relp, target: "tcp://h:1", ack_timeout: 0 }
-)");
+  const Configuration configuration = ParseConfiguration(WithDestinations(
+      R"({ type: relp, target: "tls://h:1", tls: { ca: c, certificate: d, key: k, server_name: n }, window: 7, send_timeout: 2s, connect_timeout: 3s, ack_timeout: 4s })",
+      R"({ type: relp, target: "tcp://h:1", ack_timeout: 0 })"));
   ASSERT_TRUE(configuration.mistakes.empty()) << ToText(configuration.mistakes[0], "f");
-  const auto& one =
-      std::get<OrloAgent::RelpDestinationOptions>(configuration.options.streams[0].destination);
+  const auto& one = GetDestination<OrloAgent::RelpDestinationOptions>(configuration, 0);
   EXPECT_EQ(one.target.host, "h");
   EXPECT_EQ(one.target.port, 1);
   EXPECT_EQ(one.target.transport, OrloAgent::Transport::Tls);
@@ -292,8 +287,7 @@ streams:
   EXPECT_EQ(one.sendTimeout, milliseconds(2'000));
   EXPECT_EQ(one.connectTimeout, milliseconds(3'000));
   EXPECT_EQ(one.ackTimeout, milliseconds(4'000));
-  const auto& two =
-      std::get<OrloAgent::RelpDestinationOptions>(configuration.options.streams[1].destination);
+  const auto& two = GetDestination<OrloAgent::RelpDestinationOptions>(configuration, 1);
   EXPECT_EQ(two.window, 1'000u);
   EXPECT_EQ(two.ackTimeout, milliseconds(0));
 }
@@ -324,24 +318,14 @@ streams:
 }
 
 TEST(Configuration, EveryKeyOfRotationIsRead) {
-  const Configuration configuration = ParseConfiguration(R"(
-streams:
-  - name: One
-    source: { type: stdin }
-    stages: [ { module: StoreAndForwardStage } ]
-    destination: { type: file, path: a, rotate: { size: 1MiB, every: 1h, keep: 7, compress: none } }
-  - name: Two
-    source: { type: syslog, listen: "tcp://h:0" }
-    stages: [ { module: StoreAndForwardStage } ]
-    destination: { type: file, path: b, rotate: { every: 24h } }
-)");
+  const Configuration configuration = ParseConfiguration(WithDestinations(
+      R"({ type: file, path: a, rotate: { size: 1MiB, every: 1h, keep: 7, compress: none } })",
+      R"({ type: file, path: b, rotate: { every: 24h } })"));
   ASSERT_TRUE(configuration.mistakes.empty()) << ToText(configuration.mistakes[0], "f");
-  const auto& one =
-      std::get<OrloAgent::FileDestinationOptions>(configuration.options.streams[0].destination);
+  const auto& one = GetDestination<OrloAgent::FileDestinationOptions>(configuration, 0);
   EXPECT_EQ(one.rotation,
             (OrloAgent::RotationOptions{1024 * 1024, milliseconds(3'600'000), 7, false}));
-  const auto& two =
-      std::get<OrloAgent::FileDestinationOptions>(configuration.options.streams[1].destination);
+  const auto& two = GetDestination<OrloAgent::FileDestinationOptions>(configuration, 1);
   EXPECT_EQ(two.rotation, (OrloAgent::RotationOptions{0, milliseconds(86'400'000), 0, false}));
 }
 

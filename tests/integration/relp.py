@@ -11,34 +11,20 @@ import support
 OFFERS = b"200 OK\nrelp_version=0\nrelp_software=test\ncommands=syslog"
 
 
-class RelpReceiver:
+class RelpReceiver(support.Receiver):
     """Takes one connection after the other. `answer(connection, number, command, data, send)` is
     asked for every command; what it sends goes out; False from it ends the connection."""
 
     def __init__(self, answer, port=None):
         self._answer = answer
-        self._listener = (port or support.RefusingPort()).take()
-        self._listener.listen()
-        self.port = self._listener.getsockname()[1]
-        self.connections = 0
         self.commands = []  # (connection, number, command, data)
-        self._open = []
-        self._thread = threading.Thread(target=self._accept, daemon=True)
-        self._thread.start()
+        super().__init__(port)
 
-    def _accept(self):
-        while True:
-            try:
-                connection, _ = self._listener.accept()
-            except OSError:
-                return
-            self.connections += 1
-            self._open.append(connection)
-            with connection:
-                try:
-                    self._serve(connection)
-                except OSError:
-                    pass
+    def read(self, connection):
+        try:
+            self._serve(connection)
+        except OSError:
+            pass
 
     def _serve(self, connection):
         pending = b""
@@ -58,15 +44,6 @@ class RelpReceiver:
     def events(self, connection=None):
         return [body for one, _, command, body in list(self.commands)
                 if command == "syslog" and connection in (None, one)]
-
-    def close(self):
-        for each in [self._listener, *self._open]:
-            try:
-                each.shutdown(socket.SHUT_RDWR)
-            except OSError:
-                pass
-        self._listener.close()
-        self._thread.join(support.LIMIT)
 
 
 def response(number, data=b"200 OK"):

@@ -3,11 +3,9 @@ them. The cluster of the other tests speaks neither, so the other end is a liste
 and as much of Kafka's protocol as a log-in takes."""
 
 import pathlib
-import socket
 import ssl
 import struct
 import sys
-import threading
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "integration"))
@@ -22,7 +20,7 @@ def text(value):
     return struct.pack(">h", len(value)) + value
 
 
-class Broker:
+class Broker(support.Receiver):
     """Takes connections over TLS, and log-ins by the mechanism PLAIN, which it refuses once it has
     seen them: what follows would be a cluster."""
 
@@ -33,25 +31,16 @@ class Broker:
         if client_ca:
             self._context.load_verify_locations(client_ca)
             self._context.verify_mode = ssl.CERT_REQUIRED
-        self._listener = socket.create_server(("127.0.0.1", 0))
-        self.port = self._listener.getsockname()[1]
-        self._thread = threading.Thread(target=self._accept, daemon=True)
-        self._thread.start()
+        super().__init__()
 
-    def _accept(self):
-        while True:
-            try:
-                connection, _ = self._listener.accept()
-            except OSError:
-                return
-            connection.settimeout(support.LIMIT)
-            with connection:
-                try:
-                    with self._context.wrap_socket(connection, server_side=True) as secured:
-                        self.clients.append(secured.getpeercert())
-                        self._serve(secured)
-                except OSError:
-                    pass
+    def read(self, connection):
+        connection.settimeout(support.LIMIT)
+        try:
+            with self._context.wrap_socket(connection, server_side=True) as secured:
+                self.clients.append(secured.getpeercert())
+                self._serve(secured)
+        except OSError:
+            pass
 
     def _serve(self, connection):
         stream = connection.makefile("rb")
@@ -72,14 +61,6 @@ class Broker:
             return struct.pack(">hi", 0, 1) + text(b"PLAIN")
         self.logins.append(body[4:])
         return struct.pack(">h", AUTHENTICATION_FAILED) + text(b"not you") + struct.pack(">i", 0)
-
-    def close(self):
-        try:
-            self._listener.shutdown(socket.SHUT_RDWR)
-        except OSError:
-            pass
-        self._listener.close()
-        self._thread.join(support.LIMIT)
 
 
 class KafkaSecurity(support.AgentTest):

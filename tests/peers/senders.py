@@ -82,6 +82,17 @@ class SendersTest(support.AgentTest):
             arrived.append(found["text"].removeprefix(b" ").removesuffix(b"\n"))
         self.assertEqual(arrived, wanted, kind)
 
+    def relay(self, program, config, source, kinds):
+        """The program sends what it takes from the source in each of these ways."""
+        sender = peers.Peer(program, self.directory, config)
+        self.addCleanup(sender.stop)
+        sender.start()
+        support.wait_until(source.path.exists, "the socket")
+        source.send()
+        for kind in kinds:
+            self.expect(kind, kind.split("-")[1])
+        self.end()
+
     def end(self):
         self.assertEqual(self.agent.stop(), 0)
         self.assertEqual([line for line in self.agent.messages("Warn") if "Source" in line], [])
@@ -128,15 +139,8 @@ class Rsyslog(SendersTest):
                   'parser.escapeControlCharactersOnReceive="off")\n'
                   'module(load="imuxsock" SysSock.Use="off")\n'
                   f'input(type="imuxsock" Socket="{source.path}" RateLimit.Interval="0")\n')
-        sender = peers.Peer("rsyslog", self.directory, config + "".join(
-            self.action(kind, port) for kind, port in ports.items()))
-        self.addCleanup(sender.stop)
-        sender.start()
-        support.wait_until(source.path.exists, "the socket")
-        source.send()
-        for kind in kinds:
-            self.expect(kind, kind.split("-")[1])
-        self.end()
+        self.relay("rsyslog", config + "".join(
+            self.action(kind, port) for kind, port in ports.items()), source, kinds)
 
 
 class SyslogNg(SendersTest):
@@ -158,15 +162,8 @@ class SyslogNg(SendersTest):
         source = Socket(self.directory)
         config = ('@version: 3.38\noptions { keep-hostname(yes); use-dns(no); };\n'
                   f'source s {{ unix-dgram("{source.path}"); }};\n')
-        sender = peers.Peer("syslog-ng", self.directory, config + "".join(
-            self.destination(kind, port) for kind, port in ports.items()))
-        self.addCleanup(sender.stop)
-        sender.start()
-        support.wait_until(source.path.exists, "the socket")
-        source.send()
-        for kind in kinds:
-            self.expect(kind, kind.split("-")[1])
-        self.end()
+        self.relay("syslog-ng", config + "".join(
+            self.destination(kind, port) for kind, port in ports.items()), source, kinds)
 
 
 class Logger(SendersTest):
