@@ -22,7 +22,8 @@ struct ConfigurationMistake {
 };
 
 struct Configuration {
-  // Only to be used when there are no mistakes.
+  // Only to be used when there are no mistakes; a section, when there are none in it and none
+  // without a key.
   AgentOptions options;
   // Every mistake that was found, in the order of the file.
   std::vector<ConfigurationMistake> mistakes;

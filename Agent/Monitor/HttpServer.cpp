@@ -1,6 +1,7 @@
 #include "Agent/Monitor/HttpServer.h"
 
 #include <algorithm>
+#include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -192,22 +193,31 @@ class HttpServer::Listener {
   void Run() {
     for (;;) {
       try {
+        if (m_awaiting.expired()) {
+          Accept();
+        }
         m_context.run();
         return;
       } catch (const std::exception& exception) {
-        // For want of memory, as a rule; the client is gone, and others can be served.
+        // For want of memory, as a rule; others can be served.
         WindowsAgentCommon::LogFacade::Error(m_log, "A request was not answered: %s.",
                                              std::string(exception.what()));
+        // What waits for something is held by that as well; what doesn't, nothing would ever end.
+        m_connections.remove_if([](const auto& one) { return one.use_count() == 1; });
       }
     }
   }
 
+  // What waits holds the token. If it ends with an exception, or was never begun, nothing does, and
+  // Run begins it again.
   void Accept() {
-    m_acceptor.async_accept([this](const error_code& error, asio::ip::tcp::socket socket) {
+    const auto token = std::make_shared<char>();
+    m_awaiting = token;
+    m_acceptor.async_accept([this, token](const error_code& error, asio::ip::tcp::socket socket) {
       if (error) {
         // For want of descriptors, as a rule, which others will give back.
         m_timer.expires_after(kBetweenAttempts);
-        m_timer.async_wait([this](const error_code&) { Accept(); });
+        m_timer.async_wait([this, token](const error_code&) { Accept(); });
         return;
       }
       Add(std::make_shared<Connection>(std::move(socket), m_responder));
@@ -231,8 +241,12 @@ class HttpServer::Listener {
   WindowsAgentCommon::Log m_log;
   const Responder m_responder;
   asio::io_context m_context{1};
+  // An exception may leave nothing to be awaited for a moment, which is not the end.
+  const asio::executor_work_guard<asio::io_context::executor_type> m_work{m_context.get_executor()};
   asio::ip::tcp::acceptor m_acceptor{m_context};
   asio::steady_timer m_timer{m_context};
+  // Of what waits for a client, or for the time of another attempt.
+  std::weak_ptr<char> m_awaiting;
   std::list<std::shared_ptr<Connection>> m_connections;
   std::uint16_t m_port = 0;
   std::thread m_thread;

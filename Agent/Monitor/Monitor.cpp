@@ -1,20 +1,13 @@
 #include "Agent/Monitor/Monitor.h"
 
+#include "Agent/Monitor/Answers.h"
 #include "Agent/Monitor/HttpServer.h"
-#include "Agent/Monitor/Metrics.h"
-#include "Agent/Monitor/Page.h"
 #include "Agent/Monitor/Sampler.h"
-#include "Agent/Monitor/StateJson.h"
 #include "Agent/Units.h"
 
 namespace OrloAgent {
 
 namespace {
-
-constexpr char kJson[] = "application/json";
-
-// A state that is older than that is none: the disk hangs, most likely.
-constexpr std::chrono::seconds kStateLasts{60};
 
 class HttpMonitor : public Monitor {
  public:
@@ -42,47 +35,10 @@ class HttpMonitor : public Monitor {
 
  private:
   HttpAnswer Answer(const std::string& path, const std::string& query) const {
-    const auto state = m_sampler.GetState();
-    if (path == "/") {
-      return {200, "text/html; charset=utf-8", std::string(GetPage())};
-    }
-    if (path == "/metrics") {
-      return {200, "text/plain; version=0.0.4; charset=utf-8", MakeMetricsText(*state)};
-    }
-    if (path == "/statistics") {
-      return {200, kJson, MakeStatisticsJson(*state)};
-    }
-    if (path == "/status") {
-      return {200, kJson, MakeStatusJson(*state)};
-    }
-    if (path == "/history") {
-      return {200, kJson, MakeHistoryJson(m_sampler.GetHistory(GetSince(query)))};
-    }
-    if (path == "/healthz") {
-      return AnswerHealth(*state);
-    }
-    return {404, "text/plain; charset=utf-8",
-            "There are: / /metrics /statistics /status /history /healthz\n"};
-  }
-
-  static HttpAnswer AnswerHealth(const AgentState& state) {
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    const auto age = now - std::chrono::milliseconds(state.sampled);
-    if (age > kStateLasts) {
-      AgentState late;
-      late.problems.push_back("the agent has not been able to look at itself for " +
-                              std::to_string(age / std::chrono::seconds(1)) + " s");
-      return {503, kJson, MakeHealthJson(late)};
-    }
-    return {state.IsHealthy() ? 200U : 503U, kJson, MakeHealthJson(state)};
-  }
-
-  static std::int64_t GetSince(const std::string& query) {
-    constexpr std::string_view kSince = "since=";
-    const auto since = query.starts_with(kSince)
-                           ? ParseWholeNumber(std::string_view(query).substr(kSince.size()))
-                           : std::nullopt;
-    return static_cast<std::int64_t>(since.value_or(0));
+    const auto now = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::system_clock::now().time_since_epoch());
+    return AnswerRequest(path, query, *JudgeAge(m_sampler.GetState(), now),
+                         [this](std::int64_t since) { return m_sampler.GetHistory(since); });
   }
 
   Sampler m_sampler;

@@ -1,5 +1,6 @@
 #include "Agent/Monitor/StatusCommand.h"
 
+#include <algorithm>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/core.hpp>
@@ -32,8 +33,6 @@ constexpr int kNotRunning = 2;
 
 constexpr std::chrono::seconds kPatience{10};
 constexpr std::chrono::seconds kBetweenLooks{2};
-// An agent whose last look at itself is older than that hangs.
-constexpr double kStateLastsMilliseconds = 60'000.0;
 constexpr std::uint64_t kLargestAnswer = 64 * 1024 * 1024;
 
 struct Target {
@@ -42,10 +41,18 @@ struct Target {
   std::string token;
 };
 
+// What is wrong elsewhere keeps nobody from asking a running agent, which may have been started
+// before it went wrong.
+bool ConcernsMonitor(const ConfigurationMistake& mistake) {
+  return mistake.key.empty() || mistake.key == "monitor" || mistake.key.starts_with("monitor.");
+}
+
 Target ReadTarget(const std::string& file) {
   const Configuration configuration = LoadConfiguration(file);
-  if (!configuration.mistakes.empty()) {
-    throw std::runtime_error(ToText(configuration.mistakes.front(), file));
+  const auto mistake =
+      std::find_if(configuration.mistakes.begin(), configuration.mistakes.end(), ConcernsMonitor);
+  if (mistake != configuration.mistakes.end()) {
+    throw std::runtime_error(ToText(*mistake, file));
   }
   const MonitorOptions& monitor = configuration.options.monitor;
   if (monitor.host.empty()) {
@@ -85,8 +92,10 @@ class Client {
  public:
   explicit Client(const Target& target) : m_target(target) {}
 
-  // The body of the answer. Throws when there is none.
-  std::string Get(const std::string& path) {
+  using Response = http::response<http::string_body>;
+
+  // Throws when there is no answer.
+  Response Get(const std::string& path) {
     asio::ip::tcp::resolver resolver(m_context);
     asio::ip::tcp::resolver::results_type found;
     Check(Run([&](auto done) {
@@ -118,11 +127,7 @@ class Client {
       http::async_read(m_stream, buffer, parser,
                        [done](const error_code& error, std::size_t) { done(error); });
     }));
-    if (parser.get().result() != http::status::ok) {
-      throw std::runtime_error("the answer is " + std::to_string(parser.get().result_int()) + " " +
-                               parser.get().body());
-    }
-    return parser.get().body();
+    return parser.release();
   }
 
  private:
@@ -146,29 +151,40 @@ class Client {
   beast::tcp_stream m_stream{m_context};
 };
 
-json Fetch(const Target& target, std::string& text) {
+Client::Response Ask(const Target& target, const std::string& place) {
   try {
-    text = Client(target).Get("/status");
-    return json::parse(text);
+    return Client(target).Get("/status");
   } catch (const std::exception& exception) {
-    throw std::runtime_error("no agent answers at " + target.host + " port " + target.port + " (" +
-                             exception.what() + ")");
+    throw std::runtime_error("no agent answers" + place + " (" + exception.what() + ")");
   }
 }
 
-bool IsHealthy(const json& status) {
-  const auto now = std::chrono::duration_cast<std::chrono::milliseconds>(
-                       std::chrono::system_clock::now().time_since_epoch())
-                       .count();
-  return status.at("healthy").get<bool>() &&
-         static_cast<double>(now) - status.at("sampled").get<double>() < kStateLastsMilliseconds;
+json Fetch(const Target& target, std::string& text) {
+  const std::string place = " at " + target.host + " port " + target.port;
+  const Client::Response response = Ask(target, place);
+  if (response.result() == http::status::unauthorized) {
+    throw std::runtime_error(
+        "the agent" + place +
+        (target.token.empty()
+             ? " wants its token, and none is known: it comes from \"monitor.token\" "
+               "with --config, and from the environment variable "
+               "ORLO_MONITOR_TOKEN with --url"
+             : " has another token than the one that it was sent"));
+  }
+  text = response.body();
+  json status = response.result() == http::status::ok ? json::parse(text, nullptr, false) : json();
+  if (!status.is_object() || !status.contains("healthy")) {
+    throw std::runtime_error("what answers" + place + " is no agent's monitor: it answers " +
+                             std::to_string(response.result_int()));
+  }
+  return status;
 }
 
 // Prints once; leaves what was fetched for the rates of the next time.
 int Show(const StatusQuestion& question, const Target& target, json& last) {
   std::string text;
   const json status = Fetch(target, text);
-  const bool isHealthy = IsHealthy(status);
+  const bool isHealthy = status.at("healthy").get<bool>();
   const std::string shown = question.json ? text : MakeStatusText(status, last);
   if (question.watch && !question.json) {
     // From the upper left corner on, and nothing below.

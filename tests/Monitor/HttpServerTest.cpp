@@ -7,8 +7,10 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/read.hpp>
 #include <boost/asio/write.hpp>
+#include <chrono>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "WindowsAgentCommon/Exceptions.h"
@@ -19,6 +21,9 @@ namespace {
 namespace asio = boost::asio;
 using testing::HasSubstr;
 using testing::StartsWith;
+
+// More than the system takes into its buffers for a client that does not read.
+constexpr std::size_t kLarge = 64 * 1024 * 1024;
 
 // A client that says exactly what the test wants.
 class Client {
@@ -57,6 +62,9 @@ class HttpServerTest : public testing::Test {
         options, [](const std::string& path, const std::string& query) -> HttpAnswer {
           if (path == "/throw") {
             throw std::runtime_error("no");
+          }
+          if (path == "/large") {
+            return {200, "text/plain", std::string(kLarge, 'x')};
           }
           return {200, "text/plain", "[" + path + "|" + query + "]"};
         });
@@ -148,6 +156,16 @@ TEST_F(HttpServerTest, ClientThatTricklesIsGoneAfterTenSeconds) {
   Client client(m_server->GetPort());
   client.Send("GET / HTTP/1.1\r\nHost: 127.");
   EXPECT_EQ(client.ReadAll(), "");
+}
+
+TEST_F(HttpServerTest, ClientThatDoesNotReadItsAnswerHoldsItForAMinuteOnly) {
+  Start();
+  Client client(m_server->GetPort());
+  client.Send("GET /large HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+  // That it is closed can't be seen before what is on its way has been read.
+  std::this_thread::sleep_for(std::chrono::seconds(62));
+  EXPECT_THAT(Ask("GET /a HTTP/1.1\r\nHost: 127.0.0.1\r\n"), HasSubstr("[/a|]"));
+  EXPECT_LT(client.ReadAll().size(), kLarge);
 }
 
 TEST_F(HttpServerTest, AddressThatIsTakenIsSaidWithAReason) {

@@ -4,6 +4,7 @@ import json
 import re
 import socket
 import subprocess
+import threading
 import unittest
 
 import support
@@ -144,7 +145,12 @@ class Monitor(MonitorTest):
         for path in ("/", "/metrics", "/statistics", "/status", "/history", "/healthz"):
             self.assertEqual(self.ask(agent, path)[0], 401)
             self.assertEqual(self.ask(agent, path, {"Authorization": f"Bearer {TOKEN}"})[0], 200)
-        self.assertEqual(self.run_status(agent).returncode, 2)
+        none = self.run_status(agent)
+        self.assertEqual(none.returncode, 2)
+        self.assertRegex(none.stderr, r"the agent at 127\.0\.0\.1 port \d+ wants its token")
+        wrong = self.run_status(agent, token="another one that is long enough")
+        self.assertEqual(wrong.returncode, 2)
+        self.assertIn("has another token", wrong.stderr)
         self.assertEqual(self.run_status(agent, token=TOKEN).returncode, 0)
         self.assertFalse([line for line in agent.lines if TOKEN in line])
 
@@ -202,6 +208,33 @@ class StatusCommand(MonitorTest):
             asked = self.run_with("--config", str(config))
         self.assertEqual(asked.returncode, 2)
         self.assertIn(f"no agent answers at 127.0.0.1 port {port}", asked.stderr)
+
+    def test_mistakes_elsewhere_in_the_configuration_do_not_matter(self):
+        with socket.socket() as free:
+            free.bind(("127.0.0.1", 0))
+            port = free.getsockname()[1]
+        broken = self.directory / "broken.yaml"
+        broken.write_text(f'monitor: {{ listen: "127.0.0.1:{port}" }}\nsurprise: 1\n'
+                          "streams: [ { name: Default, destination: { type: nowhere } } ]\n")
+        asked = self.run_with("--config", str(broken))
+        self.assertEqual(asked.returncode, 2)
+        self.assertIn(f"no agent answers at 127.0.0.1 port {port}", asked.stderr)
+        broken.write_text("monitor: { listen: [\n")
+        self.assertIn("broken.yaml:", self.run_with("--config", str(broken)).stderr)
+
+    def test_what_answers_and_is_no_agent_is_said(self):
+        with socket.create_server(("127.0.0.1", 0)) as other:
+            def answer():
+                client, _ = other.accept()
+                with client:
+                    client.recv(4096)
+                    client.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}")
+            thread = threading.Thread(target=answer)
+            thread.start()
+            asked = self.run_with("--url", f"http://127.0.0.1:{other.getsockname()[1]}")
+            thread.join(support.LIMIT)
+        self.assertEqual(asked.returncode, 2)
+        self.assertIn("is no agent's monitor: it answers 200", asked.stderr)
 
     def test_configuration_that_names_no_address_is_said(self):
         stream = self.stream(support.SYSLOG_SOURCE, "{ type: file, path: ./out.log }")

@@ -161,11 +161,15 @@ try {
   assert.ok(await number("far") > 0);
   assert.equal(await number("far"), await number("spilled"));
 
+  await checkReload(page, card);
+  await checkOldFigures(page);
+  await checkToken(page);
+
   agent.process.kill();
   await until(async () => (await page.locator("#health").textContent()) === "no answer", "no answer");
   assert.deepEqual(foreign, []);
-  // That the agent does not answer any more is said by the browser, too.
-  assert.deepEqual(complaints.filter((one) => !/ERR_CONNECTION/.test(one)), []);
+  // That the agent does not answer any more, or wants its token, is said by the browser, too.
+  assert.deepEqual(complaints.filter((one) => !/ERR_CONNECTION|status of 401/.test(one)), []);
   console.log(`page: ${sent} events through an outage, all seen`);
 } finally {
   clearInterval(feeder);
@@ -198,6 +202,60 @@ async function checkKeys(page, card) {
   assert.match(await chart.getAttribute("aria-label"), /on disk [\d,]+/);
   await page.keyboard.press("Escape");
   assert.equal(await chart.locator(".cursor").count(), 0);
+}
+
+// Lets `change` change what /status answers from now on; the function that is returned ends that.
+async function changeStatus(page, change) {
+  const seen = { answers: 0 };
+  await page.route("**/status", async (route) => {
+    const answer = await route.fetch();
+    const status = await answer.json();
+    change(status);
+    await route.fulfill({ response: answer, json: status });
+    ++seen.answers;
+  });
+  await until(() => seen.answers >= 3, "three changed answers");
+  return () => page.unroute("**/status");
+}
+
+// A stream that is gone for a moment, because it is made again, comes back with its hour.
+async function checkReload(page, card) {
+  const rows = () => card.locator("tbody tr").count();
+  await card.locator("summary").click();
+  await until(async () => (await rows()) > 3, "some points");
+  const before = await rows();
+  const end = await changeStatus(page, (status) => {
+    status.streams = status.streams.filter((one) => one.name !== "Firewall");
+  });
+  assert.equal(await card.count(), 0);
+  await end();
+  await until(async () => (await card.count()) === 1, "the stream is back");
+  await card.locator("summary").click();
+  await until(async () => (await rows()) > 0, "its points");
+  assert.ok(await rows() >= before, `${await rows()} points of ${before}`);
+}
+
+// An agent that can't look at itself says so, and its last figures are not taken for those of now.
+async function checkOldFigures(page) {
+  let last;
+  const end = await changeStatus(page, (status) => {
+    last ??= status.sampled;
+    Object.assign(status, { sampled: last, healthy: false, problems: ["has not looked at itself"] });
+  });
+  assert.equal(await page.locator("#health").textContent(), "degraded");
+  assert.match(await page.locator("#problems").textContent(), /has not looked at itself/);
+  assert.ok(await page.evaluate(() => clockGap) < 2000, "now is now");
+  await end();
+  await until(async () => (await page.locator("#health").textContent()) === "healthy", "healthy");
+}
+
+// Without the token the page says what to do, and goes on when it is let in.
+async function checkToken(page) {
+  await page.route("**/status", (route) => route.fulfill({ status: 401, body: "no" }));
+  await until(async () => (await page.locator("#health").textContent()) === "no entry", "no entry");
+  assert.match(await page.locator("#problems").textContent(), /wants its token/);
+  await page.unroute("**/status");
+  await until(async () => (await page.locator("#health").textContent()) === "healthy", "let in");
 }
 
 // Both themes, and the width of a phone.

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "Agent/Monitor/HttpServer.h"
+#include "Agent/Monitor/MonitorState.h"
+
+namespace OrloAgent {
+
+// A state that is older is none: the agent has not been able to look at itself, most likely because
+// the disk hangs.
+constexpr std::chrono::seconds kStateLasts{60};
+
+// The state as it is to be shown at the time `now` (since 1970): one that has grown old has a
+// problem more, which says so, whatever its figures are.
+std::shared_ptr<const AgentState> JudgeAge(std::shared_ptr<const AgentState> state,
+                                           std::chrono::milliseconds now);
+
+// The points that are younger than a time in milliseconds since 1970.
+using HistoryReader = std::function<History(std::int64_t since)>;
+
+// What the monitor answers to a GET of the path: docs/monitoring.md lists them. Any thread.
+HttpAnswer AnswerRequest(const std::string& path, const std::string& query, const AgentState& state,
+                         const HistoryReader& readHistory);
+
+}  // namespace OrloAgent

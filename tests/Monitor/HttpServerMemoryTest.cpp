@@ -1,0 +1,50 @@
+// The monitor's server when there is no memory for a client. A program of its own, because it
+// replaces the allocation of all threads.
+#include <gtest/gtest.h>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/read.hpp>
+#include <boost/asio/write.hpp>
+#include <string>
+
+#include "Agent/Monitor/HttpServer.h"
+#include "tests/Monitor/FailingAllocations.h"
+
+namespace OrloAgent {
+namespace {
+
+namespace asio = boost::asio;
+
+std::string Ask(std::uint16_t port) {
+  asio::io_context context;
+  asio::ip::tcp::socket socket(context);
+  socket.connect({asio::ip::make_address("127.0.0.1"), port});
+  boost::system::error_code error;
+  std::string text = "GET /a HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n";
+  asio::write(socket, asio::buffer(text), error);
+  text.clear();
+  asio::read(socket, asio::dynamic_buffer(text), error);
+  return text;
+}
+
+TEST(HttpServerWithoutMemory, ClientForWhomThereIsNoneIsGoneAndTheNextOneIsServed) {
+  MonitorOptions options;
+  options.host = "127.0.0.1";
+  const HttpServer server(options, [](const std::string&, const std::string&) {
+    return HttpAnswer{200, "text/plain", "here"};
+  });
+  for (int failures = 1; failures <= 8; ++failures) {
+    TestSupport::allocationFailures = failures;
+    // As many clients as it takes: each of them meets at least one failure.
+    for (int client = 0; client < 100 && TestSupport::allocationFailures > 0; ++client) {
+      Ask(server.GetPort());
+    }
+    ASSERT_EQ(TestSupport::allocationFailures, 0);
+    const std::string answer = Ask(server.GetPort());
+    ASSERT_TRUE(answer.ends_with("here")) << failures << ": " << answer;
+  }
+}
+
+}  // namespace
+}  // namespace OrloAgent
