@@ -93,6 +93,24 @@ class DebianPackage(support.AgentTest):
             "--clear-groups", "--no-new-privs", "orlo-agent", "run", "--config",
             "/etc/orlo-agent/agent.yaml"])
 
+    def install_under_systemd(self, root, package):
+        """Installs it where systemd seems to run; returns with what it was called."""
+        called = root.path / "tmp" / "called"
+        systemctl = root.path / "usr" / "bin" / "systemctl"
+        self.assertFalse(systemctl.exists(), "the smallest system has none")
+        systemctl.write_text('#!/bin/sh\necho "$@" >> /tmp/called\n')
+        systemctl.chmod(0o755)
+        policy = root.path / "usr" / "sbin" / "policy-rc.d"
+        text = policy.read_text()
+        policy.write_text("#!/bin/sh\nexit 0\n")
+        running = root.path / "run" / "systemd" / "system"
+        running.mkdir(parents=True)
+        root.install(package)
+        running.rmdir()
+        systemctl.unlink()
+        policy.write_text(text)
+        return called.read_text().splitlines()
+
     def cached_in(self, root):
         listed = root.run("orlo-cache", "verify", "/var/lib/orlo-agent")
         return int(re.search(r"(\d+) events?,", listed).group(1))
@@ -143,7 +161,9 @@ class DebianPackage(support.AgentTest):
         for path in state.rglob("*"):
             self.assertEqual(str(path.stat().st_uid), user, path)
 
-        root.install(self.packages[1])
+        asked = self.install_under_systemd(root, self.packages[1])
+        self.assertIn("try-restart orlo-agent.service", asked)
+        self.assertEqual([line for line in asked if re.match(r"(--\S+ )*(re)?start ", line)], [])
         self.assertIn("99.0", root.run("dpkg-query", "-W", "orlo-agent"))
         self.assertEqual((etc / "agent.yaml").read_text(), changed)
         self.assertEqual(self.cached_in(root), EVENTS)
