@@ -75,6 +75,27 @@ class Service(support.AgentTest):
         self.assertGreater(manager.said("WATCHDOG=1"), before)
         self.assertEqual((self.directory / "events.log").read_bytes(), b"one\n")
 
+    def test_a_watchdog_is_not_told_while_a_sender_hangs(self):
+        manager, agent = self.run_as_service(str(self.directory / "notify"),
+                                             WATCHDOG_USEC="1000000")
+        # The file is made anew, and opening what is there now waits for somebody who reads.
+        pipe = self.directory / "events.log"
+        pipe.unlink()
+        os.mkfifo(pipe)
+        events = support.numbered(0, 10)
+        support.send(agent.port(), support.as_lines(events))
+        support.wait_until(lambda: manager.said("WATCHDOG=1"), "signs of life before")
+        # Longer than any thread that works takes, on the busiest machine: minutes.
+        agent.wait_for("Stream Default hangs: its sender neither sends nor is refused", limit=400)
+        before = manager.said("WATCHDOG=1")
+        hung = len(agent.messages("Error"))
+        support.wait_until(lambda: len(agent.messages("Error")) >= hung + 4, "it is said again")
+        self.assertEqual(manager.said("WATCHDOG=1"), before)
+        with pipe.open("rb") as reader:
+            self.assertEqual([reader.readline().rstrip() for _ in events], events)
+            support.wait_until(lambda: manager.said("WATCHDOG=1") > before, "it works again")
+            self.assertEqual(agent.stop(), 0)
+
     def test_a_watchdog_of_another_process_is_not_told(self):
         manager, agent = self.run_as_service(str(self.directory / "notify"),
                                              WATCHDOG_USEC="100000", WATCHDOG_PID="1")
