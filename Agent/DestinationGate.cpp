@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <iterator>
 #include <system_error>
+#include <utility>
 
 #include "OrloStream/Status.h"
 #include "WindowsAgentCommon/Gauges.h"
@@ -103,6 +104,8 @@ int DestinationGate::PutOneByOne(MessageBlockPtr event) {
         ++m_keptCount;
         return 0;
       }
+      // To whoever looks at the stream: its sender does not hang.
+      ++m_refusals;
       std::this_thread::sleep_for(kBetweenLooks);
       continue;
     }
@@ -187,7 +190,7 @@ void DestinationGate::Stop() {
   if (m_thread.joinable()) {
     m_thread.join();
   }
-  if (m_destination && !m_leavesDestination) {
+  if (m_destination && !m_leavesDestination && !std::exchange(m_ended, true)) {
     m_destination->Stop();
   }
 }

@@ -68,7 +68,7 @@ class DestinationGate : public Destination {
     return mode != Mode::Passing && m_heldIn == mode;
   }
 
-  // How often an event was refused that is offered again.
+  // How often an event was refused that is offered again, or found that it has to wait.
   std::uint64_t GetRefusals() const { return m_refusals; }
 
   // After Keep and Stop: the destination, or null, and what it and the sender were not rid of,
@@ -103,6 +103,7 @@ class DestinationGate : public Destination {
 
   // Control thread.
   bool m_leavesDestination = false;
+  bool m_ended = false;
 
   // Held while an event is offered, unless the mode is Passing and nothing older is left.
   std::mutex m_lock;

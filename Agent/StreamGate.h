@@ -32,7 +32,10 @@ class StreamGate {
   // From now on events go to this stream, which outlives the gate's being open.
   void Open(OrloStream::Stream& stream);
 
-  // Returns when no post is under way any more, and the stream may go.
+  // Returns when no post is under way any more, and the stream may go. A post waits for room in the
+  // queue of the first stage, which takes from it whatever its destination does: it decides about
+  // each chunk within its period, and puts it on the disk if it can't be sent. So this waits
+  // without bound only where the disk, or that stage's thread, hangs.
   void Close();
 
   // No stream will come: a post that waits, and each one after it, is given up.

@@ -5,6 +5,7 @@ window."""
 import os
 import pathlib
 import random
+import signal
 import subprocess
 import sys
 import time
@@ -103,6 +104,38 @@ class Kafka(support.AgentTest):
         self.assertEqual(list(dict.fromkeys(received)), events, "all of them, and in order")
         self.assertLessEqual(len(received) - len(events), 15 * 500, "doubles within the window")
         print(f"{len(received) - len(events)} doubles", file=sys.stderr)
+
+    def test_a_reload_while_the_cluster_is_away_keeps_window_sender_and_cache(self):
+        self.cluster("down -1")
+        agent = self.start_agent(", window: 100, send_timeout: 100ms")
+        config = self.directory / "agent.yaml"
+        events = support.numbered(0, 3_000)
+        support.send(agent.port(), support.as_lines(events[:1_000]))
+        agent.wait_for(r"\(near\)")
+        support.send(agent.port(), support.as_lines(events[1_000:]))
+        self.wait_for_cached(2_000)
+        config.write_text(config.read_text().replace("DataChunkPeriod: 5", "DataChunkPeriod: 6"))
+        agent.signal(signal.SIGHUP)
+        agent.wait_for("was read again: 0 streams go on untouched, 1 were changed")
+        self.cluster("up -1")
+        self.assertEqual(self.wait_for_messages(events), events)
+        self.assertEqual(agent.stop(), 0)
+        self.assertEqual(len([line for line in agent.lines if "Sending to topic" in line]), 1)
+
+    def test_a_window_goes_to_the_destination_that_takes_the_clusters_place(self):
+        self.cluster("down -1")
+        agent = self.start_agent(", window: 100, send_timeout: 100ms")
+        events = support.numbered(0, 500)
+        support.send(agent.port(), support.as_lines(events))
+        agent.wait_for(r"\(near\)")
+        self.configure(self.stream(support.SYSLOG_SOURCE, "{ type: file, path: out.log }"))
+        agent.signal(signal.SIGHUP)
+        agent.wait_for("was read again: 0 streams go on untouched, 1 were changed")
+        output = self.directory / "out.log"
+        support.wait_until(lambda: output.read_bytes() == support.as_lines(events), "every event")
+        self.assertEqual(agent.stop(), 0)
+        self.assertEqual(output.read_bytes(), support.as_lines(events))
+        self.assertEqual(self.cluster.messages(), [])
 
     def test_cluster_that_is_away_fills_the_window_and_then_the_cache(self):
         self.cluster("down -1")
