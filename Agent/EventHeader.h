@@ -13,8 +13,8 @@
 //
 //   offset  size  field, little-endian
 //   0       1     bit 7: 1; bits 3 to 6: origin, see EventOrigin; bits 0 to 2: see EventFlags
-//   1       6     receive time, UTC: tenths of a millisecond since 1601, as FILETIME counts from
-//   there 7       n     what the origin says of the source; nothing follows it
+//   1       6     receive time, UTC: tenths of a millisecond since 1601
+//   7       n     what the origin says of the source; nothing follows it
 //
 // So an event of a sender with an IPv4 address has a head of 11 bytes. Earlier versions wrote this
 // layout, which is told apart by its first byte:

@@ -32,7 +32,7 @@ void IncomingGauges::Way::Count(std::size_t count) {
 }
 
 std::int64_t IncomingGauges::GetAgeMilliseconds() const {
-  if (m_events.load(std::memory_order_relaxed) == 0) {
+  if (m_events.load(std::memory_order_acquire) == 0) {
     return 0;
   }
   const Clock::time_point since{Clock::duration(m_since.load(std::memory_order_relaxed))};

@@ -28,7 +28,8 @@ class IncomingGauges {
     if (before == 0 && events != 0) {
       m_since.store(Clock::now().time_since_epoch().count(), std::memory_order_relaxed);
     }
-    m_events.store(static_cast<std::int64_t>(events), std::memory_order_relaxed);
+    // Whoever sees the events sees since when.
+    m_events.store(static_cast<std::int64_t>(events), std::memory_order_release);
   }
 
   // The thread hands over and caches nothing from now on. Incoming thread.

@@ -140,6 +140,7 @@ int StoreAndForwardIncoming::svc() {
       }
       now = ACE_OS::gettimeofday();
     }
+    m_gauges->SetChunk(chunk.size());
   } catch (int error) {
     LogFacade::Debug(m_log, "Stage thread exception %d.", error);
   }

@@ -357,7 +357,7 @@ void* AllocateBlock() noexcept {
 
 void FreeBlock(void* piece) noexcept {
   ThreadMemory& own = memory;
-  if (SlabOf(piece) != own.current || own.freeBlockCount == kMostFreeBlocks) {
+  if (piece == nullptr || SlabOf(piece) != own.current || own.freeBlockCount == kMostFreeBlocks) {
     Free(piece);
     return;
   }

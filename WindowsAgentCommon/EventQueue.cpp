@@ -155,8 +155,11 @@ int EventQueue::wait_not_empty_cond(ACE_Time_Value* timeout) {
     }
     const bool gathers = m_takenInARow >= kManyInARow;
     m_takenInARow = 0;
-    const bool inTime = gathers ? WaitForMany(timeout) : WaitForOne(timeout);
-    if (state_ != ACE_Message_Queue_Base::ACTIVATED) {
+    if (gathers && !WaitForMany(timeout)) {
+      continue;
+    }
+    const bool inTime = gathers || WaitForOne(timeout);
+    if (inTime && state_ != ACE_Message_Queue_Base::ACTIVATED) {
       errno = ESHUTDOWN;
       return -1;
     }
@@ -180,15 +183,21 @@ bool EventQueue::WaitForOne(ACE_Time_Value* timeout) {
   return result != -1;
 }
 
+// False if the time for gathering, or all of it, has passed.
 bool EventQueue::WaitForMany(ACE_Time_Value* timeout) {
   ACE_Time_Value until = ACE_OS::gettimeofday() + ACE_Time_Value(0, kGatherTime);
   if (timeout != nullptr) {
     until = std::min(until, *timeout);
   }
   ++m_gathering;
-  WaitForOne(&until);
+  const bool isWoken = WaitForOne(&until);
   --m_gathering;
-  return true;
+  // Nobody has told other threads of what has gathered.
+  if (head_ != tail_ && m_woken < m_waiting) {
+    ++m_woken;
+    Base::signal_dequeue_waiters();
+  }
+  return isWoken;
 }
 
 int EventQueue::signal_dequeue_waiters() {

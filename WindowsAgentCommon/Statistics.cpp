@@ -15,8 +15,9 @@ namespace {
 
 thread_local std::string currentInstance;
 
-// Updates take only the group's own lock. The values live in one vector in the order of
-// declaration; the index finds them by name without making a string.
+// Updates of numbers take one brief lock, and whoever looks holds it for the numbers only: what has
+// to be allocated for a reader is so with the other lock held. The values live in one vector in the
+// order of declaration; the index finds them by name without making a string.
 class StatisticsGroup : public IStatisticsGroup {
  public:
   StatisticsGroup(std::string name, std::string categoryPath, std::string instance)
@@ -25,12 +26,13 @@ class StatisticsGroup : public IStatisticsGroup {
         m_instance(std::move(instance)) {}
 
   void Publish() override {
-    const std::lock_guard guard(m_lock);
+    const std::lock_guard guard(m_declarationLock);
     m_published = true;
   }
 
   void DeclareStatistic(const std::string& name, const std::string& description,
                         const StatisticValue& initial) override {
+    const std::lock_guard declaring(m_declarationLock);
     const std::lock_guard guard(m_lock);
     const auto [entry, isNew] = m_index.try_emplace(name, m_statistics.size());
     if (isNew) {
@@ -42,41 +44,47 @@ class StatisticsGroup : public IStatisticsGroup {
 
   void UpdateStatistic(const std::string& name, const StatisticValue& value,
                        bool /*flag*/) override {
-    const auto* const number = boost::get<std::int64_t>(&value.GetValue());
-    const std::lock_guard guard(m_lock);
-    // The statistic of most updates is that of the last one.
-    if (m_last >= m_statistics.size() || m_statistics[m_last].shown.name != name) {
-      const auto found = m_index.find(name);
-      if (found == m_index.end()) {
+    if (const auto* const number = boost::get<std::int64_t>(&value.GetValue())) {
+      const std::lock_guard guard(m_lock);
+      if (Entry* const entry = Find(name)) {
+        entry->isNumber = true;
+        entry->kind = value.GetKind();
+        entry->number = *number;
+      }
+      return;
+    }
+    const std::lock_guard declaring(m_declarationLock);
+    Entry* entry = nullptr;
+    {
+      const std::lock_guard guard(m_lock);
+      entry = Find(name);
+      if (entry == nullptr) {
         return;
       }
-      m_last = found->second;
+      entry->isNumber = false;
     }
-    Entry& entry = m_statistics[m_last];
-    entry.isNumber = number != nullptr;
-    if (number != nullptr) {
-      entry.kind = value.GetKind();
-      entry.number = *number;
-    } else {
-      entry.shown.value = value;
-    }
+    entry->shown.value = value;
   }
 
   const std::string& GetInstance() const { return m_instance; }
 
   // Adds nothing while the group is not published.
   void AddTo(std::vector<StatisticsGroupSnapshot>& snapshot) const {
+    const std::lock_guard declaring(m_declarationLock);
+    if (!m_published) {
+      return;
+    }
     StatisticsGroupSnapshot group{m_name, m_categoryPath, m_instance, {}};
+    group.statistics.reserve(m_statistics.size());
+    for (const Entry& entry : m_statistics) {
+      group.statistics.push_back(entry.shown);
+    }
     {
       const std::lock_guard guard(m_lock);
-      if (!m_published) {
-        return;
-      }
-      group.statistics.reserve(m_statistics.size());
-      for (const Entry& entry : m_statistics) {
-        group.statistics.push_back(entry.shown);
+      for (std::size_t index = 0; index < m_statistics.size(); ++index) {
+        const Entry& entry = m_statistics[index];
         if (entry.isNumber) {
-          group.statistics.back().value = StatisticValue(entry.kind, entry.number);
+          group.statistics[index].value = StatisticValue(entry.kind, entry.number);
         }
       }
     }
@@ -93,17 +101,33 @@ class StatisticsGroup : public IStatisticsGroup {
     std::int64_t number = 0;
   };
 
+  // Null for a name that is not declared. Requires m_lock.
+  Entry* Find(const std::string& name) {
+    // The statistic of most updates is that of the last one.
+    if (m_last >= m_statistics.size() || m_statistics[m_last].shown.name != name) {
+      const auto found = m_index.find(name);
+      if (found == m_index.end()) {
+        return nullptr;
+      }
+      m_last = found->second;
+    }
+    return &m_statistics[m_last];
+  }
+
   const std::string m_name;
   const std::string m_categoryPath;
   const std::string m_instance;
 
-  // Held for a few instructions by updates, and while somebody looks, which is rare.
+  // Taken before m_lock.
+  mutable std::mutex m_declarationLock;
+  bool m_published = false;  // guarded by m_declarationLock
+
   alignas(64) mutable BriefLock m_lock;
-  // Guarded by m_lock:
+  // Changed with both locks held and read with either, except for what the last update brought and
+  // m_last, which m_lock alone guards, and shown values, which m_declarationLock alone guards.
   std::vector<Entry> m_statistics;
   std::unordered_map<std::string, std::size_t> m_index;
   std::size_t m_last = 0;  // in m_statistics, of the last update
-  bool m_published = false;
 };
 
 }  // namespace

@@ -50,6 +50,17 @@ TEST_F(StatisticsTablesTest, ACounterStartsAtZero) {
   EXPECT_TRUE(m_group.Updates().empty());
 }
 
+TEST_F(StatisticsTablesTest, ASerialCounterIsTheSameCounter) {
+  std::int64_t* total = nullptr;
+  DeclareCounter(m_group, m_declared, m_counters, Counter("n"), total);
+  UpdateCounter(&m_group, total, Counter("n"), 4, false, kSite);
+  UpdateSerialCounter(&m_group, total, Counter("n"), 5, false, kSite);
+  EXPECT_EQ(m_group.IntegerUpdates("n"), (std::vector<std::int64_t>{4, 9}));
+  EXPECT_EQ(*m_counters.at("n"), 9);
+  EXPECT_THROW(UpdateSerialCounter(&m_group, nullptr, Counter("n"), 1, false, kSite),
+               OrloStatisticsException);
+}
+
 TEST_F(StatisticsTablesTest, ACounterWithItsTotalAtHandIsTheSameCounter) {
   std::int64_t* total = nullptr;
   DeclareCounter(m_group, m_declared, m_counters, Counter("n"), total);

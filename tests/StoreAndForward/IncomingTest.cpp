@@ -9,10 +9,12 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <thread>
 
 #include "Platform/testing/TestFaults.h"
 #include "WindowsAgentCommon/Exceptions.h"
+#include "WindowsAgentCommon/Gauges.h"
 #include "WindowsAgentCommon/MessageBlocks.h"
 #include "WindowsAgentCommon/Text.h"
 #include "tests/StoreAndForward/StageHarness.h"
@@ -201,6 +203,16 @@ class IncomingLoop : public testing::Test {
     return m_harness.Log().Count(LogLevel::Debug, text);
   }
 
+  void ExpectGauges(const std::map<std::string, std::int64_t>& expected) {
+    std::map<std::string, std::int64_t> all;
+    for (const auto& reading : WindowsAgentCommon::ReadGauges("Test")) {
+      all[reading.name] = reading.value;
+    }
+    for (const auto& [name, value] : expected) {
+      EXPECT_EQ(all.at(name), value) << name;
+    }
+  }
+
   // Refuses every event until told otherwise, so that chunks go to disk: the first chunk is
   // accepted and stays pending.
   void CloseDestination() {
@@ -232,6 +244,7 @@ TEST_F(IncomingLoop, EventsOfOnePeriodArriveAsOneChunk) {
   m_harness.Stop();
   EXPECT_EQ(m_harness.ChunkFiles(), 0u);
   EXPECT_EQ(Statistic("OutgoingHandlerRejects"), 0);
+  ExpectGauges({{"ChunksNear", 1}, {"EventsNear", 100}, {"ChunkEvents", 0}, {"ChunksSpilled", 0}});
   m_harness.ExpectSum(0, 0);
   EXPECT_TRUE(m_harness.Allocators().NothingAlive());
 }
@@ -259,6 +272,7 @@ TEST_F(IncomingLoop, ChunkThatIsRefusedGoesToDisk) {
   EXPECT_EQ(m_harness.ChunkFiles(), 1u);
   EXPECT_TRUE(m_harness.Allocators().NothingAlive());
   m_harness.Stop();
+  ExpectGauges({{"ChunksSpilled", 1}, {"EventsSpilled", 3}, {"ChunkEvents", 0}, {"ChunksNear", 0}});
   m_harness.ExpectSum(0, 3);
 }
 
@@ -320,6 +334,7 @@ TEST_F(IncomingLoop, ChunksOfAnEarlierRunAreDrainedOneByOneOldestFirst) {
   ASSERT_TRUE(WaitUntil([this] { return Debugs("No remaining cached data.") == 1; }));
   EXPECT_EQ(m_harness.Group("StoreAndForwardIncoming").IntegerUpdates("OutgoingHandlerAccepts"),
             (std::vector<std::int64_t>{1, 2, 3, 4}));
+  ExpectGauges({{"ChunksFar", 4}, {"EventsFar", 8}, {"ChunksNear", 0}});
   EXPECT_EQ(m_harness.ChunkFiles(), 0u);
 }
 
@@ -437,6 +452,7 @@ TEST_F(IncomingLoop, StopBeforeTheChunkIsDueAbandonsIt) {
     return StageTestAccess::Incoming(m_harness.Stage()).msg_queue()->message_count() == 0;
   })) << "the events are in the chunk, not in the queue";
   m_harness.Stop();
+  ExpectGauges({{"ChunkEvents", 3}, {"ChunksNear", 0}, {"ChunksSpilled", 0}});
   EXPECT_EQ(m_harness.ChunkFiles(), 0u);
   EXPECT_TRUE(m_harness.Destination().Offers().empty());
   EXPECT_EQ(m_harness.Allocators().BlocksAlive(), 6u) << "three events of two blocks";
@@ -451,6 +467,7 @@ TEST_F(IncomingLoop, StopAfterTheChunkBecameDuePushesItToDisk) {
   // Well after the deadline of five seconds, well before the minute is over.
   std::this_thread::sleep_for(seconds(8));
   m_harness.Stop();
+  ExpectGauges({{"ChunkEvents", 0}, {"ChunkAgeMilliseconds", 0}, {"EventsSpilled", 3}});
   EXPECT_EQ(Statistic("EventDiskCacheAccepts"), 1);
   EXPECT_EQ(Debugs("Processing rejected for message block. Pushing to disk. (3 records)"), 1u);
   EXPECT_EQ(Statistic("OutgoingHandlerRejects"), 0);

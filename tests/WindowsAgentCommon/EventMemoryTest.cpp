@@ -100,7 +100,15 @@ TEST(EventMemoryTest, BlocksMadeOnOneThreadAreFreedOnAnother) {
   }
 }
 
-TEST(EventMemoryTest, NothingMayBeFreed) { EventMemory::Free(nullptr); }
+TEST(EventMemoryTest, NothingMayBeFreed) {
+  // On a thread that has no memory of its own yet, and on one that has.
+  std::thread([] {
+    EventMemory::Free(nullptr);
+    EventMemory::FreeBlock(nullptr);
+    EventMemory::FreeBlock(EventMemory::AllocateBlock());
+    EventMemory::FreeBlock(nullptr);
+  }).join();
+}
 
 TEST(EventMemoryTest, APieceKeepsItsContentsWhileOthersComeAndGo) {
   const Piece kept = Make(100, 77);

@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <future>
 #include <thread>
 #include <vector>
 
@@ -45,6 +47,35 @@ void Post(EventQueue& queue, std::size_t first, std::size_t count) {
     ASSERT_NE(queue.enqueue_tail(Make(number)), -1);
   }
 }
+
+// Says who has come to wait. Whoever is counted has the queue's lock until it sleeps, so that the
+// next operation of another thread finds it waiting.
+class WatchedQueue : public EventQueue {
+ public:
+  void AwaitTakers(int count) const { Await(m_takers, count); }
+  void AwaitPosters(int count) const { Await(m_posters, count); }
+
+ private:
+  static void Await(const std::atomic<int>& waiting, int count) {
+    while (waiting < count) {
+      std::this_thread::yield();
+    }
+  }
+
+  int wait_not_empty_cond(ACE_Time_Value* timeout) override {
+    ++m_takers;
+    return EventQueue::wait_not_empty_cond(timeout);
+  }
+  int wait_not_full_cond(ACE_Time_Value* timeout) override {
+    if (is_full_i()) {
+      ++m_posters;
+    }
+    return EventQueue::wait_not_full_cond(timeout);
+  }
+
+  std::atomic<int> m_takers{0};
+  std::atomic<int> m_posters{0};
+};
 
 // Has taken so many in a row that it lets blocks gather when it next waits.
 void TakeManyInARow(EventQueue& queue) {
@@ -185,20 +216,96 @@ TEST(EventQueueTest, DeactivationKeepsABatchBackUntilTheQueueIsActiveAgain) {
 }
 
 TEST(EventQueueTest, APosterGoesOnWhenABatchHasBeenTakenDownToTheLowWaterMark) {
-  EventQueue queue;
+  WatchedQueue queue;
   queue.high_water_mark(10 * sizeof(std::size_t));
   queue.low_water_mark(5 * sizeof(std::size_t));
-  PostAndTakeTheFirst(queue, 10);
-  Post(queue, 10, 1);
-  ASSERT_TRUE(queue.is_full());
-  std::thread poster([&queue] { Post(queue, 11, 1); });
-  for (std::size_t left = 9; left > 5; --left) {
-    EXPECT_GE(Take(queue), 0);
-    EXPECT_EQ(queue.message_count(), left);
+  Post(queue, 0, 10);
+  std::atomic<bool> posted{false};
+  std::thread poster([&] {
+    Post(queue, 10, 1);
+    posted = true;
+  });
+  queue.AwaitPosters(1);
+  for (int number = 0; number < 4; ++number) {
+    EXPECT_EQ(Take(queue), number);
   }
-  EXPECT_GE(Take(queue), 0);
+  EXPECT_EQ(queue.message_count(), 6u);
+  EXPECT_FALSE(posted);
+  // The one that matters comes from a batch, with others still behind it.
+  EXPECT_EQ(Take(queue), 4);
   poster.join();
   EXPECT_EQ(queue.message_count(), 6u);
+}
+
+TEST(EventQueueTest, TakingFromABatchDoesNotWaitForTheQueuesLock) {
+  EventQueue queue;
+  PostAndTakeTheFirst(queue, 3);
+  std::future<std::int64_t> taken;
+  {
+    const ACE_Guard<ACE_Thread_Mutex> guard(queue.lock());
+    taken = std::async(std::launch::async, [&queue] { return Take(queue); });
+    EXPECT_EQ(taken.wait_for(std::chrono::seconds(kLimitSeconds)), std::future_status::ready);
+  }
+  EXPECT_EQ(taken.get(), 1);
+}
+
+// A thread that lets blocks gather is the only one that hears of them; others wait for one each.
+TEST(EventQueueTest, ATakerIsNotForgottenWhileAnotherLetsBlocksGather) {
+  for (int round = 0; round < 100; ++round) {
+    WatchedQueue queue;
+    Post(queue, 0, 100);
+    for (int number = 0; number < 100; ++number) {
+      ASSERT_EQ(Take(queue), number);
+    }
+    const auto take = [&queue] {
+      ACE_Message_Block* block = nullptr;
+      return queue.dequeue_head(block) == -1 ? nullptr : MessageBlockPtr(block);
+    };
+    // The first wait of all was before the first block.
+    auto first = std::async(std::launch::async, take);
+    auto second = std::async(std::launch::async, take);
+    queue.AwaitTakers(3);
+    Post(queue, 1, 2);
+    for (auto* const taker : {&first, &second}) {
+      EXPECT_EQ(taker->wait_for(std::chrono::seconds(kLimitSeconds)), std::future_status::ready)
+          << "in round " << round;
+    }
+    queue.deactivate();
+    ASSERT_TRUE(first.get() && second.get());
+  }
+}
+
+TEST(EventQueueTest, PostersTakersAndWatchersDoNotDisturbEachOther) {
+  EventQueue queue;
+  queue.high_water_mark(20 * sizeof(std::size_t));
+  queue.low_water_mark(10 * sizeof(std::size_t));
+  constexpr std::size_t kEach = 10'000;
+  constexpr std::size_t kPosters = 3;
+  std::vector<std::thread> others;
+  for (std::size_t poster = 0; poster < kPosters; ++poster) {
+    others.emplace_back([&queue, poster] { Post(queue, poster * kEach, kEach); });
+  }
+  std::atomic<bool> done{false};
+  others.emplace_back([&] {
+    while (!done) {
+      // Each poster may add one more when it was let on.
+      EXPECT_LE(queue.message_count(), 20 + kPosters);
+      EXPECT_LE(queue.message_length(), (20 + kPosters) * sizeof(std::size_t));
+      std::this_thread::yield();
+    }
+  });
+  std::vector<std::size_t> next(kPosters, 0);
+  for (std::size_t taken = 0; taken < kPosters * kEach; ++taken) {
+    const std::int64_t number = Take(queue);
+    ASSERT_GE(number, 0);
+    const std::size_t poster = static_cast<std::size_t>(number) / kEach;
+    EXPECT_EQ(static_cast<std::size_t>(number) % kEach, next.at(poster)++);
+  }
+  done = true;
+  for (std::thread& other : others) {
+    other.join();
+  }
+  EXPECT_TRUE(queue.is_empty());
 }
 
 TEST(EventQueueTest, ABatchIsReleasedWithTheQueueAndWhenItIsFlushed) {

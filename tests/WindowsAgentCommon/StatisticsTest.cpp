@@ -245,6 +245,8 @@ TEST_F(StatisticsTest, ThreadsCreateUpdateReadAndRemoveAtOnce) {
   for (int number = 0; number < 4; ++number) {
     shared->DeclareStatistic(std::to_string(number), "", Whole(0));
   }
+  const StatisticValue text(1, std::string("a text for which memory has to be found"));
+  shared->DeclareStatistic("either", "", text);
   std::vector<std::thread> threads;
   for (int number = 0; number < 4; ++number) {
     threads.emplace_back([&, number] {
@@ -252,6 +254,7 @@ TEST_F(StatisticsTest, ThreadsCreateUpdateReadAndRemoveAtOnce) {
       const StatisticsInstanceScope scope(name);
       for (int round = 1; round <= 500; ++round) {
         MakeVisibleGroup(name);
+        shared->UpdateStatistic("either", number % 2 == 0 ? Whole(round) : text, false);
         shared->UpdateStatistic(name, Whole(round), false);
         m_server.GetSnapshot();
         m_server.RemoveInstance(name);
