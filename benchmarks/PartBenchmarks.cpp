@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <new>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -153,6 +154,13 @@ std::size_t EventsOf(const benchmark::State& state) {
   return 10'000'000 / static_cast<std::size_t>(state.range(0));
 }
 
+// A benchmark that does not do its work would look fast.
+void Require(bool holds, const char* otherwise) {
+  if (!holds) {
+    throw std::runtime_error(otherwise);
+  }
+}
+
 using ManualTimer = std::chrono::steady_clock;
 
 void SetTime(benchmark::State& state, ManualTimer::time_point start) {
@@ -164,8 +172,9 @@ void PushChunk(benchmark::State& state) {
   for (auto _ : state) {
     auto chunk = MakeChunk(EventsOf(state), static_cast<std::size_t>(state.range(0)));
     const auto start = ManualTimer::now();
-    bench.Cache().Push(chunk);
+    const bool pushed = bench.Cache().Push(chunk);
     SetTime(state, start);
+    Require(pushed, "the chunk can't be pushed");
     bench.Cache().Pop();
   }
   state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(EventsOf(state)));
@@ -175,11 +184,12 @@ BENCHMARK(PushChunk)->Arg(200)->Arg(2000)->UseManualTime()->Unit(benchmark::kMil
 void FrontOfCache(benchmark::State& state) {
   CacheBench bench;
   auto chunk = MakeChunk(EventsOf(state), static_cast<std::size_t>(state.range(0)));
-  bench.Cache().Push(chunk);
+  Require(bench.Cache().Push(chunk), "the chunk can't be pushed");
   for (auto _ : state) {
     const auto start = ManualTimer::now();
-    bench.Cache().Front(chunk);
+    const bool read = bench.Cache().Front(chunk);
     SetTime(state, start);
+    Require(read && chunk.size() == EventsOf(state), "the chunk can't be read");
     ReleaseChunk(chunk);
   }
   state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(EventsOf(state)));
@@ -196,17 +206,14 @@ class PlainFile {
 
   void Write() {
     std::FILE* const file = Open("wb");
-    if (std::fwrite(m_buffer.data(), m_buffer.size(), 1, file) != 1) {
-      throw std::runtime_error("the file can't be written");
-    }
+    Require(std::fwrite(m_buffer.data(), m_buffer.size(), 1, file) == 1,
+            "the file can't be written");
     std::fclose(file);
   }
 
   void Read() {
     std::FILE* const file = Open("rb");
-    if (std::fread(m_buffer.data(), m_buffer.size(), 1, file) != 1) {
-      throw std::runtime_error("the file can't be read");
-    }
+    Require(std::fread(m_buffer.data(), m_buffer.size(), 1, file) == 1, "the file can't be read");
     std::fclose(file);
   }
 
@@ -215,9 +222,7 @@ class PlainFile {
  private:
   std::FILE* Open(const char* mode) {
     std::FILE* const file = std::fopen(m_path.c_str(), mode);
-    if (file == nullptr) {
-      throw std::runtime_error("the file can't be opened");
-    }
+    Require(file != nullptr, "the file can't be opened");
     std::setvbuf(file, nullptr, _IONBF, 0);
     return file;
   }
@@ -231,24 +236,52 @@ std::size_t BytesOf(const benchmark::State& state) {
   return EventsOf(state) * (kHeadSize + static_cast<std::size_t>(state.range(0)));
 }
 
+// The events of a chunk as pieces of memory, in the order in which a chunk file has them. The chunk
+// is as new as the one that Push gets, and as the memory that Front fills.
+class Pieces {
+ public:
+  explicit Pieces(const benchmark::State& state)
+      : m_chunk(MakeChunk(EventsOf(state), static_cast<std::size_t>(state.range(0)))) {
+    for (const ACE_Message_Block* event : m_chunk) {
+      for (const ACE_Message_Block* block = event; block != nullptr; block = block->cont()) {
+        m_pieces.emplace_back(block->base(), block->length());
+      }
+    }
+  }
+  ~Pieces() { ReleaseChunk(m_chunk); }
+  Pieces(const Pieces&) = delete;
+  Pieces& operator=(const Pieces&) = delete;
+
+  void CopyTo(char* at) const {
+    for (const std::span<char> piece : m_pieces) {
+      std::memcpy(at, piece.data(), piece.size());
+      at += piece.size();
+    }
+  }
+
+  void FillFrom(const char* at) const {
+    for (const std::span<char> piece : m_pieces) {
+      std::memcpy(piece.data(), at, piece.size());
+      at += piece.size();
+    }
+  }
+
+ private:
+  std::vector<ACE_Message_Block*> m_chunk;
+  std::vector<std::span<char>> m_pieces;
+};
+
 // The events' bytes copied one event after the other, and one write.
 void CopyAndWrite(benchmark::State& state) {
   PlainFile file(BytesOf(state));
-  auto chunk = MakeChunk(EventsOf(state), static_cast<std::size_t>(state.range(0)));
   for (auto _ : state) {
+    const Pieces pieces(state);
     const auto start = ManualTimer::now();
-    char* at = file.Buffer();
-    for (const ACE_Message_Block* event : chunk) {
-      for (const ACE_Message_Block* block = event; block != nullptr; block = block->cont()) {
-        std::memcpy(at, block->base(), block->length());
-        at += block->length();
-      }
-    }
+    pieces.CopyTo(file.Buffer());
     file.Write();
     SetTime(state, start);
     file.Remove();
   }
-  ReleaseChunk(chunk);
   state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(EventsOf(state)));
 }
 BENCHMARK(CopyAndWrite)->Arg(200)->Arg(2000)->UseManualTime()->Unit(benchmark::kMillisecond);
@@ -257,20 +290,13 @@ BENCHMARK(CopyAndWrite)->Arg(200)->Arg(2000)->UseManualTime()->Unit(benchmark::k
 void ReadAndCopy(benchmark::State& state) {
   PlainFile file(BytesOf(state));
   file.Write();
-  auto chunk = MakeChunk(EventsOf(state), static_cast<std::size_t>(state.range(0)));
   for (auto _ : state) {
+    const Pieces pieces(state);
     const auto start = ManualTimer::now();
     file.Read();
-    const char* at = file.Buffer();
-    for (const ACE_Message_Block* event : chunk) {
-      for (const ACE_Message_Block* block = event; block != nullptr; block = block->cont()) {
-        std::memcpy(block->base(), at, block->length());
-        at += block->length();
-      }
-    }
+    pieces.FillFrom(file.Buffer());
     SetTime(state, start);
   }
-  ReleaseChunk(chunk);
   state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(EventsOf(state)));
 }
 BENCHMARK(ReadAndCopy)->Arg(200)->Arg(2000)->UseManualTime()->Unit(benchmark::kMillisecond);
@@ -318,7 +344,8 @@ void LeaveChunks(const std::filesystem::path& directory, std::int64_t count) {
     if (number % 60 == 0) {
       std::filesystem::create_directories(folder);
     }
-    std::ofstream(folder / WindowsAgentCommon::Format("%02d", number % 60)) << page;
+    std::ofstream chunk(folder / WindowsAgentCommon::Format("%02d", number % 60));
+    Require((chunk << page).flush().good(), "a chunk file can't be written");
   }
 }
 
@@ -346,10 +373,12 @@ void ScanEmptyAndPop(benchmark::State& state) {
     }
     empty += since(start);
     start = ManualTimer::now();
-    while (!cache->Empty()) {
+    std::uint64_t popped = 0;
+    for (; !cache->Empty(); ++popped) {
       cache->Pop();
     }
     pop += since(start);
+    Require(popped == chunks, "the scan has not found all chunks");
     state.SetIterationTime(scanned);
   }
   const double perChunk =
@@ -384,6 +413,13 @@ Schedule MakeSchedule() {
   }
   return Schedule({interval}, zone, false);
 }
+
+void ReadSystemClock(benchmark::State& state) {
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(std::chrono::system_clock::now());
+  }
+}
+BENCHMARK(ReadSystemClock);
 
 void AskScheduleAgain(benchmark::State& state) {
   Schedule schedule = MakeSchedule();

@@ -9,6 +9,7 @@
 
 #include "OrloStream/StreamManager.h"
 #include "WindowsAgentCommon/DiskManager.h"
+#include "WindowsAgentCommon/Gauges.h"
 #include "WindowsAgentCommon/OrloTask.h"
 #include "benchmarks/Events.h"
 
@@ -121,6 +122,7 @@ StageTimes StageRun::Post(std::size_t events, std::size_t payloadSize, unsigned 
   StageTimes times;
   const std::int64_t chunksBefore = CountChunks();
   const std::size_t each = events / posters;
+  m_posted += static_cast<std::int64_t>(each * posters);
   m_destination->Expect(each * posters, posters);
 
   const auto processorStart = GetProcessorTime();
@@ -141,13 +143,21 @@ StageTimes StageRun::Post(std::size_t events, std::size_t payloadSize, unsigned 
   return times;
 }
 
+// Of all events that were posted. The stage counts a chunk, and then its events, after it has
+// handed it over, by when the events may have arrived.
 std::int64_t StageRun::CountChunks() const {
-  for (const auto& group : m_statistics->GetSnapshot()) {
-    if (group.Find("OutgoingHandlerAccepts") != nullptr) {
-      return group.GetInteger("OutgoingHandlerAccepts");
+  const auto read = [](const std::string& name) {
+    for (const auto& reading : WindowsAgentCommon::ReadGauges("Benchmark")) {
+      if (reading.name == name) {
+        return reading.value;
+      }
     }
+    throw std::runtime_error("the stage has no gauge " + name);
+  };
+  while (read("EventsNear") < m_posted) {
+    std::this_thread::yield();
   }
-  throw std::runtime_error("the stage publishes no OutgoingHandlerAccepts");
+  return read("ChunksNear");
 }
 
 std::chrono::duration<double> GetProcessorTime() {

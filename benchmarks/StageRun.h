@@ -52,6 +52,7 @@ class StageRun {
   void PostFrom(unsigned poster, std::size_t events, std::size_t payloadSize);
   std::int64_t CountChunks() const;
 
+  std::int64_t m_posted = 0;  // events
   ScratchDirectory m_scratch;
   std::shared_ptr<WindowsAgentCommon::StatisticsServer> m_statistics;
   std::unique_ptr<WindowsAgentCommon::ServiceRegistration> m_statisticsRegistration;

@@ -31,8 +31,9 @@ import threading
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-sys.path[:0] = [str(ROOT / "benchmarks/outage"), str(ROOT / "tests/integration")]
-import run as outage  # noqa: E402
+sys.path[:0] = [str(ROOT / "benchmarks"), str(ROOT / "benchmarks/outage"),
+                str(ROOT / "tests/integration")]
+import document  # noqa: E402
 import scenario  # noqa: E402
 from certificates import Authority  # noqa: E402
 
@@ -81,9 +82,7 @@ class Run:
         return int(self.wait_for(r"Listening on \w+://127\.0\.0\.1:(\d+)\.")[1])
 
     def cpu(self):
-        with open(f"/proc/{self.process.pid}/stat", encoding="ascii") as stat:
-            fields = stat.read().rsplit(")", 1)[1].split()
-        return sum(int(field) for field in fields[11:13]) / scenario.TICKS
+        return scenario.processor_time(self.process.pid)
 
     def end(self, is_stopping=False):
         """Asks it to stop, if it does not do so already; its processor time when it has ended."""
@@ -365,10 +364,10 @@ def main():
                     shutil.rmtree(directory, ignore_errors=True)
         tables.append(table(title, kinds, rounds))
     text = "\n\n".join([f"{options.events:,} events of {options.size} bytes, {options.rounds} "
-                        f"rounds, medians. {outage.machine()}.", *tables])
+                        f"rounds, medians. {document.machine()}.", *tables])
     print(text)
     if options.output:
-        outage.replace(pathlib.Path(options.output), "ends", text)
+        document.replace(pathlib.Path(options.output), "ends", text)
 
 
 if __name__ == "__main__":

@@ -11,7 +11,7 @@ What is measured:
   processor   user and system time of the program, for each of the two; for the first until it has
               come to rest, so that writing to the disk is counted wherever it is done
   disk        bytes of the program's files when it has come to rest
-  memory      the largest resident size, of the whole round
+  memory      the largest resident size, until the program has come to rest and of the whole round
 
 Every round checks that everything arrived, nothing twice, and whether the order was kept; the agent's
 round fails if it was not.
@@ -61,6 +61,13 @@ def make_events(first, count, size):
                     for number in range(first, first + count))
 
 
+def processor_time(pid):
+    """Seconds that a process has used, with those of its children that have ended."""
+    with open(f"/proc/{pid}/stat", encoding="ascii") as stat:
+        fields = stat.read().rsplit(")", 1)[1].split()
+    return sum(int(field) for field in fields[11:15]) / TICKS
+
+
 class Process:
     """A running program, and what the system knows of it."""
 
@@ -78,10 +85,7 @@ class Process:
         return self.process.poll() is None
 
     def cpu(self):
-        """Seconds of processor time, with those of the children that have ended."""
-        with open(f"/proc/{self.process.pid}/stat", encoding="ascii") as stat:
-            fields = stat.read().rsplit(")", 1)[1].split()
-        return sum(int(field) for field in fields[11:15]) / TICKS
+        return processor_time(self.process.pid)
 
     def peak_memory(self):
         with open(f"/proc/{self.process.pid}/status", encoding="ascii") as status:

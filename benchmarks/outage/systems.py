@@ -1,11 +1,13 @@
 """The programs that are measured: how each is started, and how it is known to have come to rest."""
 
+import os
 import pathlib
 import re
 import shlex
 import struct
 import sys
 
+from document import version_of
 from scenario import Process, wait_until
 
 sys.path.append(str(pathlib.Path(__file__).resolve().parents[2] / "tests" / "peers"))
@@ -27,6 +29,9 @@ class System:
     name = ""
     is_exact = False  # whether a round out of order, or with an event twice, is a failure
 
+    def version(self):
+        raise NotImplementedError
+
     def start(self, directory, inward, outward):
         raise NotImplementedError
 
@@ -45,6 +50,10 @@ class Orlo(System):
     def __init__(self, agent, modules, name=None):
         self.agent, self.modules = agent, modules
         self.name = name or self.name
+
+    def version(self):
+        return version_of([self.agent, "--version"],
+                          {**os.environ, "LD_LIBRARY_PATH": self.modules})
 
     def start(self, directory, inward, outward):
         config = write_config("orlo.yaml", directory, inward, outward)
@@ -71,6 +80,9 @@ class Rsyslog(System):
     def __init__(self):
         self.root = peers.unpack(self.name)
 
+    def version(self):
+        return peers.version_of(self.name)
+
     def start(self, directory, inward, outward):
         config = write_config("rsyslog.conf", directory, inward, outward)
         return Process(peers.rsyslog_command(self.root, config, directory), directory,
@@ -82,6 +94,9 @@ class SyslogNg(System):
 
     def __init__(self):
         self.root = peers.unpack(self.name)
+
+    def version(self):
+        return peers.version_of(self.name)
 
     def start(self, directory, inward, outward):
         config = write_config("syslog-ng.conf", directory, inward, outward)
@@ -96,6 +111,9 @@ class Command(System):
         self.name, _, self.command = text.partition("=")
         if not self.command:
             raise SystemExit("--peer-command takes NAME=COMMAND")
+
+    def version(self):
+        return self.command
 
     def start(self, directory, inward, outward):
         values = {"directory": directory, "in": inward, "out": outward}

@@ -32,7 +32,8 @@ def unpack(name):
     with open(root / "lock", "w", encoding="ascii") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
         wanted = " ".join(PACKAGES[name])
-        if contents.exists() and contents.read_text() == wanted:
+        if (contents.exists() and contents.read_text() == wanted and
+                (root / "version").exists()):
             return root
         with tempfile.TemporaryDirectory() as downloads:
             got = subprocess.run(["apt-get", "download", "-q", *PACKAGES[name]], cwd=downloads,
@@ -42,8 +43,17 @@ def unpack(name):
                 raise OSError(f"{name} could not be had from the package archive: {got.stderr}")
             for package in pathlib.Path(downloads).glob("*.deb"):
                 subprocess.run(["dpkg", "-x", package, root], check=True)
+            main = next(pathlib.Path(downloads).glob(f"{PACKAGES[name][0]}_*.deb"))
+            (root / "version").write_text(subprocess.run(
+                ["dpkg-deb", "-f", main, "Version"], stdout=subprocess.PIPE, text=True,
+                check=True).stdout.strip())
         contents.write_text(wanted)
     return root
+
+
+def version_of(name):
+    """The version of the package that was unpacked."""
+    return (unpack(name) / "version").read_text()
 
 
 def libraries_of(root):
