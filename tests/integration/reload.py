@@ -62,8 +62,7 @@ class Reload(ReloadTest):
 
     def test_streams_are_added_and_removed_and_a_removed_ones_cache_is_announced(self):
         config = self.two_streams()
-        # What the removed stream's sender holds is left to the end of the process.
-        agent = self.start(config, abandons=True)
+        agent = self.start(config)
         more = self.stream("{ type: stdin }", "{ type: file, path: more.log }", name="More")
         self.two_streams(more=more)
         self.reload(agent, "2 streams go on untouched, 0 were changed, 1 added, 0 removed")
