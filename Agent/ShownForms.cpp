@@ -7,6 +7,7 @@
 
 #include "Agent/PathText.h"
 #include "Agent/Units.h"
+#include "WindowsAgentCommon/Text.h"
 
 namespace OrloAgent {
 
@@ -79,7 +80,7 @@ void AddPath(const std::filesystem::path& path, std::vector<std::string>& forms)
 
 std::vector<std::string> GetShownForms(const Endpoint& endpoint) {
   std::vector<std::string> forms{ToText(endpoint), ToLower(ToText(endpoint))};
-  AddHost(endpoint.host, ":" + std::to_string(endpoint.port), forms);
+  AddHost(endpoint.host, WindowsAgentCommon::Format(":%d", endpoint.port), forms);
   return forms;
 }
 
