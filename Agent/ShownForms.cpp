@@ -36,7 +36,7 @@ void AddHost(const std::string& written, const std::string& port, std::vector<st
   for (const std::string& host : hosts) {
     forms.push_back(host);
     if (host.find(':') != host.npos) {
-      forms.push_back("[" + host + "]" + port);
+      forms.push_back(WindowsAgentCommon::Format("[%s]%s", host, port));
     }
     forms.push_back(host + port);
   }
