@@ -2,6 +2,7 @@
 them. The cluster of the other tests speaks neither, so the other end is a listener that speaks TLS
 and as much of Kafka's protocol as a log-in takes."""
 
+import os
 import pathlib
 import ssl
 import struct
@@ -131,6 +132,18 @@ class KafkaSecurity(support.AgentTest):
                 self.assertEqual(agent.wait(), 1, agent.lines)
                 self.assertRegex(agent.messages("Error")[0], rf"Can't send to Kafka: .*{name}")
                 self.assertNotIn("SeCrEt", "\n".join(agent.lines))
+
+    def test_brokers_that_are_secret_are_hidden_in_the_form_that_the_library_gives_them(self):
+        secret = "SeCrEt-hunter2"
+        os.environ["ORLO_TEST_BROKERS"] = f"PLAINTEXT://{secret}.invalid:09092"
+        config = self.configure(self.stream(
+            support.SYSLOG_SOURCE,
+            '{ type: kafka, brokers: "${ORLO_TEST_BROKERS}", topic: t }'))
+        config.write_text(config.read_text().replace("log: {", "log: { level: debug, "))
+        agent = self.start(config)
+        agent.wait_for(r"Warn Code\.KafkaDestination.* can't be reached")
+        self.assertEqual(agent.stop(), 0)
+        self.assertNotIn(secret.lower(), "\n".join(agent.lines).lower())
 
 
 if __name__ == "__main__":
