@@ -341,12 +341,13 @@ void KafkaDestination::ReportTooLarge(std::size_t size) {
 
 void KafkaDestination::Stop() {
   m_refusing = true;
+  m_stop = true;
+  // The thread may have taken the producer away to replace it.
+  if (m_thread.joinable()) {
+    m_thread.join();
+  }
   if (!m_producer) {
     return;
-  }
-  if (m_thread.joinable()) {
-    m_stop = true;
-    m_thread.join();
   }
   rd_kafka_flush(m_producer.get(), static_cast<int>(kLongestEnd.count()));
   const std::uint64_t unacknowledged = GetUnsentEvents();
