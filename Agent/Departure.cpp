@@ -9,7 +9,7 @@ namespace {
 using std::chrono::milliseconds;
 
 // How much later than its period a chunk may come.
-constexpr milliseconds kTolerance{2'000};
+constexpr milliseconds kTolerance{1'000};
 
 // A sender that was refused comes back after a second and then half a minute.
 constexpr milliseconds kSenderReturns{31'000};
@@ -22,8 +22,8 @@ constexpr milliseconds kMargin{20'000};
 Departure::Departure(const Limits& limits, Clock::time_point now)
     : m_limits(limits),
       m_deliverUntil(now + limits.deliver),
-      m_decideUntil(now + std::max(limits.deliver,
-                                   limits.chunkPeriod + limits.processingPeriod + kTolerance)),
+      m_decideUntil(
+          now + std::max(limits.deliver, limits.chunkPeriod + limits.processingPeriod + kMargin)),
       m_sendUntil(std::max(m_decideUntil, now + kSenderReturns + 2 * limits.patience + kMargin)),
       m_rest(limits.processingPeriod, false),
       m_movedAt(now),
@@ -47,9 +47,11 @@ Departure::Step Departure::Look(const StreamReport& report, bool isHeld, Clock::
     m_keptSince = now;
     return Step::Keep;
   }
-  if (!isDecided) {
-    m_late = now >= m_decideUntil;
-    return m_late ? Step::Leave : Step::Keep;
+  // The sum need not come out even, ever: a crash or a clock that is set back can shift the number
+  // of cached events for good. The sender is waited for all the same.
+  m_late = !isDecided && now >= m_decideUntil;
+  if (!isDecided && !m_late) {
+    return Step::Keep;
   }
   return MayLeave(report, isHeld, now) ? Step::Leave : Step::Keep;
 }
@@ -59,12 +61,13 @@ bool Departure::MayLeave(const StreamReport& report, bool isHeld, Clock::time_po
     return true;
   }
   if (report.accepted != report.sent) {
-    m_late = now >= m_sendUntil;
-    return m_late;
+    const bool isOver = now >= m_sendUntil;
+    m_late = m_late || isOver;
+    return isOver;
   }
   // A chunk that comes back from the disk now would make the sender wait, and would be seen.
   const milliseconds quiet =
-      report.cached == 0 ? milliseconds(0) : m_limits.processingPeriod + kTolerance / 2;
+      report.cached == 0 ? milliseconds(0) : m_limits.processingPeriod + kTolerance;
   return now - m_keptSince >= quiet;
 }
 

@@ -40,7 +40,9 @@ bool StreamPulse::IsDeciding(const StreamReport& report, Clock::time_point now) 
 
 bool StreamPulse::IsSending(const StreamReport& report, Clock::time_point now) {
   const bool isIdle = report.accepted == report.sent;
-  if (isIdle || report.sent != m_sent.sent || report.refusals != m_sent.refusals) {
+  // While events of an earlier stream go first, only what is delivered grows.
+  if (isIdle || report.sent != m_sent.sent || report.delivered != m_sent.delivered ||
+      report.refusals != m_sent.refusals) {
     m_sent = report;
     m_sentAt = now;
     return true;

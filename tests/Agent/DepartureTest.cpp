@@ -90,6 +90,30 @@ TEST_F(DepartureTest, AStageThatNeverDecidesIsLeftLate) {
   EXPECT_TRUE(m_departure.IsLate());
 }
 
+TEST_F(DepartureTest, WhereTheSumNeverComesOutEvenTheSenderIsWaitedForAllTheSame) {
+  Departure::Limits limits = kLimits;
+  limits.deliver = seconds(10);
+  m_departure = Departure(limits, m_now);
+  m_report.undecided = 5;
+  m_report.accepted = m_report.held = 10;
+  EXPECT_FALSE(TimeUntil(Step::Leave, seconds(45)));
+  EXPECT_TRUE(m_departure.IsLate());
+  m_isHeld = true;
+  EXPECT_EQ(TimeUntil(Step::Leave, seconds(1)), milliseconds(0));
+}
+
+TEST_F(DepartureTest, AStageThatDecidesLateIsNotLeftLate) {
+  m_report.undecided = m_report.held = 5;
+  m_report.accepted = 10;
+  EXPECT_FALSE(TimeUntil(Step::Leave, seconds(31)));
+  EXPECT_TRUE(m_departure.IsLate());
+  m_report.undecided = 0;
+  m_isHeld = true;
+  EXPECT_TRUE(TimeUntil(Step::Leave, seconds(1)));
+  EXPECT_TRUE(m_departure.Look(m_report, m_isHeld, m_now) == Step::Leave);
+  EXPECT_FALSE(m_departure.IsLate());
+}
+
 TEST_F(DepartureTest, ASenderThatHoldsEventsIsWaitedForUntilItComesBack) {
   Departure::Limits limits = kLimits;
   limits.deliver = seconds(1);

@@ -67,4 +67,15 @@ TEST_F(StreamPulseTest, ASenderThatNeitherSendsNorIsRefusedIsNoticedAfterTheLimi
   EXPECT_EQ(LookAfter(seconds(100)), State::Well);
 }
 
+TEST_F(StreamPulseTest, ASenderThatWaitsForEventsOfAnEarlierStreamIsWell) {
+  m_report.posted = m_report.accepted = 5;
+  m_report.inherited = 100'000;
+  for (int look = 0; look < 10; ++look) {
+    EXPECT_EQ(LookAfter(seconds(19)), State::Well);
+    m_report.delivered += 5'000;
+  }
+  EXPECT_EQ(LookAfter(seconds(19)), State::Well);
+  EXPECT_EQ(LookAfter(seconds(21)), State::NothingSent);
+}
+
 }  // namespace OrloAgent
