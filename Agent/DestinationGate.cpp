@@ -38,10 +38,6 @@ bool MayHandOver(const std::string& streamName) {
   });
 }
 
-void Append(std::vector<MessageBlockPtr>& events, std::vector<MessageBlockPtr> more) {
-  std::move(more.begin(), more.end(), std::back_inserter(events));
-}
-
 }  // namespace
 
 DestinationGate::DestinationGate(std::unique_ptr<Destination> destination, std::string streamName)
@@ -153,21 +149,14 @@ bool DestinationGate::DeliverOlder() {
 
 void DestinationGate::RunOlder() {
   std::unique_lock lock(m_lock);
-  while (!m_stop && m_mode != Mode::Keeping && !DeliverOlder()) {
+  while (!m_stop && !DeliverOlder()) {
     m_stopped.wait_for(lock, kBetweenOlder, [this] { return m_stop; });
   }
 }
 
 void DestinationGate::Hold() { m_mode = Mode::Holding; }
 
-void DestinationGate::Keep(bool leavesDestination) {
-  m_leavesDestination = leavesDestination;
-  m_mode = Mode::Keeping;
-  if (!leavesDestination && m_destination) {
-    // An offer that waits for room ends soon.
-    m_destination->Refuse();
-  }
-}
+void DestinationGate::Keep() { m_mode = Mode::Keeping; }
 
 void DestinationGate::Pass() { m_mode = Mode::Passing; }
 
@@ -179,7 +168,8 @@ void DestinationGate::Refuse() {
 }
 
 void DestinationGate::Stop() {
-  if (m_mode != Mode::Keeping) {
+  const bool isLeft = m_mode == Mode::Keeping;
+  if (!isLeft) {
     m_refusing = true;
   }
   {
@@ -190,28 +180,20 @@ void DestinationGate::Stop() {
   if (m_thread.joinable()) {
     m_thread.join();
   }
-  if (m_destination && !m_leavesDestination && !std::exchange(m_ended, true)) {
+  if (m_destination && !isLeft && !std::exchange(m_ended, true)) {
     m_destination->Stop();
   }
 }
 
 std::unique_ptr<Destination> DestinationGate::TakeLeft(std::vector<MessageBlockPtr>& events) {
   const std::lock_guard lock(m_lock);
-  if (m_destination && !m_leavesDestination) {
-    const std::uint64_t unsent = m_destination->GetUnsentEvents();
-    auto taken = m_destination->TakeUnsent();
-    if (taken.size() < unsent) {
-      LogFacade::Error(m_log, "Stream %s: %d events that were not sent are lost.", m_streamName,
-                       unsent - taken.size());
-    }
-    Append(events, std::move(taken));
-  }
   std::move(m_older.begin(), m_older.end(), std::back_inserter(events));
+  std::move(m_kept.begin(), m_kept.end(), std::back_inserter(events));
   m_older.clear();
-  Append(events, std::exchange(m_kept, {}));
+  m_kept.clear();
   m_olderCount = 0;
   m_keptCount = 0;
-  return m_leavesDestination ? std::move(m_destination) : nullptr;
+  return std::move(m_destination);
 }
 
 std::uint64_t DestinationGate::GetUnsentEvents() const {

@@ -24,13 +24,16 @@ namespace OrloAgent {
 //
 // - Hold: an event that the destination refuses is not given back. The sender waits in put, and the
 //   event is offered again and again.
-// - Keep: the destination gets nothing more. The sender waits in put until the stages before it
-//   hand over nothing any more, which is when they are being stopped; then this event and all that
-//   the sender holds behind it are kept here, in order. While the sender waits, the stage brings
-//   nothing from its cache: all that is kept is older than what is cached.
+// - Keep: the destination gets nothing more, and runs on with what it has. The sender waits in put
+//   until the stages before it hand over nothing any more, which is when they are being stopped;
+//   then this event and all that the sender holds behind it are kept here, in order. While the
+//   sender waits, the stage brings nothing from its cache: all that is kept is older than what is
+//   cached.
 // - Stop, then TakeLeft: what is left goes to the gate of the stream that follows, which delivers
 // it
-//   before anything else.
+//   before anything else. The destination is not stopped: whoever takes it decides about it.
+//
+// Until Stop, Pass takes all of that back.
 //
 // Threads as for every destination, and one of its own while there are events of an earlier stream.
 class DestinationGate : public Destination {
@@ -57,9 +60,8 @@ class DestinationGate : public Destination {
             std::vector<WindowsAgentCommon::MessageBlockPtr> events);
 
   void Hold();
-  // `leavesDestination`: Stop lets it run, and TakeLeft gives it away.
-  void Keep(bool leavesDestination);
-  // Undoes Hold and Keep: the stream goes on. Not after Stop.
+  void Keep();
+  // The stream goes on, as if there had been neither Hold nor Keep. Not after Stop.
   void Pass();
 
   // Whether the sender waits in put because of Hold or Keep.
@@ -71,8 +73,8 @@ class DestinationGate : public Destination {
   // How often an event was refused that is offered again, or found that it has to wait.
   std::uint64_t GetRefusals() const { return m_refusals; }
 
-  // After Keep and Stop: the destination, or null, and what it and the sender were not rid of,
-  // oldest first.
+  // After Keep and Stop: the destination, which runs, and the events that it has not got, oldest
+  // first.
   std::unique_ptr<Destination> TakeLeft(std::vector<WindowsAgentCommon::MessageBlockPtr>& events);
 
  private:
@@ -102,7 +104,6 @@ class DestinationGate : public Destination {
   std::uint64_t m_lostBefore = 0;
 
   // Control thread.
-  bool m_leavesDestination = false;
   bool m_ended = false;
 
   // Held while an event is offered, unless the mode is Passing and nothing older is left.

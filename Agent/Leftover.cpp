@@ -4,7 +4,11 @@
 #include <iterator>
 #include <utility>
 
+#include "WindowsAgentCommon/Logging.h"
+
 namespace OrloAgent {
+
+using WindowsAgentCommon::LogFacade;
 
 void Leftover::StopSources(const StreamOptions* wanted) {
   std::erase_if(sources, [&](const MadeSource& made) {
@@ -24,7 +28,13 @@ void Leftover::StopDestination(const StreamOptions* wanted) {
   }
   destination->Refuse();
   destination->Stop();
+  const std::uint64_t count = destination->GetUnsentEvents();
   auto unsent = destination->TakeUnsent();
+  if (unsent.size() < count) {
+    LogFacade::Error(WindowsAgentCommon::LoggerFactory::GetLog("Code.Agent"),
+                     "Stream %s: %d events that were not sent are lost.", madeFrom.name,
+                     count - unsent.size());
+  }
   std::move(events.begin(), events.end(), std::back_inserter(unsent));
   events = std::move(unsent);
   destination.reset();

@@ -33,7 +33,8 @@ struct Leftover {
   // Stops those that are not in the options; null: all. What waits in them is counted as not made.
   void StopSources(const StreamOptions* wanted);
 
-  // Ends the destination, unless the options have the same one, and takes what it has not sent.
+  // Ends the destination, unless the options have the same one, and takes what it has not sent;
+  // reports what it could not give back for want of memory.
   void StopDestination(const StreamOptions* wanted);
 };
 

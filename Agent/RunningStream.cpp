@@ -254,14 +254,14 @@ void RunningStream::BeginToLeave(const StreamOptions* successor, const ShutdownO
       m_sources[i].source->Stop();
     }
   }
-  m_leavesDestination = successor != nullptr && HasSameDestination(m_options, *successor);
+  const bool goesOn = successor != nullptr && HasSameDestination(m_options, *successor);
   // A destination that goes on sends the rest later; one that is gone for good gets all the time.
   Departure::Limits limits;
   limits.chunkPeriod = FindChunkPeriod(m_options);
   limits.processingPeriod = m_processingPeriod;
   limits.patience = GetPatience(m_options);
   limits.deliver = shutdown.drainTimeout;
-  limits.away = m_leavesDestination    ? milliseconds(0)
+  limits.away = goesOn                 ? milliseconds(0)
                 : successor != nullptr ? milliseconds(kAway)
                                        : shutdown.drainTimeout;
   m_departure.emplace(limits, Departure::Clock::now());
@@ -274,7 +274,7 @@ bool RunningStream::Depart(Departure::Clock::time_point now) {
       return false;
     case Departure::Step::Keep:
       if (!std::exchange(m_keeps, true)) {
-        m_destination->Keep(m_leavesDestination);
+        m_destination->Keep();
       }
       return false;
     case Departure::Step::Leave:
@@ -364,9 +364,11 @@ void RunningStream::Refuse() { m_destination->Refuse(); }
 StreamReport RunningStream::Close() {
   HideFromMonitor();
   m_surroundings.manager.StopStages(*m_stream);
-  StreamReport report = Look();
+  // One reading: the destination may go on.
+  EndCounts ends;
+  StreamReport report = m_account.Look([&] { return ends = AskEnds(); });
   if (m_keeps) {
-    report.held -= static_cast<std::int64_t>(m_destination->GetUnsentEvents());
+    report.held -= static_cast<std::int64_t>(ends.unsent);
   }
   LogFacade::Info(m_log, "Stream %s: %d events delivered, %d cached, %d lost, %d held.", GetName(),
                   report.delivered, report.cached, report.lost + report.failed,

@@ -123,7 +123,6 @@ class RunningStream {
   // After BeginToLeave.
   std::optional<Departure> m_departure;
   bool m_keeps = false;
-  bool m_leavesDestination = false;
   // What the sources had counted before they came to this stream.
   std::uint64_t m_notMadeBefore = 0;
 };

@@ -175,8 +175,7 @@ TEST_F(DestinationGateTest, WhatIsKeptWaitsUntilTheStagesHandOverNothing) {
   const WindowsAgentCommon::Gauge gauge("S", "IncomingRunning", [&] { return running.load(); });
   Open();
   EXPECT_EQ(m_gate.put(MakeEvent("", "taken")), 0);
-  m_gate.Keep(false);
-  EXPECT_TRUE(m_record.refused);
+  m_gate.Keep();
   auto result = PutOnAnotherThread("1");
   ASSERT_TRUE(WaitUntil([&] { return m_gate.IsSenderHeld(); }));
   EXPECT_EQ(result.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
@@ -186,10 +185,11 @@ TEST_F(DestinationGateTest, WhatIsKeptWaitsUntilTheStagesHandOverNothing) {
   EXPECT_EQ(m_record.offers, 1);
   EXPECT_EQ(m_gate.GetUnsentEvents(), 3u);
   m_gate.Stop();
-  EXPECT_TRUE(m_record.stopped);
   std::vector<MessageBlockPtr> left;
-  EXPECT_EQ(m_gate.TakeLeft(left), nullptr);
-  EXPECT_EQ(Payloads(left), (Texts{"taken", "1", "2"}));
+  const auto destination = m_gate.TakeLeft(left);
+  ASSERT_NE(destination, nullptr);
+  EXPECT_EQ(destination->GetUnsentEvents(), 1u);
+  EXPECT_EQ(Payloads(left), (Texts{"1", "2"}));
   EXPECT_EQ(m_gate.GetUnsentEvents(), 0u);
 }
 
@@ -197,7 +197,7 @@ TEST_F(DestinationGateTest, ADestinationThatIsLeftRunsOnWithWhatItHasTaken) {
   m_record.answer = kBackpressure;
   Open({"older"});
   ASSERT_TRUE(WaitUntil([&] { return m_record.offers > 0; }));
-  m_gate.Keep(true);
+  m_gate.Keep();
   EXPECT_EQ(m_gate.put(MakeEvent("", "younger")), 0);
   m_gate.Stop();
   EXPECT_FALSE(m_record.refused);
@@ -222,6 +222,36 @@ TEST_F(DestinationGateTest, ADestinationThatIsLeftRunsOnWithWhatItHasTaken) {
   EXPECT_EQ(m_record.Taken(), (Texts{"in its window", "older", "younger"}));
   next.Stop();
   EXPECT_TRUE(m_record.stopped);
+}
+
+TEST_F(DestinationGateTest, TakenBackInTheMiddleTheStreamGoesOnToItsOwnEnd) {
+  const WindowsAgentCommon::Gauge gauge("S", "IncomingRunning", [] { return 1; });
+  Open();
+  EXPECT_EQ(m_gate.put(MakeEvent("", "taken")), 0);
+  m_gate.Hold();
+  m_gate.Keep();
+  auto result = PutOnAnotherThread("held");
+  ASSERT_TRUE(WaitUntil([&] { return m_gate.IsSenderHeld(); }));
+  m_gate.Pass();
+  EXPECT_EQ(result.get(), 0);
+  EXPECT_EQ(m_gate.put(MakeEvent("", "next")), 0);
+  EXPECT_EQ(m_record.Taken(), (Texts{"taken", "held", "next"}));
+  EXPECT_FALSE(m_record.refused);
+  m_gate.Stop();
+  EXPECT_TRUE(m_record.stopped);
+}
+
+TEST_F(DestinationGateTest, TakenBackOlderEventsLeaveThoughNoOtherComes) {
+  m_record.answer = kBackpressure;
+  Open({"older"});
+  ASSERT_TRUE(WaitUntil([&] { return m_record.offers > 0; }));
+  m_gate.Keep();
+  const int offers = m_record.offers;
+  m_record.answer = 0;
+  EXPECT_FALSE(
+      WaitUntil([&] { return m_record.offers > offers + 1; }, std::chrono::milliseconds(1'200)));
+  m_gate.Pass();
+  EXPECT_TRUE(WaitUntil([&] { return m_record.Taken() == Texts{"older"}; }));
 }
 
 TEST_F(DestinationGateTest, ARefusingGateLetsNobodyWait) {
