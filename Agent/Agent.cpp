@@ -67,6 +67,8 @@ void Agent::Start() {
       running->StartSources();
     }
   } catch (const std::exception&) {
+    // A stream that runs may have taken a chunk from its cache.
+    EndStreams(false, [this] { return m_stopRequested; });
     TearDown();
     throw;
   }
@@ -183,27 +185,30 @@ void Agent::Wait() {
 std::vector<StreamReport> Agent::Stop() {
   m_service.Stopping();
   m_watchTimer.cancel();
-  std::vector<RunningStream*> all;
-  for (const auto& running : m_streams) {
-    running->StopSources();
-    all.push_back(running.get());
-  }
   // Whoever gave the agent an input with an end wants all of it delivered. A signal wants the agent
   // to end: what is on the disk comes out next time.
   const bool emptyCache = m_signalCount == 0;
-  Drain(all, emptyCache, [&] { return m_signalCount > 1 || (emptyCache && m_signalCount > 0); });
-  std::vector<StreamReport> reports = CloseStreams();
+  std::vector<StreamReport> reports = EndStreams(
+      emptyCache, [&] { return m_signalCount > 1 || (emptyCache && m_signalCount > 0); });
   TearDown();
   return reports;
 }
 
-void Agent::Drain(std::vector<RunningStream*> streams, bool emptyCache,
-                  const std::function<bool()>& isInterrupted) {
+std::vector<StreamReport> Agent::EndStreams(bool emptyCache,
+                                            const std::function<bool()>& isInterrupted) {
+  for (const auto& running : m_streams) {
+    running->StopSources();
+  }
+  Drain(emptyCache, isInterrupted);
+  return CloseStreams();
+}
+
+void Agent::Drain(bool emptyCache, const std::function<bool()>& isInterrupted) {
   const auto deadline = std::chrono::steady_clock::now() + m_options.shutdown.drainTimeout;
   std::vector<std::pair<RunningStream*, RestDetector>> busy;
-  busy.reserve(streams.size());
-  for (RunningStream* const running : streams) {
-    busy.emplace_back(running, RestDetector(running->GetProcessingPeriod(), emptyCache));
+  busy.reserve(m_streams.size());
+  for (const auto& running : m_streams) {
+    busy.emplace_back(running.get(), RestDetector(running->GetProcessingPeriod(), emptyCache));
   }
   for (;;) {
     std::erase_if(busy, [](auto& one) { return one.second.IsAtRest(one.first->Look()); });

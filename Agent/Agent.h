@@ -54,7 +54,8 @@ class Agent {
   Agent(const Agent&) = delete;
   Agent& operator=(const Agent&) = delete;
 
-  // Throws InitializationException; then nothing is running and the lock is free.
+  // Throws InitializationException; then nothing is running and the lock is free. What ran is ended
+  // as by Stop: an event that it had is not lost.
   void Start();
 
   // Returns when a signal asks the agent to stop, or when the input of its last source has ended.
@@ -69,8 +70,8 @@ class Agent {
   void WatchStreams();
   void TellThatItWorks();
   void OnSignal(ProcessSignals::Request request, const std::string& name);
-  void Drain(std::vector<RunningStream*> streams, bool emptyCache,
-             const std::function<bool()>& isInterrupted);
+  std::vector<StreamReport> EndStreams(bool emptyCache, const std::function<bool()>& isInterrupted);
+  void Drain(bool emptyCache, const std::function<bool()>& isInterrupted);
   std::vector<StreamReport> CloseStreams();
   void TearDown();
 

@@ -102,6 +102,9 @@ RunningStream::RunningStream(const StreamOptions& options, const AgentOptions& c
                     GetName(), found.events, found.chunks);
   }
   WarnOfShortDrain(common.shutdown);
+  // What can fail comes before the stages: a chunk that they have taken from the cache is gone when
+  // they are stopped at once.
+  std::vector<FoundSource> sources = FindSources(left.sources);
   Create(left);
   try {
     for (const StageOptions& stage : m_options.stages) {
@@ -111,7 +114,7 @@ RunningStream::RunningStream(const StreamOptions& options, const AgentOptions& c
                                           m_surroundings.dataDirectory, m_surroundings.statistics);
       }
     }
-    GatherSources(left.sources);
+    TakeSources(std::move(sources), left.sources);
   } catch (...) {
     m_surroundings.manager.Remove(*m_stream);
     throw;
@@ -156,28 +159,35 @@ void RunningStream::Create(const Leftover& left) {
   m_destination = made;
 }
 
-void RunningStream::GatherSources(std::vector<MadeSource>& kept) {
-  // Whatever can fail comes before anything is taken.
-  std::vector<MadeSource> sources;
-  std::vector<MadeSource*> found;
+// In the order of the options.
+std::vector<RunningStream::FoundSource> RunningStream::FindSources(
+    std::vector<MadeSource>& left) const {
+  std::vector<FoundSource> found;
   for (const SourceOptions& options : m_options.sources) {
-    const auto same = std::find_if(kept.begin(), kept.end(), [&](MadeSource& one) {
-      return one.options == options && std::find(found.begin(), found.end(), &one) == found.end();
+    const auto same = std::find_if(left.begin(), left.end(), [&](const MadeSource& one) {
+      return one.options == options && std::none_of(found.begin(), found.end(),
+                                                    [&](const auto& f) { return f.left == &one; });
     });
-    found.push_back(same == kept.end() ? nullptr : &*same);
-    sources.push_back(same == kept.end() ? MakeNewSource(options) : MadeSource());
-    const Source& source = found.back() ? *found.back()->source : *sources.back().source;
-    m_notMadeBefore += source.GetNotMade();
-    m_sourceStatistics.emplace_back(m_surroundings.statistics, GetName(), DescribeSource(options),
-                                    source);
-  }
-  for (std::size_t i = 0; i < sources.size(); ++i) {
-    if (found[i] != nullptr) {
-      sources[i] = std::move(*found[i]);
+    if (same == left.end()) {
+      found.push_back({MakeNewSource(options), nullptr});
+    } else {
+      found.push_back({MadeSource(), &*same});
     }
   }
-  std::erase_if(kept, [](const MadeSource& one) { return !one.owner; });
-  m_sources = std::move(sources);
+  return found;
+}
+
+void RunningStream::TakeSources(std::vector<FoundSource> found, std::vector<MadeSource>& left) {
+  for (const FoundSource& one : found) {
+    const MadeSource& made = one.left != nullptr ? *one.left : one.made;
+    m_notMadeBefore += made.source->GetNotMade();
+    m_sourceStatistics.emplace_back(m_surroundings.statistics, GetName(),
+                                    DescribeSource(made.options), *made.source);
+  }
+  for (FoundSource& one : found) {
+    m_sources.push_back(std::move(one.left != nullptr ? *one.left : one.made));
+  }
+  std::erase_if(left, [](const MadeSource& one) { return !one.owner; });
 }
 
 MadeSource RunningStream::MakeNewSource(const SourceOptions& options) const {

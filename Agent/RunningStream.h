@@ -101,7 +101,13 @@ class RunningStream {
   void HideFromMonitor();
   void WarnOfShortDrain(const ShutdownOptions& shutdown) const;
   void Create(const Leftover& left);
-  void GatherSources(std::vector<MadeSource>& kept);
+  // One that is new, or one among those that an earlier stream has left.
+  struct FoundSource {
+    MadeSource made;
+    MadeSource* left = nullptr;
+  };
+  std::vector<FoundSource> FindSources(std::vector<MadeSource>& left) const;
+  void TakeSources(std::vector<FoundSource> found, std::vector<MadeSource>& left);
   EndCounts AskEnds() const;
   MadeSource MakeNewSource(const SourceOptions& options) const;
 

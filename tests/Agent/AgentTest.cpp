@@ -99,7 +99,11 @@ TEST_F(AgentStartTest, APortInUseUndoesTheSourcesBeforeIt) {
   source.listen = {"127.0.0.1", taken.local_endpoint().port()};
   second.sources.emplace_back(source);
   m_options.streams.push_back(second);
+  TestSupport::LogCapture log;
   const std::string message = Fail();
+  EXPECT_EQ(log.Count(LogLevel::Info, "Stream S: 0 events delivered, 0 cached, 0 lost, 0 held."),
+            1u)
+      << "it ends in order";
   // The reason behind it is in the system's words.
   EXPECT_TRUE(HasPart(message, std::to_string(source.listen.port) + " (")) << message;
   taken.close();
