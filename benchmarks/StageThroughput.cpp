@@ -47,7 +47,7 @@ constexpr unsigned kCrowd = 4;
 struct Options {
   std::size_t events = 100'000;
   std::size_t payloadSize = 200;
-  unsigned rounds = 5;
+  unsigned rounds = 9;
 };
 
 struct Round {
@@ -80,8 +80,14 @@ Round Measure(StageRun& run, const Options& options) {
   return round;
 }
 
-double Median(const std::vector<Round>& rounds,
-              const std::function<double(const Round&)>& seconds) {
+struct Spread {
+  double median;
+  double least;
+  double most;
+};
+
+Spread GetSpread(const std::vector<Round>& rounds,
+                 const std::function<double(const Round&)>& seconds) {
   std::vector<double> values;
   values.reserve(rounds.size());
   for (const Round& round : rounds) {
@@ -89,14 +95,16 @@ double Median(const std::vector<Round>& rounds,
   }
   std::sort(values.begin(), values.end());
   const std::size_t middle = values.size() / 2;
-  return values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+  const double median =
+      values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
+  return {median, values.front(), values.back()};
 }
 
 // The yardsticks of a table, in seconds for all events.
 struct Yardsticks {
-  double bare;
-  double heap;
-  double holding;
+  Spread bare;
+  Spread heap;
+  Spread holding;
 };
 
 void PrintHead(const char* what) {
@@ -107,20 +115,23 @@ void PrintHead(const char* what) {
       what);
 }
 
-void PrintLine(const char* name, double seconds, const Yardsticks& hops, const Options& options) {
+void PrintLine(const char* name, const Spread& seconds, const Yardsticks& hops,
+               const Options& options) {
   const auto events = static_cast<double>(options.events);
-  std::printf("| %s | %.0f | %.0f | %.2f | %.2f | %.2f |\n", name, events / seconds / 1e3,
-              seconds / events * 1e9, hops.bare / seconds, hops.heap / seconds,
-              hops.holding / seconds);
+  const auto perEvent = [&](double all) { return all / events * 1e9; };
+  std::printf("| %s | %.0f | %.0f (%.0f to %.0f) | %.2f | %.2f | %.2f |\n", name,
+              events / seconds.median / 1e3, perEvent(seconds.median), perEvent(seconds.least),
+              perEvent(seconds.most), hops.bare.median / seconds.median,
+              hops.heap.median / seconds.median, hops.holding.median / seconds.median);
 }
 
 Yardsticks PrintHops(const std::vector<Round>& rounds, const Options& options,
                      std::chrono::duration<double> HopTimes::*time) {
-  const auto median = [&](HopTimes Round::*hop) {
-    return Median(rounds, [&](const Round& round) { return (round.*hop.*time).count(); });
+  const auto spread = [&](HopTimes Round::*hop) {
+    return GetSpread(rounds, [&](const Round& round) { return (round.*hop.*time).count(); });
   };
-  const Yardsticks hops{median(&Round::bareHop), median(&Round::heapHop),
-                        median(&Round::holdingHop)};
+  const Yardsticks hops{spread(&Round::bareHop), spread(&Round::heapHop),
+                        spread(&Round::holdingHop)};
   PrintLine("bare queue hop", hops.bare, hops, options);
   PrintLine("bare queue hop, events of the heap", hops.heap, hops, options);
   PrintLine("hop that holds its events", hops.holding, hops, options);
@@ -132,9 +143,10 @@ void PrintWall(const std::vector<Round>& rounds, const Options& options) {
   const Yardsticks hops = PrintHops(rounds, options, &HopTimes::wall);
   const auto print = [&](const char* name, StageTimes Round::*times) {
     const auto line = [&](const char* what, auto seconds) {
-      PrintLine((std::string(name) + what).c_str(),
-                Median(rounds, [&](const Round& round) { return seconds(round.*times).count(); }),
-                hops, options);
+      PrintLine(
+          (std::string(name) + what).c_str(),
+          GetSpread(rounds, [&](const Round& round) { return seconds(round.*times).count(); }),
+          hops, options);
     };
     line(", posting", [](const StageTimes& stage) { return stage.posting; });
     line(", delivery", [](const StageTimes& stage) { return stage.delivery; });
@@ -148,9 +160,10 @@ void PrintProcessor(const std::vector<Round>& rounds, const Options& options) {
   PrintHead("processor time of all threads");
   const Yardsticks hops = PrintHops(rounds, options, &HopTimes::processor);
   const auto print = [&](const char* name, StageTimes Round::*times) {
-    PrintLine(name,
-              Median(rounds, [&](const Round& round) { return (round.*times).processor.count(); }),
-              hops, options);
+    PrintLine(
+        name,
+        GetSpread(rounds, [&](const Round& round) { return (round.*times).processor.count(); }),
+        hops, options);
   };
   print("stage, one poster", &Round::stage);
   print("stage, four posters", &Round::crowd);
