@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """The Debian package, installed in a fresh root of its own: it is installed with what it depends on, the
-agent runs as its user, upgrade and removal keep events and configuration, and a purge removes them.
+agent runs as its user, upgrade and removal keep events and configuration, and a purge removes them. And
+in a container that systemd runs: what becomes of the service.
 
     tests/package/debian.py     makes two versions of the package first
         --no-build              of what is built already
@@ -26,11 +27,16 @@ EVENTS = 5000
 SOURCES = pathlib.Path("/etc/apt/sources.list.d/debian.sources")
 # What a unit may be exposed to at most, as systemd-analyze counts.
 EXPOSURE = 3.0
+ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8",
+               "DEBIAN_FRONTEND": "noninteractive"}
 
 
 def run(*command, expect=0, **options):
+    """Returns what the command says. It is to end with that code; None: with any."""
     done = subprocess.run([str(part) for part in command], stdout=subprocess.PIPE,
                           stderr=subprocess.STDOUT, text=True, **options)
+    if expect is None:
+        return done.stdout
     if done.returncode != expect:
         raise AssertionError(f"{command} ended with {done.returncode}:\n{done.stdout}")
     return done.stdout
@@ -69,23 +75,81 @@ class FreshRoot:
         self.run("apt-get", "update", "-q")
 
     def run(self, *command, expect=0):
-        environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8",
-                       "DEBIAN_FRONTEND": "noninteractive"}
-        return run("chroot", self.path, *command, expect=expect, env=environment)
+        return run("chroot", self.path, *command, expect=expect, env=ENVIRONMENT)
 
     def install(self, package):
         shutil.copy(package, self.path / "tmp")
         return self.run("apt-get", "install", "-q", "-y", "--no-install-recommends",
                         f"/tmp/{package.name}")
 
+    def boot(self):
+        """Hands the root to a machine, which is the caller's to close."""
+        self.run("apt-get", "install", "-q", "-y", "--no-install-recommends", "systemd", "dbus")
+        (self.path / "usr" / "sbin" / "policy-rc.d").unlink()
+        self.close()
+        return Machine(self.path)
+
     def close(self):
-        subprocess.run(["umount", str(self.path / "proc")], check=False)
+        if os.path.ismount(self.path / "proc"):
+            run("umount", self.path / "proc")
+
+
+class Machine:
+    """The root as a container that systemd runs, with a network of its own that leads nowhere."""
+
+    def __init__(self, path):
+        self._container = subprocess.Popen(
+            ["systemd-nspawn", "--quiet", "--register=no", "--keep-unit", "--private-network",
+             "--resolv-conf=off", "--timezone=off", "--link-journal=no", "--directory", str(path),
+             "--boot"],
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        try:
+            number = self._container.pid
+            children = pathlib.Path(f"/proc/{number}/task/{number}/children")
+            self._init = support.wait_until(
+                lambda: self._container.poll() is not None or children.read_text().split(),
+                "the container")
+            if self._container.poll() is not None:
+                raise AssertionError("systemd-nspawn can't run a container on this machine")
+            support.wait_until(
+                lambda: self.run("systemctl", "is-system-running", expect=None).strip()
+                in ("running", "degraded"), "the system in the container")
+        except BaseException:
+            self.close()
+            raise
+
+    def run(self, *command, expect=0, **options):
+        return run("nsenter", "--target", self._init[0], "--mount", "--uts", "--ipc", "--net",
+                   "--pid", "--cgroup", *command, expect=expect, env=ENVIRONMENT, **options)
+
+    def install(self, package, *options):
+        return self.run("apt-get", "install", "-q", "-y", "--no-install-recommends", *options,
+                        f"/root/{package.name}")
+
+    def journal(self):
+        return self.run("journalctl", "-u", "orlo-agent", "--no-pager")
+
+    def show(self, name):
+        return self.run("systemctl", "show", "-p", name, "--value", "orlo-agent").strip()
+
+    def wait_for(self, name, value):
+        support.wait_until(lambda: self.show(name) == value, f"{name} {value}")
+
+    def close(self):
+        self._container.terminate()
+        try:
+            self._container.wait(support.LIMIT)
+        except subprocess.TimeoutExpired:
+            self._container.kill()
+            self._container.wait()
 
 
 class DebianPackage(support.AgentTest):
-    def setUp(self):
-        super().setUp()
-        self.packages = make_packages(self.directory)
+    @classmethod
+    def setUpClass(cls):
+        directory = tempfile.mkdtemp(prefix="orlo-package-")
+        cls.addClassCleanup(shutil.rmtree, directory)
+        cls.packages = make_packages(directory)
 
     def start_in(self, root):
         return self.start(None, arguments=[
@@ -188,6 +252,76 @@ class DebianPackage(support.AgentTest):
         root.run("apt-get", "purge", "-q", "-y", "orlo-agent")
         self.assertFalse(etc.exists())
         self.assertFalse(state.exists())
+
+    def boot_with_package(self):
+        """A machine on which the package is installed and configured; and its configuration file."""
+        root = FreshRoot(self.directory)
+        self.addCleanup(root.close)
+        root.install(self.packages[0])
+        for package in self.packages:
+            shutil.copy(package, root.path / "root")
+        config = root.path / "etc" / "orlo-agent" / "agent.yaml"
+        text = re.sub(r"^#(monitor:|  listen:)", r"\1", config.read_text(), flags=re.MULTILINE)
+        self.assertIn('\nmonitor:\n  listen: "127.0.0.1:9464"\n', text)
+        config.write_text(text.replace("keep_free: 1GiB", "keep_free: 0")
+                          .replace("drain_timeout: 30s", "drain_timeout: 1s"))
+        machine = root.boot()
+        self.addCleanup(machine.close)
+        return machine, config
+
+    def check_reload(self, machine, config):
+        good = config.read_text()
+        config.write_text(good + "mistake: 1\n")
+        machine.run("systemctl", "reload", "orlo-agent")
+        support.wait_until(lambda: "has 1 mistake" in machine.journal(), "the mistake is named")
+        # A port below 1024, which needs a capability.
+        config.write_text(good.replace(":5140", ":514"))
+        machine.run("systemctl", "reload", "orlo-agent")
+        support.wait_until(lambda: "Listening on tcp://127.0.0.1:514." in machine.journal(),
+                           "the other port")
+
+    def check_watchdog(self, machine):
+        drop_in = "/run/systemd/system/orlo-agent.service.d/watchdog.conf"
+        machine.run("install", "-D", "-m", "644", "/dev/stdin", drop_in,
+                    input="[Service]\nWatchdogSec=20s\n")
+        machine.run("systemctl", "daemon-reload")
+        machine.run("systemctl", "restart", "orlo-agent")
+        for _ in range(3):
+            told = machine.show("WatchdogTimestampMonotonic")
+            support.wait_until(lambda: machine.show("WatchdogTimestampMonotonic") != told,
+                               "a sign of life")
+        self.assertEqual(machine.show("NRestarts"), "0")
+        machine.run("systemctl", "kill", "--signal=STOP", "orlo-agent")
+        machine.wait_for("NRestarts", "1")
+        machine.wait_for("ActiveState", "active")
+        self.assertIn("Watchdog timeout", machine.journal())
+
+    def test_systemd_starts_reloads_watches_upgrades_and_stops_it(self):
+        machine, config = self.boot_with_package()
+        self.assertEqual(machine.show("ActiveState"), "inactive")
+        machine.run("systemctl", "enable", "--now", "orlo-agent")
+        self.assertEqual(machine.show("StatusText"), "1 stream")
+        machine.run("orlo-agent", "status", "--config", "/etc/orlo-agent/agent.yaml")
+
+        self.check_reload(machine, config)
+        self.check_watchdog(machine)
+
+        before = machine.show("MainPID")
+        machine.install(self.packages[1])
+        self.assertNotIn(machine.show("MainPID"), (before, "0"))
+        self.assertEqual(machine.show("ActiveState"), "active")
+        self.assertIn("99.0", machine.run("dpkg-query", "-W", "orlo-agent"))
+        machine.run("systemctl", "stop", "orlo-agent")
+        self.assertEqual(machine.show("Result"), "success")
+        machine.install(self.packages[1], "--reinstall")
+        self.assertEqual(machine.show("ActiveState"), "inactive")
+
+        machine.run("systemctl", "start", "orlo-agent")
+        machine.run("apt-get", "remove", "-q", "-y", "orlo-agent")
+        self.assertEqual(machine.show("MainPID"), "0")
+        machine.run("apt-get", "purge", "-q", "-y", "orlo-agent")
+        self.assertEqual(machine.run("systemctl", "list-unit-files", "orlo-agent.service",
+                                     expect=None).count("orlo-agent"), 0)
 
 
 if __name__ == "__main__":
