@@ -10,10 +10,11 @@
 #include <chrono>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "WindowsAgentCommon/Exceptions.h"
+#include "tests/Monitor/ServedConnections.h"
+#include "tests/support/Events.h"
 
 namespace OrloAgent {
 namespace {
@@ -161,9 +162,12 @@ TEST_F(HttpServerTest, ClientThatTricklesIsGoneAfterTenSeconds) {
 TEST_F(HttpServerTest, ClientThatDoesNotReadItsAnswerHoldsItForAMinuteOnly) {
   Start();
   Client client(m_server->GetPort());
+  const auto start = std::chrono::steady_clock::now();
   client.Send("GET /large HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
-  // That it is closed can't be seen before what is on its way has been read.
-  std::this_thread::sleep_for(std::chrono::seconds(62));
+  const auto count = [this] { return TestSupport::CountServedConnections(m_server->GetPort()); };
+  ASSERT_TRUE(TestSupport::WaitUntil([&] { return count() == 1; }));
+  ASSERT_TRUE(TestSupport::WaitUntil([&] { return count() == 0; }, std::chrono::minutes(3)));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
   EXPECT_THAT(Ask("GET /a HTTP/1.1\r\nHost: 127.0.0.1\r\n"), HasSubstr("[/a|]"));
   EXPECT_LT(client.ReadAll().size(), kLarge);
 }
