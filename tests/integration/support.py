@@ -26,8 +26,15 @@ import unittest
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "soak"))
 from chunks import take_inventory  # noqa: E402
 
-AGENT = os.environ.get("ORLO_AGENT", "")
-MODULES = os.environ.get("ORLO_MODULES", "")
+
+def whole_path(variable):
+    """What the variable names, from whichever directory a test starts its agent."""
+    path = os.environ.get(variable)
+    return os.path.abspath(path) if path else ""
+
+
+AGENT = whole_path("ORLO_AGENT")
+MODULES = whole_path("ORLO_MODULES")
 LAUNCHER = shlex.split(os.environ.get("ORLO_AGENT_LAUNCHER", ""))
 
 # What the program is called by, as the beginning of a command.
