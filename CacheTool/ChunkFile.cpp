@@ -139,6 +139,15 @@ ChunkContents GlanceAtChunkFile(ListedChunk& chunk, const CheckOptions& options,
   return contents;
 }
 
+void ForEachReadableEvent(const ChunkContents& contents,
+                          const std::function<void(const StoredEvent&, std::uint64_t)>& take) {
+  EventReader reader(contents.bytes);
+  while (reader.GetRead() < contents.report.readable) {
+    const auto event = reader.Next();
+    take(*event, reader.GetRead());
+  }
+}
+
 std::string DescribeFindings(const ChunkContents& contents) {
   if (!contents.error.empty()) {
     return "it can't be read: " + contents.error;

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
 
 #include "CacheTool/ChunkCheck.h"
@@ -35,6 +37,12 @@ ChunkContents ReadChunkFile(const std::filesystem::path& file, const CheckOption
 // `isBeingWritten` is set where a finding may be due to that.
 ChunkContents GlanceAtChunkFile(ListedChunk& chunk, const CheckOptions& options,
                                 bool& isBeingWritten);
+
+// Gives the events up to the last one that can be trusted to `take`, in order, each with its
+// number, which counts from 1. Their bytes are those of `contents`. None of a file that can't be
+// read.
+void ForEachReadableEvent(const ChunkContents& contents,
+                          const std::function<void(const StoredEvent&, std::uint64_t)>& take);
 
 // All that is to be said against the chunk, joined; empty for a healthy one.
 std::string DescribeFindings(const ChunkContents& contents);

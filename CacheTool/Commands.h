@@ -57,7 +57,7 @@ ExitCode RunExport(const ExportOptions& options, std::ostream& out, std::ostream
 struct RequeueOptions : CommonOptions {
   std::vector<std::string> files;
   bool salvage = false;
-  // The files, once all of their events are in the cache.
+  // The files, once all of their events are in the cache; not one that is damaged.
   bool removeFiles = false;
   // Of the events in one chunk, in bytes.
   std::uint64_t chunkSize = 4 * 1024 * 1024;

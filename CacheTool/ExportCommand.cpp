@@ -37,15 +37,13 @@ void WriteRaw(const StoredEvent& event, std::ostream& out) {
 
 void WriteEvents(const ListedChunk& chunk, const ChunkContents& contents, ExportFormat format,
                  std::ostream& out) {
-  EventReader reader(contents.bytes);
-  while (reader.GetRead() < contents.report.readable) {
-    const auto event = reader.Next();
+  ForEachReadableEvent(contents, [&](const StoredEvent& event, std::uint64_t number) {
     if (format == ExportFormat::Raw) {
-      WriteRaw(*event, out);
+      WriteRaw(event, out);
     } else {
-      out << EventToJson(*event, chunk.GetName(), reader.GetRead()).dump() << '\n';
+      out << EventToJson(event, chunk.GetName(), number).dump() << '\n';
     }
-  }
+  });
 }
 
 }  // namespace

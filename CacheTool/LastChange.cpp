@@ -19,9 +19,10 @@ LastChange GetLastChange(const std::filesystem::path& path) {
   if (error) {
     return error == std::errc::no_such_file_or_directory ? LastChange::Gone : LastChange::LongAgo;
   }
-  // A writer of 100 ns ago has not necessarily finished; one of an hour ago has.
-  return std::filesystem::file_time_type::clock::now() - changed < kRecent ? LastChange::Recent
-                                                                           : LastChange::LongAgo;
+  // A writer of 100 ns ago has not necessarily finished; one of an hour ago has. One of the future
+  // wrote before the clock was put back, or on a file system that takes the time from elsewhere.
+  const auto age = std::filesystem::file_time_type::clock::now() - changed;
+  return age >= -kRecent && age < kRecent ? LastChange::Recent : LastChange::LongAgo;
 }
 
 bool SecondLooks::Wait(LastChange change) {

@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <nlohmann/json.hpp>
+#include <numeric>
 #include <ostream>
 
 #include "Agent/PathText.h"
@@ -31,7 +33,8 @@ void RefuseFilesOfTheCache(const std::vector<ListedChunk>& chunks,
   }
 }
 
-std::uint64_t AddEvents(const RequeueOptions& options, NewChunks& chunks) {
+// What each of the files has given.
+std::vector<StoredFile> AddEvents(const RequeueOptions& options, NewChunks& chunks) {
   std::error_code error;
   std::uint64_t total = 0;
   for (const std::string& file : options.files) {
@@ -42,15 +45,36 @@ std::uint64_t AddEvents(const RequeueOptions& options, NewChunks& chunks) {
     total += size;
   }
   Progress progress("Requeueing", total);
-  std::uint64_t events = 0;
+  std::vector<StoredFile> taken;
   for (const std::string& file : options.files) {
-    events += ForEachStoredEvent(ToPath(file), options.check, options.salvage,
-                                 [&](const StoredEvent& event) {
-                                   chunks.Add(event);
-                                   progress.Add(event.head.size() + event.payload.size());
-                                 });
+    taken.push_back(ForEachStoredEvent(ToPath(file), options.check, options.salvage,
+                                       [&](const StoredEvent& event) {
+                                         chunks.Add(event);
+                                         progress.Add(event.head.size() + event.payload.size());
+                                       }));
   }
-  return events;
+  return taken;
+}
+
+// What is left of a damaged chunk may be the only copy of some events: it stays.
+ExitCode RemoveFiles(const RequeueOptions& options, const std::vector<StoredFile>& taken,
+                     std::ostream& messages) {
+  ExitCode code = kDone;
+  for (std::size_t i = 0; i < taken.size(); ++i) {
+    const std::string& file = options.files[i];
+    std::error_code error;
+    if (!taken[i].damage.empty()) {
+      messages << "orlo-cache: " << ToPrintable(file) << " is damaged (" << taken[i].damage << "); "
+               << Count(taken[i].events, "event") << " of it requeued"
+               << (options.removeFiles ? ", and it stays" : "") << '\n';
+      code = std::max(code, kDamage);
+    } else if (options.removeFiles && !fs::remove(ToPath(file), error)) {
+      messages << "orlo-cache: " << ToPrintable(file)
+               << " can't be removed: " << (error ? error.message() : "it is gone") << '\n';
+      code = kFailed;
+    }
+  }
+  return code;
 }
 
 }  // namespace
@@ -70,17 +94,12 @@ ExitCode RunRequeue(const RequeueOptions& options, std::ostream& out, std::ostre
     last = found.back();
   }
   NewChunks chunks(place.cache, last, options.chunkSize);
-  const std::uint64_t events = AddEvents(options, chunks);
+  const std::vector<StoredFile> taken = AddEvents(options, chunks);
   const std::vector<std::string> names = chunks.Finish();
-
-  bool areRemoved = true;
-  for (const std::string& file : options.files) {
-    std::error_code error;
-    if (options.removeFiles && !fs::remove(ToPath(file), error)) {
-      messages << "orlo-cache: " << file << " can't be removed: " << error.message() << '\n';
-      areRemoved = false;
-    }
-  }
+  const ExitCode code = RemoveFiles(options, taken, messages);
+  const std::uint64_t events =
+      std::accumulate(taken.begin(), taken.end(), std::uint64_t{0},
+                      [](std::uint64_t sum, const StoredFile& one) { return sum + one.events; });
   if (options.json) {
     nlohmann::ordered_json document;
     document["events"] = events;
@@ -91,7 +110,7 @@ ExitCode RunRequeue(const RequeueOptions& options, std::ostream& out, std::ostre
         << Count(names.size(), "chunk")
         << (names.empty() ? "" : ", the first of them " + ToPrintable(names.front())) << '\n';
   }
-  return areRemoved ? kDone : kFailed;
+  return code;
 }
 
 }  // namespace OrloCacheTool

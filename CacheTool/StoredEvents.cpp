@@ -51,13 +51,12 @@ std::uint64_t ReadLines(std::ifstream& stream, const std::filesystem::path& file
 
 }  // namespace
 
-std::uint64_t ForEachStoredEvent(const std::filesystem::path& file, const CheckOptions& options,
-                                 bool salvage,
-                                 const std::function<void(const StoredEvent&)>& take) {
+StoredFile ForEachStoredEvent(const std::filesystem::path& file, const CheckOptions& options,
+                              bool salvage, const std::function<void(const StoredEvent&)>& take) {
   {
     std::ifstream stream(file, std::ios::binary);
     if (stream && IsJson(stream)) {
-      return ReadLines(stream, file, take);
+      return {ReadLines(stream, file, take), ""};
     }
   }
   const ChunkContents contents = ReadChunkFile(file, options);
@@ -66,11 +65,8 @@ std::uint64_t ForEachStoredEvent(const std::filesystem::path& file, const CheckO
                         "; with --salvage its readable part is taken",
                     kDamage);
   }
-  EventReader reader(contents.bytes);
-  while (reader.GetRead() < contents.report.readable) {
-    take(*reader.Next());
-  }
-  return contents.report.readable;
+  ForEachReadableEvent(contents, [&](const StoredEvent& event, std::uint64_t) { take(event); });
+  return {contents.report.readable, DescribeFindings(contents)};
 }
 
 }  // namespace OrloCacheTool

@@ -87,7 +87,7 @@ void AddChangers(CLI::App& app, Commands& commands) {
   requeue->add_flag("--salvage", commands.requeue.salvage,
                     "Of a damaged chunk, take what can be read");
   requeue->add_flag("--remove", commands.requeue.removeFiles,
-                    "Remove the files when all of it is in the cache");
+                    "Remove the files when all of it is in the cache; damaged ones stay");
   requeue
       ->add_option("--chunk-size", commands.requeue.chunkSize,
                    "How many bytes make a chunk (default: 4194304)")
@@ -117,12 +117,19 @@ ExitCode Export(const Commands& commands) {
   if (!file) {
     throw ToolError(commands.output + " can't be written");
   }
-  const ExitCode code = RunExport(commands.exporting, file, std::cerr);
-  file.close();
-  if (!file) {
-    throw ToolError(commands.output + " can't be written to its end");
+  try {
+    const ExitCode code = RunExport(commands.exporting, file, std::cerr);
+    file.close();
+    if (!file) {
+      throw ToolError(commands.output + " can't be written to its end");
+    }
+    return code;
+  } catch (const std::exception&) {
+    // Else the corrected command would be refused.
+    file.close();
+    std::filesystem::remove(path, ignored);
+    throw;
   }
-  return code;
 }
 
 ExitCode Run(const std::string& name, const Commands& commands) {

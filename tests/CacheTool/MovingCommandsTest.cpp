@@ -118,8 +118,22 @@ TEST_F(MovingCommandsTest, OfADamagedChunkTheReadablePartIsRequeuedOnRequest) {
   auto options = Requeue({File("chunk", bytes)});
   EXPECT_THROW(RunRequeue(options, m_out, m_messages), ToolError);
   options.salvage = true;
-  EXPECT_EQ(RunRequeue(options, m_out, m_messages), kDone);
+  EXPECT_EQ(RunRequeue(options, m_out, m_messages), kDamage);
   EXPECT_EQ(Payloads(), "first\nsecond\nthird\n");
+}
+
+TEST_F(MovingCommandsTest, ADamagedChunkStaysWhereRequeuedFilesAreRemoved) {
+  std::string bytes = MakeChunkOf({"third", "lost"});
+  bytes.resize(4 + 8 + MakeHead().size() + 5 + 10);
+  auto options = Requeue({File("damaged", bytes), File("healthy", MakeChunkOf({"fourth"}))});
+  options.salvage = true;
+  options.removeFiles = true;
+  EXPECT_EQ(RunRequeue(options, m_out, m_messages), kDamage);
+  EXPECT_EQ(Payloads(), "first\nsecond\nthird\nfourth\n");
+  EXPECT_EQ(ReadFile(options.files.front()), bytes);
+  EXPECT_FALSE(std::filesystem::exists(options.files.back()));
+  EXPECT_NE(m_messages.str().find("; 1 event of it requeued, and it stays\n"), std::string::npos)
+      << m_messages.str();
 }
 
 TEST_F(MovingCommandsTest, AChunkOfTheCacheItselfIsNotRequeued) {

@@ -49,8 +49,8 @@ class SafeOnDiskTest : public testing::Test {
     m_options.files = {OrloAgent::ToText(m_directory.Path() / "chunk")};
     m_options.removeFiles = true;
     synced.clear();
-    failing.clear();
   }
+  ~SafeOnDiskTest() override { failing.clear(); }
 
   static bool IsSynced(const fs::path& path) {
     return std::find(synced.begin(), synced.end(), path.string()) != synced.end();

@@ -140,12 +140,22 @@ class CacheTool(support.AgentTest):
         self.assertIn("its bytes end within event",
                       (quarantine / "2016-03-07-14-05_08.txt").read_text())
         self.tool("requeue", "data", quarantine / "2016-03-07-14-05_08", expect=1)
-        self.tool("requeue", "data", quarantine / "2016-03-07-14-05_08", "--salvage")
+        self.tool("requeue", "data", quarantine / "2016-03-07-14-05_08", "--salvage",
+                  expect=1)
         shutil.rmtree(quarantine)
         delivered, _ = self.deliver()
         readable = len(delivered) - 300
         self.assertGreater(readable, 0)
         self.assertEqual(delivered, events + events[:readable])
+
+    def test_an_export_that_fails_leaves_no_file_in_the_way_of_the_next(self):
+        (self.directory / "data" / "Events" / "Default" / "2016-03-07-14-05").mkdir(parents=True)
+        self.tool("export", "date", "--output", "events.json", expect=3)
+        self.assertFalse((self.directory / "events.json").exists())
+        self.tool("export", "data", "--output", "events.json")
+        self.assertEqual((self.directory / "events.json").read_bytes(), b"")
+        self.tool("export", "data", "--output", "events.json", expect=3)
+        self.assertTrue((self.directory / "events.json").exists())
 
     def test_wrong_usage_ends_with_2_and_what_is_not_there_with_3(self):
         self.tool(expect=2)
