@@ -256,17 +256,17 @@ void Agent::Reload() {
     Configuration read = m_file.load();
     // Before anything can be said about it. Those of before may still be in use.
     WindowsAgentCommon::LoggerFactory::AddSecrets(read.secrets);
-    m_reloadProblem.clear();
+    m_fileTroubles.clear();
     if (read.mistakes.empty()) {
       Apply(std::move(read.options));
     } else {
       for (const ConfigurationMistake& mistake : read.mistakes) {
         LogFacade::Error(m_log, "%s", ToText(mistake, m_file.name));
       }
-      m_reloadProblem = WindowsAgentCommon::Format(
-          "%s has %d mistakes and is not taken; the agent goes on as before.", m_file.name,
-          read.mistakes.size());
-      LogFacade::Error(m_log, "%s", m_reloadProblem);
+      m_fileTroubles.push_back(WindowsAgentCommon::Format(
+          "%s has %d mistake%s and is not taken; the agent goes on as before", m_file.name,
+          read.mistakes.size(), read.mistakes.size() == 1 ? "" : "s"));
+      LogFacade::Error(m_log, "%s.", m_fileTroubles.back());
     }
     ShowTroubles();
   }
@@ -279,7 +279,7 @@ void Agent::Reload() {
 
 void Agent::ShowTroubles() {
   if (m_monitor) {
-    m_monitor->SetTroubles(m_reloadProblem, m_exchange->GetTroubles());
+    m_monitor->SetTroubles(m_fileTroubles, m_exchange->GetTroubles());
   }
 }
 
@@ -305,17 +305,17 @@ void Agent::Apply(AgentOptions options) {
 }
 
 void Agent::ApplyCommon(const AgentOptions& options) {
+  const auto stays = [this](const char* key, const std::string& as) {
+    m_fileTroubles.push_back(WindowsAgentCommon::Format(
+        "%s can't change while the agent runs; it stays %s until the agent is started again", key,
+        as));
+    LogFacade::Warn(m_log, "%s.", m_fileTroubles.back());
+  };
   if (const auto wanted = MakeDataDirectory(options.dataDirectory); wanted != m_dataDirectory) {
-    LogFacade::Warn(m_log,
-                    "data_directory can't change while the agent runs; it stays %s until "
-                    "the agent is started again.",
-                    ToText(m_dataDirectory));
+    stays("data_directory", ToText(m_dataDirectory));
   }
   if (!(options.monitor == m_options.monitor)) {
-    LogFacade::Warn(
-        m_log,
-        "monitor can't change while the agent runs; it stays as it is until the agent is "
-        "started again.");
+    stays("monitor", "as it is");
   }
   ConfigureLogging(options.log);
   m_disk->SetLimits(options.disk.quota, options.disk.keepFree);

@@ -96,8 +96,8 @@ class Agent {
   bool m_reloadRequested = false;
   // Streams come and go: whether the input of all of them has ended can't be told now.
   bool m_exchanging = false;
-  // Why the file was not taken when it was last read; empty: it was.
-  std::string m_reloadProblem;
+  // Why the file was not taken when it was last read, or what of it outside of streams was not.
+  std::vector<std::string> m_fileTroubles;
 
   // Destroyed in the reverse order: streams first, services last.
   std::unique_ptr<DataDirectoryLock> m_lock;

@@ -20,9 +20,9 @@ std::string NameBehind(const std::string& file);
 // Chunks that are put at the end of a cache: all of them, or none.
 //
 // They are written under names with a dot, which a stage never sees, and get their names at the
-// end, the first one first. When Finish returns, a loss of power takes none of them away. No link
-// is followed: the directory may be another user's. The cache must be locked for as long as the
-// object lives.
+// end, the first one first. When Finish returns, a loss of power takes none of them away. A minute
+// directory or a file that is a link is not followed: the cache may be another user's. It must be
+// locked for as long as the object lives.
 class NewChunks {
  public:
   // `last` is the last chunk of the cache, if it has one. `chunkSize` is how many bytes of events

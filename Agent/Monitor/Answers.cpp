@@ -22,8 +22,8 @@ std::int64_t GetSince(const std::string& query) {
 }  // namespace
 
 std::shared_ptr<const AgentState> JudgeAge(std::shared_ptr<const AgentState> state,
-                                           std::chrono::milliseconds now) {
-  const auto age = now - std::chrono::milliseconds(state->sampled);
+                                           std::chrono::steady_clock::time_point now) {
+  const auto age = now - state->looked;
   if (age <= kStateLasts) {
     return state;
   }

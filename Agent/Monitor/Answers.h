@@ -14,10 +14,10 @@ namespace OrloAgent {
 // the disk hangs.
 constexpr std::chrono::seconds kStateLasts{60};
 
-// The state as it is to be shown at the time `now` (since 1970): one that has grown old has a
-// problem more, which says so, whatever its figures are.
+// The state as it is to be shown at the time `now`: one that has grown old has a problem more,
+// which says so, whatever its figures are. A system clock that is set does not matter.
 std::shared_ptr<const AgentState> JudgeAge(std::shared_ptr<const AgentState> state,
-                                           std::chrono::milliseconds now);
+                                           std::chrono::steady_clock::time_point now);
 
 // The points that are younger than a time in milliseconds since 1970.
 using HistoryReader = std::function<History(std::int64_t since)>;

@@ -30,7 +30,6 @@ namespace {
 constexpr std::size_t kLargestRequest = 8 * 1024;
 constexpr std::size_t kConnections = 64;
 constexpr std::chrono::seconds kRequestTime{10};
-constexpr std::chrono::seconds kAnswerTime{60};
 constexpr std::chrono::milliseconds kBetweenAttempts{100};
 
 // What a page may do: nothing but what stands in it, and ask the agent again.
@@ -51,8 +50,11 @@ HttpAnswer MakeTextAnswer(unsigned status, std::string text) {
 // Decides who gets an answer, and which.
 class Responder {
  public:
-  Responder(std::string token, HttpHandler handler)
-      : m_token(std::move(token)), m_handler(std::move(handler)) {}
+  Responder(std::string token, HttpHandler handler, std::chrono::milliseconds answerTime)
+      : m_token(std::move(token)), m_handler(std::move(handler)), m_answerTime(answerTime) {}
+
+  // For taking it.
+  std::chrono::milliseconds GetAnswerTime() const { return m_answerTime; }
 
   Response Answer(const Request& request) const {
     HttpAnswer answer = Decide(request);
@@ -102,6 +104,7 @@ class Responder {
 
   const std::string m_token;
   const HttpHandler m_handler;
+  const std::chrono::milliseconds m_answerTime;
 };
 
 // One client. Lives as long as it waits for something.
@@ -133,7 +136,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
       return;
     }
     m_response = m_responder.Answer(m_parser->get());
-    m_stream.expires_after(kAnswerTime);
+    m_stream.expires_after(m_responder.GetAnswerTime());
     http::async_write(m_stream, m_response,
                       [self = shared_from_this()](const error_code& failure, std::size_t) {
                         self->OnWritten(failure);
@@ -162,9 +165,9 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
 class HttpServer::Listener {
  public:
-  Listener(const MonitorOptions& options, HttpHandler handler)
+  Listener(const MonitorOptions& options, HttpHandler handler, std::chrono::milliseconds answerTime)
       : m_log(WindowsAgentCommon::LoggerFactory::GetLog("Code.Monitor")),
-        m_responder(options.token, std::move(handler)) {
+        m_responder(options.token, std::move(handler), answerTime) {
     const std::string shown = options.host + " port " + std::to_string(options.port);
     try {
       const asio::ip::tcp::endpoint endpoint(asio::ip::make_address(options.host), options.port);
@@ -252,8 +255,9 @@ class HttpServer::Listener {
   std::thread m_thread;
 };
 
-HttpServer::HttpServer(const MonitorOptions& options, HttpHandler handler)
-    : m_listener(std::make_unique<Listener>(options, std::move(handler))) {}
+HttpServer::HttpServer(const MonitorOptions& options, HttpHandler handler,
+                       std::chrono::milliseconds answerTime)
+    : m_listener(std::make_unique<Listener>(options, std::move(handler), answerTime)) {}
 
 HttpServer::~HttpServer() = default;
 

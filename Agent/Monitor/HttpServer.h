@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -21,7 +22,7 @@ using HttpHandler = std::function<HttpAnswer(const std::string& path, const std:
 // A small HTTP/1.1 server for the monitor. One thread serves all connections and calls the handler.
 //
 // It is made to be left alone by whoever connects: requests have at most 8 KiB and no body, each
-// connection has ten seconds for a request and a minute for taking the answer, and there are at
+// connection has ten seconds for a request and `answerTime` for taking the answer, and there are at
 // most 64 connections, of which the one whose request is the oldest gives way to a new one.
 //
 // With a token every request must carry it, as bearer token or as the password of any user, else it
@@ -30,7 +31,8 @@ using HttpHandler = std::function<HttpAnswer(const std::string& path, const std:
 class HttpServer {
  public:
   // Listens before it returns; throws InitializationException.
-  HttpServer(const MonitorOptions& options, HttpHandler handler);
+  HttpServer(const MonitorOptions& options, HttpHandler handler,
+             std::chrono::milliseconds answerTime = std::chrono::minutes(1));
 
   // Ends all connections.
   ~HttpServer();

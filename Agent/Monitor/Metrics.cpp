@@ -46,9 +46,11 @@ void AddAgent(const AgentState& state, MetricBuilder& builder) {
               ToSeconds(state.sampled));
   agent.Gauge("orlo_agent_healthy", "Whether the agent and all its streams are healthy (1)",
               state.IsHealthy() ? 1 : 0);
-  agent.Gauge("orlo_agent_configuration_taken",
-              "Whether all of the configuration file, as it was last read, is in use (1)",
-              state.isConfigurationTaken ? 1 : 0);
+  agent.Gauge(
+      "orlo_agent_configuration_taken",
+      "Whether all of the configuration file, as it was last read, is in use (1), but for the log "
+      "file",
+      state.isConfigurationTaken ? 1 : 0);
   agent.Gauge("orlo_agent_streams_not_running",
               "Streams of the configuration that could not be made when it was read again",
               state.streamsNotRunning);

@@ -29,15 +29,16 @@ class HttpMonitor : public Monitor {
     m_sampler.AddStream(options, std::move(sources), destination, notMadeBefore);
   }
   void RemoveStream(const std::string& name) override { m_sampler.RemoveStream(name); }
-  void SetTroubles(const std::string& file, const std::vector<StreamTrouble>& streams) override {
+  void SetTroubles(const std::vector<std::string>& file,
+                   const std::vector<StreamTrouble>& streams) override {
     m_sampler.SetTroubles(file, streams);
   }
 
  private:
   HttpAnswer Answer(const std::string& path, const std::string& query) const {
-    const auto now = std::chrono::duration_cast<std::chrono::milliseconds>(
-        std::chrono::system_clock::now().time_since_epoch());
-    return AnswerRequest(path, query, *JudgeAge(m_sampler.GetState(), now),
+    // The state first: it is not to come from behind `now`.
+    auto state = m_sampler.GetState();
+    return AnswerRequest(path, query, *JudgeAge(std::move(state), std::chrono::steady_clock::now()),
                          [this](std::int64_t since) { return m_sampler.GetHistory(since); });
   }
 

@@ -47,9 +47,11 @@ class Monitor {
                          const Destination& destination, std::uint64_t notMadeBefore) = 0;
   virtual void RemoveStream(const std::string& name) = 0;
 
-  // What the last reading of the configuration has led to: why the file as a whole was not taken
-  // (empty: it was), and which streams are not as it says. Shown until the next call.
-  virtual void SetTroubles(const std::string& file, const std::vector<StreamTrouble>& streams) = 0;
+  // What the last reading of the configuration has led to: why the file as a whole was not taken,
+  // or not all of what is no stream's, and which streams are not as it says. Shown until the next
+  // call.
+  virtual void SetTroubles(const std::vector<std::string>& file,
+                           const std::vector<StreamTrouble>& streams) = 0;
 };
 
 // Null if the options name no address. Listens before it returns, and says where; throws

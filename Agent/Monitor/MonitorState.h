@@ -128,6 +128,8 @@ struct AgentState {
   std::string version;
   std::int64_t started = 0;  // milliseconds since 1970
   std::int64_t sampled = 0;  // the same
+  // When that was, by a clock that nobody sets.
+  std::chrono::steady_clock::time_point looked{};
   DiskState disk;
   std::vector<StreamState> streams;
   std::vector<WindowsAgentCommon::StatisticsGroupSnapshot> statistics;

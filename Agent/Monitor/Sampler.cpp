@@ -58,13 +58,26 @@ struct DescribeDestination {
 };
 
 // What the configuration only refers to is shown here no more than in messages.
-void HideSecrets(EndState& end) { end.name = LoggerFactory::WithoutSecrets(end.name); }
+EndState DescribeShown(const SourceOptions& options) {
+  EndState end = std::visit(DescribeSource{}, options);
+  end.name = LoggerFactory::WithoutSecrets(end.name);
+  return end;
+}
+EndState DescribeShown(const DestinationOptions& options) {
+  EndState end = std::visit(DescribeDestination{}, options);
+  end.name = LoggerFactory::WithoutSecrets(end.name);
+  return end;
+}
+
+bool AreAlike(const EndState& one, const EndState& other) {
+  return one.type == other.type && one.name == other.name;
+}
 
 }  // namespace
 
 struct Sampler::Watched {
   StreamSampler sampler;
-  // Null once the stream is gone. Guarded by m_streamsLock.
+  // Asked under m_streamsLock, and only while the stream is one of m_streams.
   std::vector<const Source*> sources;
   const Destination* destination;
   EndsReading described;
@@ -126,23 +139,18 @@ void Sampler::AddStream(const StreamOptions& options, std::vector<const Source*>
                         const Destination& destination, std::uint64_t notMadeBefore) {
   EndsReading described;
   for (const SourceOptions& source : options.sources) {
-    described.sources.push_back(std::visit(DescribeSource{}, source));
-    HideSecrets(described.sources.back());
+    described.sources.push_back(DescribeShown(source));
     const EndState& added = described.sources.back();
-    const auto alike = std::count_if(
-        described.sources.begin(), described.sources.end(),
-        [&](const EndState& one) { return one.type == added.type && one.name == added.name; });
+    const auto alike = std::count_if(described.sources.begin(), described.sources.end(),
+                                     [&](const EndState& one) { return AreAlike(one, added); });
     if (alike > 1) {
       described.sources.back().name += Format(" (%d)", alike);
     }
   }
-  described.destination = std::visit(DescribeDestination{}, options.destination);
-  HideSecrets(described.destination);
+  described.destination = DescribeShown(options.destination);
   if (options.fallback) {
-    described.fallback = std::visit(DescribeDestination{}, options.fallback->destination);
-    HideSecrets(*described.fallback);
-    if (described.fallback->type == described.destination.type &&
-        described.fallback->name == described.destination.name) {
+    described.fallback = DescribeShown(options.fallback->destination);
+    if (AreAlike(*described.fallback, described.destination)) {
       described.fallback->name += " (fallback)";
     }
   }
@@ -158,9 +166,10 @@ void Sampler::RemoveStream(const std::string& name) {
   std::erase_if(m_streams, [&](const auto& one) { return one->sampler.GetName() == name; });
 }
 
-void Sampler::SetTroubles(const std::string& file, const std::vector<StreamTrouble>& streams) {
+void Sampler::SetTroubles(const std::vector<std::string>& file,
+                          const std::vector<StreamTrouble>& streams) {
   const std::lock_guard guard(m_streamsLock);
-  m_fileTrouble = file;
+  m_fileTroubles = file;
   m_streamTroubles = streams;
 }
 
@@ -204,6 +213,7 @@ void Sampler::Sample() {
   state->disk = LookAtDisk(state->problems);
   m_messages.AddTo(*state);
   state->sampled = GetMilliseconds();
+  state->looked = std::chrono::steady_clock::now();
   const std::lock_guard guard(m_lock);
   KeepHistory(*state);
   m_state = std::move(state);
@@ -211,9 +221,9 @@ void Sampler::Sample() {
 
 void Sampler::AddTroubles(AgentState& state) {
   const std::lock_guard guard(m_streamsLock);
-  state.isConfigurationTaken = m_fileTrouble.empty() && m_streamTroubles.empty();
-  if (!m_fileTrouble.empty()) {
-    state.problems.push_back(LoggerFactory::WithoutSecrets(m_fileTrouble));
+  state.isConfigurationTaken = m_fileTroubles.empty() && m_streamTroubles.empty();
+  for (const std::string& trouble : m_fileTroubles) {
+    state.problems.push_back(LoggerFactory::WithoutSecrets(trouble));
   }
   for (const StreamTrouble& trouble : m_streamTroubles) {
     const std::string problem = LoggerFactory::WithoutSecrets(trouble.problem);

@@ -42,7 +42,7 @@ class Sampler {
   void RemoveStream(const std::string& name);
 
   // As Monitor::SetTroubles.
-  void SetTroubles(const std::string& file, const std::vector<StreamTrouble>& streams);
+  void SetTroubles(const std::vector<std::string>& file, const std::vector<StreamTrouble>& streams);
 
   // Takes a first look and starts the thread.
   void Start();
@@ -70,7 +70,7 @@ class Sampler {
   std::mutex m_streamsLock;
   // Guarded by m_streamsLock:
   std::vector<std::shared_ptr<Watched>> m_streams;
-  std::string m_fileTrouble;
+  std::vector<std::string> m_fileTroubles;
   std::vector<StreamTrouble> m_streamTroubles;
 
   mutable std::mutex m_lock;

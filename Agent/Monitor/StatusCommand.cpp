@@ -87,7 +87,7 @@ Target ParseUrl(std::string url) {
   return {endpoint->host, std::to_string(endpoint->port), token != nullptr ? token : ""};
 }
 
-// One request, each step of which ends when the patience does.
+// One request. Once the host's address is known, it ends when the patience does.
 class Client {
  public:
   explicit Client(const Target& target) : m_target(target) {}
@@ -159,8 +159,7 @@ Client::Response Ask(const Target& target, const std::string& place) {
   }
 }
 
-json Fetch(const Target& target, std::string& text) {
-  const std::string place = " at " + target.host + " port " + target.port;
+json Fetch(const Target& target, const std::string& place, std::string& text) {
   const Client::Response response = Ask(target, place);
   if (response.result() == http::status::unauthorized) {
     throw std::runtime_error(
@@ -182,10 +181,18 @@ json Fetch(const Target& target, std::string& text) {
 
 // Prints once; leaves what was fetched for the rates of the next time.
 int Show(const StatusQuestion& question, const Target& target, json& last) {
+  const std::string place = " at " + target.host + " port " + target.port;
   std::string text;
-  const json status = Fetch(target, text);
-  const bool isHealthy = status.at("healthy").get<bool>();
-  const std::string shown = question.json ? text : MakeStatusText(status, last);
+  const json status = Fetch(target, place, text);
+  bool isHealthy = false;
+  std::string shown;
+  try {
+    isHealthy = status.at("healthy").get<bool>();
+    shown = question.json ? text : MakeStatusText(status, last);
+  } catch (const json::exception&) {
+    throw std::runtime_error("what answers" + place +
+                             " is no agent's monitor, or one of another version");
+  }
   if (question.watch && !question.json) {
     // From the upper left corner on, and nothing below.
     std::cout << "\x1b[H\x1b[J";

@@ -72,8 +72,8 @@ const json* FindStream(const json& status, const std::string& name) {
   if (!status.is_object() || !status.contains("streams")) {
     return nullptr;
   }
-  for (const json& stream : status["streams"]) {
-    if (stream["name"] == name) {
+  for (const json& stream : status.at("streams")) {
+    if (stream.at("name") == name) {
       return &stream;
     }
   }
@@ -82,13 +82,14 @@ const json* FindStream(const json& status, const std::string& name) {
 
 // Events per second since `before`, as a column; empty without it.
 std::string Rate(const json& status, const json& before, const json& stream, const char* counter) {
-  const json* const earlier = FindStream(before, stream["name"]);
+  const json* const earlier = FindStream(before, stream.at("name"));
   if (earlier == nullptr) {
     return "";
   }
-  const double seconds = (status["sampled"].get<double>() - before["sampled"].get<double>()) / 1000;
-  const double events =
-      stream["events"][counter].get<double>() - (*earlier)["events"][counter].get<double>();
+  const double seconds =
+      (status.at("sampled").get<double>() - before.at("sampled").get<double>()) / 1000;
+  const double events = stream.at("events").at(counter).get<double>() -
+                        earlier->at("events").at(counter).get<double>();
   if (seconds <= 0.0 || events < 0.0) {
     return "";
   }
@@ -106,13 +107,13 @@ std::string CountChunks(std::uint64_t chunks) {
 }
 
 std::string DescribeWay(const json& way) {
-  return Format("%s events in %s", Grouped(way["events"]), CountChunks(way["chunks"]));
+  return Format("%s events in %s", Grouped(way.at("events")), CountChunks(way.at("chunks")));
 }
 
 std::string DescribeSchedule(const json& schedule) {
-  std::string text = schedule["open"].get<bool>() ? "open" : "closed";
-  if (schedule["next_change"].is_number()) {
-    text += " until " + UtcTime(schedule["next_change"]) + " UTC";
+  std::string text = schedule.at("open").get<bool>() ? "open" : "closed";
+  if (schedule.at("next_change").is_number()) {
+    text += " until " + UtcTime(schedule.at("next_change")) + " UTC";
   }
   return text + " (" + GetText(schedule, "zone") + ")";
 }
@@ -125,39 +126,40 @@ void AddProblems(const json& problems, const char* indent, std::string& text) {
 
 void AddStream(const json& status, const json& before, const json& stream, std::string& text) {
   text += "\n" + GetText(stream, "name") + ": " +
-          (stream["healthy"].get<bool>() ? "healthy" : "degraded") + "\n";
-  AddProblems(stream["problems"], "  ", text);
+          (stream.at("healthy").get<bool>() ? "healthy" : "degraded") + "\n";
+  AddProblems(stream.at("problems"), "  ", text);
   std::string sources;
-  for (const json& source : stream["sources"]) {
+  for (const json& source : stream.at("sources")) {
     sources += (sources.empty() ? "" : ", ") + DescribeEnd(source);
   }
-  const json& events = stream["events"];
-  text += "  in        " + Grouped(events["posted"]) + " events" +
+  const json& events = stream.at("events");
+  text += "  in        " + Grouped(events.at("posted")) + " events" +
           Rate(status, before, stream, "posted") + "  from " + sources + "\n";
-  text += "  out       " + Grouped(events["delivered"]) + " events" +
-          Rate(status, before, stream, "delivered") + "  to " + DescribeEnd(stream["destination"]) +
-          "\n";
-  if (stream.contains("fallback") && stream["fallback"].is_object()) {
-    text += "  fallback  " + DescribeEnd(stream["fallback"]);
-    text += stream["fallback_since"].is_number()
-                ? " gets the events since " + UtcTime(stream["fallback_since"]) + " UTC\n"
+  text += "  out       " + Grouped(events.at("delivered")) + " events" +
+          Rate(status, before, stream, "delivered") + "  to " +
+          DescribeEnd(stream.at("destination")) + "\n";
+  if (stream.contains("fallback") && stream.at("fallback").is_object()) {
+    text += "  fallback  " + DescribeEnd(stream.at("fallback"));
+    text += stream.at("fallback_since").is_number()
+                ? " gets the events since " + UtcTime(stream.at("fallback_since")) + " UTC\n"
                 : " is not used\n";
   }
-  const json& memory = stream["memory"];
+  const json& memory = stream.at("memory");
   text += Format("  memory    %s queued (%s), %s in the chunk (%s old), %s pending, %s unsent\n",
-                 Grouped(memory["queue_events"]), Size(memory["queue_bytes"]),
-                 Grouped(memory["chunk_events"]), Age(memory["chunk_age"]),
-                 Grouped(memory["pending_events"]), Grouped(memory["unsent_events"]));
-  const json& cache = stream["cache"];
-  text += Format("  cache     %s events in %s, %s", Grouped(cache["events"]),
-                 CountChunks(cache["chunks"]), Size(cache["bytes"]));
-  text += cache["chunks"] != 0 ? ", the oldest from " + Age(cache["oldest_age"]) + " ago\n" : "\n";
-  text += "  near      " + DescribeWay(stream["near"]) + "\n";
-  text += "  spilled   " + DescribeWay(stream["spilled"]) + "\n";
-  text += "  far       " + DescribeWay(stream["far"]) + "\n";
-  text += "  lost      " + Grouped(events["lost"]) + " events\n";
-  if (stream["schedule"].is_object()) {
-    text += "  schedule  " + DescribeSchedule(stream["schedule"]) + "\n";
+                 Grouped(memory.at("queue_events")), Size(memory.at("queue_bytes")),
+                 Grouped(memory.at("chunk_events")), Age(memory.at("chunk_age")),
+                 Grouped(memory.at("pending_events")), Grouped(memory.at("unsent_events")));
+  const json& cache = stream.at("cache");
+  text += Format("  cache     %s events in %s, %s", Grouped(cache.at("events")),
+                 CountChunks(cache.at("chunks")), Size(cache.at("bytes")));
+  text += cache.at("chunks") != 0 ? ", the oldest from " + Age(cache.at("oldest_age")) + " ago\n"
+                                  : "\n";
+  text += "  near      " + DescribeWay(stream.at("near")) + "\n";
+  text += "  spilled   " + DescribeWay(stream.at("spilled")) + "\n";
+  text += "  far       " + DescribeWay(stream.at("far")) + "\n";
+  text += "  lost      " + Grouped(events.at("lost")) + " events\n";
+  if (stream.at("schedule").is_object()) {
+    text += "  schedule  " + DescribeSchedule(stream.at("schedule")) + "\n";
   }
 }
 
@@ -169,7 +171,7 @@ void AddMessages(const json& messages, std::string& text) {
   text += "\nLast warnings\n";
   for (std::size_t i = messages.size() - std::min(messages.size(), kShown); i < messages.size();
        ++i) {
-    text += "  " + UtcTime(messages[i]["time"].get<std::int64_t>() / 1000) + " " +
+    text += "  " + UtcTime(messages[i].at("time").get<std::int64_t>() / 1000) + " " +
             GetText(messages[i], "level") + " " + GetText(messages[i], "logger") + ": " +
             GetText(messages[i], "text") + "\n";
   }
@@ -180,18 +182,18 @@ void AddMessages(const json& messages, std::string& text) {
 std::string MakeStatusText(const json& status, const json& before) {
   std::string text =
       "orlo-agent " + GetText(status, "version") + ": " +
-      (status["healthy"].get<bool>() ? "healthy" : "degraded") + ", up " +
-      Age((status["sampled"].get<double>() - status["started"].get<double>()) / 1000) + "\n";
-  AddProblems(status["problems"], "", text);
-  const json& disk = status["disk"];
-  text += "disk: " + Size(disk["used"]) + " used";
-  text += disk["quota"] != 0 ? " of " + Size(disk["quota"]) : "";
-  text += disk["available"].is_number() ? ", " + Size(disk["available"]) + " free" : "";
+      (status.at("healthy").get<bool>() ? "healthy" : "degraded") + ", up " +
+      Age((status.at("sampled").get<double>() - status.at("started").get<double>()) / 1000) + "\n";
+  AddProblems(status.at("problems"), "", text);
+  const json& disk = status.at("disk");
+  text += "disk: " + Size(disk.at("used")) + " used";
+  text += disk.at("quota") != 0 ? " of " + Size(disk.at("quota")) : "";
+  text += disk.at("available").is_number() ? ", " + Size(disk.at("available")) + " free" : "";
   text += "\n";
-  for (const json& stream : status["streams"]) {
+  for (const json& stream : status.at("streams")) {
     AddStream(status, before, stream, text);
   }
-  AddMessages(status["messages"], text);
+  AddMessages(status.at("messages"), text);
   return text;
 }
 

@@ -7,6 +7,7 @@ namespace OrloAgent {
 
 // The status (what /status answers) for a terminal. `before` is an earlier one, from which rates
 // are taken, or null. Whatever the status holds, the text has no control characters but line feeds.
+// Throws nlohmann::json::exception if something is missing, or is not what it should be.
 std::string MakeStatusText(const nlohmann::json& status, const nlohmann::json& before);
 
 }  // namespace OrloAgent

@@ -13,11 +13,13 @@ using nlohmann::json;
 using testing::HasSubstr;
 
 constexpr std::chrono::milliseconds kSampled{1'700'000'000'000};
+constexpr std::chrono::steady_clock::time_point kLooked{1000h};
 
 std::shared_ptr<const AgentState> MakeState() {
   auto state = std::make_shared<AgentState>();
   state->version = "1.2.3";
   state->sampled = kSampled.count();
+  state->looked = kLooked;
   StreamState stream;
   stream.name = "S";
   state->streams.push_back(stream);
@@ -25,7 +27,7 @@ std::shared_ptr<const AgentState> MakeState() {
 }
 
 HttpAnswer Ask(const std::string& path, std::chrono::milliseconds age) {
-  return AnswerRequest(path, "", *JudgeAge(MakeState(), kSampled + age),
+  return AnswerRequest(path, "", *JudgeAge(MakeState(), kLooked + age),
                        [](std::int64_t) { return History(); });
 }
 
@@ -52,7 +54,7 @@ TEST(Answers, FiguresThatHaveGrownOldAreAProblemWhereverTheyAreShown) {
 TEST(Answers, OldFiguresKeepTheProblemsThatTheyHad) {
   AgentState state = *MakeState();
   state.problems = {"disk full"};
-  const auto judged = JudgeAge(std::make_shared<AgentState>(state), kSampled + 1h);
+  const auto judged = JudgeAge(std::make_shared<AgentState>(state), kLooked + 1h);
   ASSERT_EQ(judged->problems.size(), 2u);
   EXPECT_EQ(judged->problems.back(), "disk full");
 }

@@ -151,17 +151,26 @@ TEST_F(SamplerTest, AConfigurationThatIsNotInUseIsAProblemUntilOneIs) {
   m_sampler->AddStream(m_options, {&source}, destination, 0);
   m_sampler->Start();
   EXPECT_TRUE(m_sampler->GetState()->isConfigurationTaken);
-  m_sampler->SetTroubles("f has 2 mistakes", {{"S", true, "as before: x"}, {"T", false, "no: y"}});
+  m_sampler->SetTroubles({"f has 2 mistakes"},
+                         {{"S", true, "as before: x"}, {"T", false, "no: y"}});
   const auto bad = WaitFor([](const AgentState& state) { return !state.isConfigurationTaken; });
   EXPECT_THAT(bad->problems, testing::ElementsAre("f has 2 mistakes", "stream T: no: y"));
   EXPECT_THAT(bad->streams.front().problems, testing::ElementsAre("as before: x"));
   EXPECT_EQ(bad->streamsNotRunning, 1u);
   EXPECT_FALSE(bad->IsHealthy());
-  m_sampler->SetTroubles("", {});
+  m_sampler->SetTroubles({}, {});
   const auto good = WaitFor([](const AgentState& state) { return state.isConfigurationTaken; });
   EXPECT_TRUE(good->IsHealthy());
   EXPECT_EQ(good->streamsNotRunning, 0u);
   m_sampler->RemoveStream("S");
+}
+
+TEST_F(SamplerTest, StateKnowsWhenItWasMade) {
+  const auto before = std::chrono::steady_clock::now();
+  m_sampler->Start();
+  const auto looked = m_sampler->GetState()->looked;
+  EXPECT_GE(looked, before);
+  EXPECT_LE(looked, std::chrono::steady_clock::now());
 }
 
 TEST_F(SamplerTest, DiskThatIsFullIsAProblem) {

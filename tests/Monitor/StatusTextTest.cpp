@@ -71,5 +71,21 @@ TEST(StatusText, NothingSteersTheTerminal) {
   EXPECT_THAT(text, Not(HasSubstr("\x1b")));
 }
 
+TEST(StatusText, StatusThatLacksSomethingIsRefused) {
+  const json whole = ToJson(MakeState());
+  for (const char* key :
+       {"healthy", "problems", "sampled", "started", "disk", "streams", "messages"}) {
+    json status = whole;
+    ASSERT_EQ(status.erase(key), 1u) << key;
+    EXPECT_THROW(MakeStatusText(status, json()), json::exception) << key;
+  }
+  for (const char* key : {"healthy", "problems", "sources", "events", "destination", "memory",
+                          "cache", "near", "spilled", "far", "schedule"}) {
+    json status = whole;
+    ASSERT_EQ(status.at("streams").at(0).erase(key), 1u) << key;
+    EXPECT_THROW(MakeStatusText(status, json()), json::exception) << key;
+  }
+}
+
 }  // namespace
 }  // namespace OrloAgent

@@ -213,28 +213,34 @@ class StatusCommand(MonitorTest):
         with socket.socket() as free:
             free.bind(("127.0.0.1", 0))
             port = free.getsockname()[1]
-        broken = self.directory / "broken.yaml"
-        broken.write_text(f'monitor: {{ listen: "127.0.0.1:{port}" }}\nsurprise: 1\n'
-                          "streams: [ { name: Default, destination: { type: nowhere } } ]\n")
-        asked = self.run_with("--config", str(broken))
+            broken = self.directory / "broken.yaml"
+            broken.write_text(f'monitor: {{ listen: "127.0.0.1:{port}" }}\nsurprise: 1\n'
+                              "streams: [ { name: Default, destination: { type: nowhere } } ]\n")
+            asked = self.run_with("--config", str(broken))
         self.assertEqual(asked.returncode, 2)
         self.assertIn(f"no agent answers at 127.0.0.1 port {port}", asked.stderr)
         broken.write_text("monitor: { listen: [\n")
         self.assertIn("broken.yaml:", self.run_with("--config", str(broken)).stderr)
 
     def test_what_answers_and_is_no_agent_is_said(self):
-        with socket.create_server(("127.0.0.1", 0)) as other:
-            def answer():
-                client, _ = other.accept()
-                with client:
-                    client.recv(4096)
-                    client.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}")
-            thread = threading.Thread(target=answer)
-            thread.start()
-            asked = self.run_with("--url", f"http://127.0.0.1:{other.getsockname()[1]}")
-            thread.join(support.LIMIT)
-        self.assertEqual(asked.returncode, 2)
-        self.assertIn("is no agent's monitor: it answers 200", asked.stderr)
+        another = "is no agent's monitor, or one of another version"
+        for body, said in ((b"{}", "is no agent's monitor: it answers 200"),
+                           (b'{"healthy":true}', another),
+                           (b'{"healthy":true,"problems":[],"version":"1","sampled":1,"started":1}',
+                            another)):
+            with self.subTest(body), socket.create_server(("127.0.0.1", 0)) as other:
+                def answer():
+                    client, _ = other.accept()
+                    with client:
+                        client.recv(4096)
+                        client.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n%s"
+                                       % (len(body), body))
+                thread = threading.Thread(target=answer)
+                thread.start()
+                asked = self.run_with("--url", f"http://127.0.0.1:{other.getsockname()[1]}")
+                thread.join(support.LIMIT)
+                self.assertEqual(asked.returncode, 2)
+                self.assertIn(said, asked.stderr)
 
     def test_configuration_that_names_no_address_is_said(self):
         stream = self.stream(support.SYSLOG_SOURCE, "{ type: file, path: ./out.log }")
@@ -262,20 +268,33 @@ class StatusCommand(MonitorTest):
         self.assertEqual(wrong.returncode, 2)
         self.assertIn("is not http://HOST:PORT", wrong.stderr)
 
-    def test_watch_prints_again_until_it_is_ended(self):
-        agent = self.start_monitored(
-            self.stream(support.SYSLOG_SOURCE, "{ type: file, path: ./out.log }"))
+    def test_watch_prints_again_also_when_the_agent_has_been_away(self):
+        port = self.refusing_port()
+
+        def start():
+            return self.start_monitored(
+                self.stream(support.SYSLOG_SOURCE, "{ type: file, path: ./out.log }"),
+                extra=f'monitor: {{ listen: "127.0.0.1:{port.number}" }}\n')
+        agent = start()
+        self.monitor_port(agent)
         watching = subprocess.Popen(
-            [support.AGENT, "status", "--watch", "--url",
-             f"http://127.0.0.1:{self.monitor_port(agent)}"], stdout=subprocess.PIPE)
+            [support.AGENT, "status", "--watch", "--url", f"http://127.0.0.1:{port.number}"],
+            stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         self.addCleanup(watching.stdout.close)
         self.addCleanup(watching.wait)
         self.addCleanup(watching.kill)
-        shown = b""
-        while shown.count(b"\x1b[H\x1b[Jorlo-agent ") < 2:
-            read = watching.stdout.read1(1 << 16)
-            self.assertTrue(read, "it ended by itself")
-            shown += read
+
+        def wait_for(text, times):
+            shown = b""
+            while shown.count(text) < times:
+                read = watching.stdout.read1(1 << 16)
+                self.assertTrue(read, "it ended by itself")
+                shown += read
+        wait_for(b"\x1b[H\x1b[Jorlo-agent ", 2)
+        self.assertEqual(agent.stop(), 0)
+        wait_for(b"no agent answers at 127.0.0.1", 1)
+        self.monitor_port(start())
+        wait_for(b"\x1b[H\x1b[Jorlo-agent ", 1)
 
 
 if __name__ == "__main__":

@@ -6,23 +6,17 @@ import os
 import pathlib
 import re
 import signal
-import socket
 import subprocess
 import unittest
 import urllib.parse
 
 import support
+from certificates import Authority
 from monitor_support import MonitorTest
 
 PROMETHEUS = os.environ.get("ORLO_PROMETHEUS", "prometheus")
 PROMTOOL = os.environ.get("ORLO_PROMTOOL", "promtool")
 PAGE = pathlib.Path(__file__).resolve().parent.parent.parent / "docs" / "monitoring.md"
-
-
-def free_port():
-    with socket.socket() as one:
-        one.bind(("127.0.0.1", 0))
-        return one.getsockname()[1]
 
 
 class Prometheus(MonitorTest):
@@ -55,18 +49,33 @@ class Prometheus(MonitorTest):
         self.assertLessEqual(asked - optional, shown)
 
     def test_metrics_that_are_documented_are_those_that_are_shown(self):
-        agent = self.start_monitored(
-            self.stream(support.SYSLOG_SOURCE, "{ type: file, path: ./out.log }",
+        # Those of sources and destinations differ by type.
+        authority = Authority(self.directory)
+        certificate, key = authority.issue("server")
+        away = f"127.0.0.1:{self.refusing_port().number}"
+        sources = (f'[ {support.SYSLOG_SOURCE}, {{ type: syslog, listen: "udp://127.0.0.1:0" }}, '
+                   f'{{ type: syslog, listen: "tls://127.0.0.1:0", tls: {{ certificate: '
+                   f'"{certificate}", key: "{key}" }} }} ]')
+        destinations = [
+            "{ type: file, path: ./out.log, rotate: { size: 1MiB } }",
+            f'{{ type: syslog, target: "tls://{away}", tls: {{ ca: "{authority.certificate}" }} }}',
+            f'{{ type: syslog, target: "udp://{away}" }}',
+            f'{{ type: relp, target: "tcp://{away}" }}',
+            f'{{ type: kafka, brokers: [ "{away}" ], topic: events }}']
+        streams = "".join(
+            self.stream(sources, destination, name=f"Stream{number}",
                         settings={"Schedule.Enable": "true",
                                   "Schedule.Interval": '"0000-2359;01;UTC"'})
-            + "    fallback: { destination: { type: file, path: ./other.log } }\n")
-        shown = {name.split("{")[0] for name in self.metrics(agent)}
+            for number, destination in enumerate(destinations))
+        agent = self.start_monitored(
+            streams + "    fallback: { destination: { type: file, path: ./other.log } }\n")
         documented = set(re.findall(r"^\| `(orlo_\w+)`", PAGE.read_text(), re.MULTILINE))
-        # Those of sources and destinations differ by type.
-        ends = re.compile(r"orlo_(source|destination)_")
-        self.assertEqual({one for one in shown if not ends.match(one)},
-                         {one for one in documented if not ends.match(one)})
-        self.assertLessEqual({one for one in shown if ends.match(one)}, documented)
+
+        def shown():
+            return {name.split("{")[0] for name in self.metrics(agent)}
+        support.wait_until(lambda: len(self.status(agent)["streams"]) == len(destinations),
+                           "a look at every stream")
+        self.assertEqual(shown(), documented)
 
     def test_prometheus_scrapes_the_agent(self):
         agent = self.start_one()
@@ -74,7 +83,7 @@ class Prometheus(MonitorTest):
         (self.directory / "prometheus.yml").write_text(
             "scrape_configs:\n  - job_name: orlo\n    scrape_interval: 1s\n    static_configs:\n"
             f'      - targets: ["127.0.0.1:{self.monitor_port(agent)}"]\n')
-        port = free_port()
+        port = self.refusing_port().number
         log = open(self.directory / "prometheus.log", "wb")
         self.addCleanup(log.close)
         process = subprocess.Popen(

@@ -75,12 +75,15 @@ def as_named(path):
 class RefusingPort:
     """A port that is taken and on which nobody listens: connections to it are refused, until a
     receiver opens it. A port that was merely free could become another test's in the meantime. A
-    program that takes its port with SO_REUSEADDR can listen there as well."""
+    program that takes its port with SO_REUSEADDR can listen there as well.
 
-    def __init__(self):
+    A second one on the number of a first keeps the port when the first one's receiver is gone. It
+    has to be made before that listens."""
+
+    def __init__(self, number=0):
         self._socket = socket.socket()
         self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        self._socket.bind(("127.0.0.1", 0))
+        self._socket.bind(("127.0.0.1", number))
         self.number = self._socket.getsockname()[1]
 
     def take(self):
@@ -277,8 +280,8 @@ class AgentTest(unittest.TestCase):
         self.addCleanup(agent.close)
         return agent
 
-    def refusing_port(self):
-        port = RefusingPort()
+    def refusing_port(self, number=0):
+        port = RefusingPort(number)
         self.addCleanup(port.close)
         return port
 

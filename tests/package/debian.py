@@ -158,11 +158,13 @@ class DebianPackage(support.AgentTest):
             "/etc/orlo-agent/agent.yaml"])
 
     def install_under_systemd(self, root, package):
-        """Installs it where systemd seems to run; returns with what it was called."""
+        """Installs it where systemd seems to run and can't restart the agent; returns with what it
+        was called."""
         called = root.path / "tmp" / "called"
         systemctl = root.path / "usr" / "bin" / "systemctl"
         self.assertFalse(systemctl.exists(), "the smallest system has none")
-        systemctl.write_text('#!/bin/sh\necho "$@" >> /tmp/called\n')
+        systemctl.write_text('#!/bin/sh\necho "$@" >> /tmp/called\n'
+                             'case "$*" in *restart*) exit 1;; esac\n')
         systemctl.chmod(0o755)
         policy = root.path / "usr" / "sbin" / "policy-rc.d"
         text = policy.read_text()
