@@ -11,7 +11,8 @@ namespace OrloAgent {
 std::error_code SyncFile(const std::filesystem::path& file);
 
 // Returns when the names of the directory's entries are; at once where the system has no such call
-// (Windows, whose file system keeps a journal of them). The empty path is the current directory.
+// (Windows, whose file system keeps a journal of them), or the file system has none. The empty path
+// is the current directory.
 std::error_code SyncDirectory(const std::filesystem::path& directory);
 
 }  // namespace OrloAgent

@@ -242,6 +242,11 @@ void RotatedFiles::Compress(const fs::path& plain) {
     }
     if (!error) {
       RemovePlain(plain, error);
+      if (error) {
+        LogFacade::Warn(m_log, "The file %s is compressed, but can't be removed (%s).",
+                        ToText(plain), error.message());
+      }
+      return;
     }
   } else if (problem.empty()) {
     fs::remove(unfinished, error);

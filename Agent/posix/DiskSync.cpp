@@ -24,7 +24,10 @@ std::error_code Sync(const char* path, int flags) {
 std::error_code SyncFile(const std::filesystem::path& file) { return Sync(file.c_str(), 0); }
 
 std::error_code SyncDirectory(const std::filesystem::path& directory) {
-  return Sync(directory.empty() ? "." : directory.c_str(), O_DIRECTORY);
+  const std::error_code error = Sync(directory.empty() ? "." : directory.c_str(), O_DIRECTORY);
+  // The answers of file systems that have no such call, as some that come over a network.
+  const bool isMissing = error == std::errc::invalid_argument || error == std::errc::not_supported;
+  return isMissing ? std::error_code() : error;
 }
 
 }  // namespace OrloAgent

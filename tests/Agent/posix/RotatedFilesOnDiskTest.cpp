@@ -26,7 +26,9 @@ std::mutex syncLock;
 // The names of what was brought to the disk, each with what lay in its directory then.
 std::vector<std::pair<std::string, std::vector<std::string>>>
     synced;  // NOLINT(cert-err58-cpp): a vector without elements
-bool failing = false;
+// What is answered, in place of the system's own answer.
+int fileError = 0;
+int directoryError = 0;
 
 std::vector<std::string> List(const fs::path& directory) {
   std::vector<std::string> names;
@@ -43,10 +45,10 @@ extern "C" int fsync(int descriptor) {
   std::error_code error;
   const fs::path path = fs::read_symlink("/proc/self/fd/" + std::to_string(descriptor), error);
   const std::lock_guard guard(syncLock);
-  synced.emplace_back(path.filename().string(),
-                      List(fs::is_directory(path) ? path : path.parent_path()));
-  if (failing) {
-    errno = EIO;
+  const bool isDirectory = fs::is_directory(path);
+  synced.emplace_back(path.filename().string(), List(isDirectory ? path : path.parent_path()));
+  if (const int answer = isDirectory ? directoryError : fileError; answer != 0) {
+    errno = answer;
     return -1;
   }
   return static_cast<int>(syscall(SYS_fsync, descriptor));
@@ -61,7 +63,20 @@ class RotatedFilesOnDiskTest : public testing::Test {
     m_options.compress = true;
     const std::lock_guard guard(syncLock);
     synced.clear();
-    failing = false;
+    fileError = directoryError = 0;
+  }
+
+  void Answer(int forFiles, int forDirectories) {
+    const std::lock_guard guard(syncLock);
+    fileError = forFiles;
+    directoryError = forDirectories;
+  }
+
+  bool Warns(const std::string& text) {
+    const std::string path = (m_directory.Path() / kPlain).string();
+    return TestSupport::WaitUntil([&] {
+      return m_messages.Count(WindowsAgentCommon::LogLevel::Warn, "The file " + path + text) == 1;
+    });
   }
 
   TestSupport::LogCapture m_messages;
@@ -83,19 +98,30 @@ TEST_F(RotatedFilesOnDiskTest, ACompressedFileAndThenItsNameAreOnTheDiskBeforeTh
 }
 
 TEST_F(RotatedFilesOnDiskTest, AFileThatCanNotBeBroughtToTheDiskStaysPlain) {
-  {
-    const std::lock_guard guard(syncLock);
-    failing = true;
-  }
+  Answer(EIO, 0);
   const RotatedFiles files(m_directory.Path() / "events.log", m_options, "S");
-  const std::string path = (m_directory.Path() / kPlain).string();
-  ASSERT_TRUE(TestSupport::WaitUntil([&] {
-    return m_messages.Count(WindowsAgentCommon::LogLevel::Warn,
-                            "The file " + path +
-                                " can't be compressed (Input/output error); it stays as it is for "
-                                "now.") == 1;
-  }));
+  EXPECT_TRUE(Warns(" can't be compressed (Input/output error); it stays as it is for now."));
   EXPECT_EQ(List(m_directory.Path()), std::vector<std::string>{kPlain});
+}
+
+TEST_F(RotatedFilesOnDiskTest, WhereDirectoriesAreNotBroughtToTheDiskThePlainFileGoesAllTheSame) {
+  for (const int error : {EINVAL, ENOTSUP}) {
+    Answer(0, error);
+    std::ofstream(m_directory.Path() / kPlain) << "precious\n";
+    const RotatedFiles files(m_directory.Path() / "events.log", m_options, "S");
+    EXPECT_TRUE(TestSupport::WaitUntil([&] {
+      return List(m_directory.Path()) == std::vector{std::string(kPlain) + ".gz"};
+    })) << error;
+    fs::remove(m_directory.Path() / (std::string(kPlain) + ".gz"));
+  }
+}
+
+TEST_F(RotatedFilesOnDiskTest, APlainFileThatHasToStayIsSaidToBeCompressed) {
+  Answer(0, EIO);
+  const RotatedFiles files(m_directory.Path() / "events.log", m_options, "S");
+  const std::string plain = kPlain;
+  EXPECT_TRUE(Warns(" is compressed, but can't be removed (Input/output error)."));
+  EXPECT_EQ(List(m_directory.Path()), (std::vector{plain, plain + ".gz"}));
 }
 
 }  // namespace OrloAgent
