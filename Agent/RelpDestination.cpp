@@ -5,6 +5,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <utility>
 
 #include "Agent/RelpFrames.h"
 #include "Agent/TcpConnection.h"
@@ -177,7 +178,12 @@ bool RelpDestination::OpenSession() {
   if (!AwaitOpen()) {
     return false;
   }
-  m_report.OnUp();
+  // A receiver that takes connections and refuses events is not there again.
+  if (GetUnsentEvents() == 0) {
+    m_report.OnUp();
+  } else {
+    m_report.OnUpForNow();
+  }
   m_lastAnswer = steady_clock::now();
   return true;
 }
@@ -306,7 +312,9 @@ bool RelpDestination::AcknowledgeEvent(const RelpFrame& frame, const RelpAnswer&
     return false;
   }
   m_window.Acknowledge(event);
-  m_anyAcknowledged = true;
+  if (!std::exchange(m_anyAcknowledged, true)) {
+    m_report.OnWorks();
+  }
   m_pause = kShortestPause;
   m_lastAnswer = steady_clock::now();
   return true;

@@ -339,15 +339,24 @@ ConnectionReport::ConnectionReport(const WindowsAgentCommon::Log& log, const End
     : m_log(log), m_target(ToText(target)), m_downSince(steady_clock::now()) {}
 
 void ConnectionReport::OnUp() {
+  OnUpForNow();
+  OnWorks();
+}
+
+void ConnectionReport::OnUpForNow() {
   m_isUp = true;
   ++m_made;
+  if (!m_reasons.HasBegun()) {
+    LogFacade::Info(m_log, "Connected to %s.", m_target);
+  }
+}
+
+void ConnectionReport::OnWorks() {
   if (m_reasons.HasBegun()) {
     const auto away = std::chrono::duration<double>(steady_clock::now() - m_downSince);
     LogFacade::Info(m_log, "Connected to %s again after %.1f s.", m_target, away.count());
-  } else {
-    LogFacade::Info(m_log, "Connected to %s.", m_target);
+    m_reasons.End();
   }
-  m_reasons.End();
 }
 
 void ConnectionReport::OnDown(const std::string& reason) {

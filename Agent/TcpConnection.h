@@ -114,12 +114,18 @@ class TcpConnection {
 };
 
 // Tells the administrator, once per change, that a receiver can't be reached, why not if that
-// changes meanwhile, and that it is there again.
+// changes meanwhile, and that it is there again. An outage ends with OnUp, or, for a receiver that
+// proves by more than a connection that it works, with OnWorks.
 class ConnectionReport {
  public:
   ConnectionReport(const WindowsAgentCommon::Log& log, const Endpoint& target);
 
+  // There is a connection.
   void OnUp();
+  // The same, but what was the matter may come again at once: the outage goes on until OnWorks, and
+  // only the connection before any outage is told.
+  void OnUpForNow();
+  void OnWorks();
   void OnDown(const std::string& reason);
 
   // How often each of them was so, and what the connection has counted. Any thread.

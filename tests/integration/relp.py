@@ -182,6 +182,10 @@ class Relp(support.AgentTest):
         self.assertEqual(agent.stop(), 0)
         self.assertEqual(agent.summary(), (2, 0, 0, 0))
         self.assertEqual(receiver.events(), [b"one", b"one", b"one", b"two"])
+        # One outage, however often there was a connection in it.
+        said = [line for line in agent.lines if "Connected to" in line or "can't be reached" in line]
+        self.assertEqual(len(said), 3, said)
+        self.assertIn("again after", said[2])
 
     def expect_refusal(self, answer, reason):
         receiver = self.relp_receiver(answer)
