@@ -170,8 +170,8 @@ class Reload(ReloadTest):
         self.assertEqual(agent.stop(), 0)
 
     def test_a_stop_during_a_reload_delivers_what_the_sources_have_read(self):
-        config = self.two_streams()
-        agent = self.start(config)
+        # The section that ends is the one that decides how long that takes: longer than to stop.
+        agent = self.start(self.two_streams(20))
         client = Client(agent.port("Changing"), b"one")
         support.wait_until(lambda: len(client.sent) > 100, "load")
         self.two_streams(9)
@@ -181,6 +181,7 @@ class Reload(ReloadTest):
         self.assertEqual(agent.stop(), 0)
         self.assertEqual(self.changing.wait_for_lines(len(sent)), sent)
         self.assertEqual(agent.summary("Changing"), (len(sent), 0, 0, 0))
+        self.assertFalse(agent.find("was read again"))
 
     def test_the_standard_input_goes_on_with_the_line_that_it_was_in(self):
         config = self.configure(self.stream("{ type: stdin }", "{ type: file, path: out.log }"))

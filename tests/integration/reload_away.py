@@ -136,7 +136,8 @@ class ReloadAway(ReloadTest):
     def test_a_stop_in_the_middle_is_obeyed(self):
         port = self.refusing_port()
         # What its sender holds at the stop is left to the end of the process.
-        agent = self.start(self.configure_stream(support.syslog_target(port.number), drain="10s"),
+        # The section that ends is the one that decides how long that takes: longer than to stop.
+        agent = self.start(self.configure_stream(support.syslog_target(port.number), 15, drain="10s"),
                            abandons=True)
         client = Client(agent.port(), b"one")
         support.wait_until(lambda: self.cached() > 0, "cached events")
