@@ -168,7 +168,7 @@ std::unique_ptr<RunningStream> StreamExchange::Make(const StreamOptions& wanted,
 }
 
 std::unique_ptr<RunningStream> StreamExchange::TryMake(const StreamOptions& options,
-                                                       const StreamOptions* before,
+                                                       const StreamOptions* next,
                                                        const AgentOptions& common,
                                                        std::string& problem) {
   Leftover& left = m_left[options.name];
@@ -185,7 +185,7 @@ std::unique_ptr<RunningStream> StreamExchange::TryMake(const StreamOptions& opti
   }
   if (made) {
     // It may have begun to send what was left to it. Asked to stop, it stays for that.
-    made->BeginToLeave(before, common.shutdown);
+    made->BeginToLeave(next, common.shutdown);
     if (!BringToRest({made.get()})) {
       made->StayAndStopSources();
       return made;

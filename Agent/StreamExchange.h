@@ -57,8 +57,8 @@ class StreamExchange {
   void Close(RunningStream& stream, const StreamOptions* successor);
   std::unique_ptr<RunningStream> Make(const StreamOptions& wanted, const StreamOptions* before,
                                       const AgentOptions& common);
-  // Null if it can't be made; `problem` says why.
-  std::unique_ptr<RunningStream> TryMake(const StreamOptions& options, const StreamOptions* before,
+  // Null if it can't be made; `problem` says why. `next` is what is tried then.
+  std::unique_ptr<RunningStream> TryMake(const StreamOptions& options, const StreamOptions* next,
                                          const AgentOptions& common, std::string& problem);
 
   const Surroundings m_surroundings;
