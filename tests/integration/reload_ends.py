@@ -143,6 +143,28 @@ class ReloadEnds(ReloadTest):
         self.assertEqual(agent.stop(), 0)
         self.wait_for_output(events, self.directory / "fallback.log")
 
+    def test_a_fallback_that_is_in_use_goes_on_with_the_next_stream(self):
+        port = self.refusing_port()
+        target = support.syslog_target(port.number)
+        fallback = ("    fallback: { after: 1s, retry: 1s, "
+                    "destination: { type: file, path: fallback.log } }\n")
+        agent = self.start(self.configure_stream(destination=target, more=fallback))
+        events = support.numbered(0, 600)
+        support.send(agent.port(), support.as_lines(events[:200]))
+        self.wait_for_output(events[:200], self.directory / "fallback.log")
+        self.configure_stream(destination=target, more=fallback, period=6)
+        self.reload_changed(agent)
+        support.send(agent.port(), support.as_lines(events[200:400]))
+        self.wait_for_output(events[:400], self.directory / "fallback.log")
+        receiver = self.receiver(port)
+        support.send(agent.port(), support.as_lines(events[400:]))
+        self.assertEqual(receiver.wait_for_lines(200), events[400:])
+        agent.wait_for("The destination sends again; 400 events went to the fallback")
+        self.assertEqual(agent.stop(), 0)
+        self.wait_for_output(events[:400], self.directory / "fallback.log")
+        told = [line for line in agent.lines if "events go to the fallback until" in line]
+        self.assertEqual(len(told), 1, told)
+
     def test_a_relp_session_goes_on_with_the_next_stream(self):
         receiver = RelpReceiver(take)
         self.addCleanup(receiver.close)
@@ -177,6 +199,68 @@ class ReloadEnds(ReloadTest):
         self.assertEqual(agent.stop(), 0)
         self.wait_for_output(sent)
         self.assertEqual(len([line for line in agent.lines if "Listening on tcp" in line]), 1)
+
+    def stop_a_stream_by_a_reload(self):
+        """An agent whose stream can be made neither anew nor as it was before, and a client of its
+        source, which waits."""
+        agent = self.start(self.configure_stream())
+        client = Client(agent.port(), b"one")
+        support.wait_until(lambda: self.output.exists() and self.output.read_bytes(), "an event")
+        self.output.rename(self.directory / "before.log")
+        self.output.mkdir()
+        self.configure_stream(destination="{ type: file, path: out.log/., send_timeout: 6s }")
+        self.reload_changed(agent)
+        self.assertTrue(agent.find("Stream Default does not run"), agent.lines)
+        return agent, client
+
+    def test_a_source_whose_stream_does_not_run_waits_until_it_does(self):
+        agent, client = self.stop_a_stream_by_a_reload()
+        self.output.rmdir()
+        self.configure_stream(period=6)
+        self.reload(agent, "0 were changed, 1 added")
+        before = len(client.sent)
+        support.wait_until(lambda: len(client.sent) > before + 100, "more load")
+        sent = client.end()
+        self.assertIsNone(client.failure)
+        self.assertEqual(agent.stop(), 0)
+        self.assertEqual((self.directory / "before.log").read_bytes() + self.output.read_bytes(),
+                         support.as_lines(sent))
+
+    def test_a_stream_that_does_not_run_is_removed(self):
+        agent, client = self.stop_a_stream_by_a_reload()
+        self.configure(self.stream(support.SYSLOG_SOURCE, "{ type: file, path: more.log }",
+                                   name="More"))
+        self.reload(agent, "0 were changed, 1 added, 0 removed")
+        support.wait_until(lambda: client.failure, "the end of the client's connection")
+        support.send(agent.port("More"), b"after all\n")
+        self.wait_for_output([b"after all"], self.directory / "more.log")
+        self.assertEqual(agent.stop(), 0)
+
+    def test_an_agent_whose_stream_does_not_run_stops(self):
+        agent, client = self.stop_a_stream_by_a_reload()
+        self.assertEqual(agent.stop(), 0)
+        support.wait_until(lambda: client.failure, "the end of the client's connection")
+        sent = (self.directory / "before.log").read_bytes()
+        self.assertTrue(support.as_lines(client.sent).startswith(sent))
+
+    def test_a_file_that_changes_during_a_reload_is_read_once_more(self):
+        target = support.syslog_target(self.refusing_port().number)
+        agent = self.start(self.configure_stream(destination=target))
+        support.send(agent.port(), b"held\n")
+        agent.wait_for("can't be reached")
+        self.configure_stream(destination="{ type: file, path: first.log }")
+        agent.signal(signal.SIGHUP)
+        agent.wait_for("its section has changed")
+        self.configure_stream()
+        self.reload(agent)
+        support.wait_until(lambda: len([line for line in agent.lines if "was read again" in line])
+                           == 2, "both reloads")
+        support.send(agent.port(), b"after all\n")
+        support.wait_until(lambda: self.output.exists() and
+                           self.output.read_bytes().endswith(b"after all\n"), "the second file")
+        self.assertEqual(agent.stop(), 0)
+        self.assertEqual((self.directory / "first.log").read_bytes() + self.output.read_bytes(),
+                         b"held\nafter all\n")
 
     def test_the_end_of_the_input_during_a_reload_does_not_end_an_agent_with_a_new_source(self):
         config = self.configure_stream("{ type: stdin }")

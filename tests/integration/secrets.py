@@ -146,7 +146,7 @@ class Secrets(support.AgentTest):
         self.configure(self.stream(support.SYSLOG_SOURCE,
                                    '{ type: syslog, target: "${file:password.txt}" }'))
         agent.signal(signal.SIGHUP)
-        agent.wait_for("has 1 mistakes")
+        agent.wait_for("has 1 mistake and")
         self.assertEqual(agent.stop(), 0)
         text = self.expect_hidden("\n".join(agent.lines))
         self.assertIn('Invalid value "(hidden)" for DataChunkPeriod', text)
