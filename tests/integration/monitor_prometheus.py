@@ -60,8 +60,11 @@ class Prometheus(MonitorTest):
             "{ type: file, path: ./out.log, rotate: { size: 1MiB } }",
             f'{{ type: syslog, target: "tls://{away}", tls: {{ ca: "{authority.certificate}" }} }}',
             f'{{ type: syslog, target: "udp://{away}" }}',
-            f'{{ type: relp, target: "tcp://{away}" }}',
-            f'{{ type: kafka, brokers: [ "{away}" ], topic: events }}']
+            f'{{ type: relp, target: "tcp://{away}" }}']
+        # ThreadSanitizer does not know librdkafka's threads and ends the process.
+        has_kafka = "thread" not in os.environ.get("ORLO_SANITIZE", "")
+        if has_kafka:
+            destinations.append(f'{{ type: kafka, brokers: [ "{away}" ], topic: events }}')
         streams = "".join(
             self.stream(sources, destination, name=f"Stream{number}",
                         settings={"Schedule.Enable": "true",
@@ -75,7 +78,9 @@ class Prometheus(MonitorTest):
             return {name.split("{")[0] for name in self.metrics(agent)}
         support.wait_until(lambda: len(self.status(agent)["streams"]) == len(destinations),
                            "a look at every stream")
-        self.assertEqual(shown(), documented)
+        self.assertLessEqual(shown(), documented)
+        if has_kafka:
+            self.assertEqual(shown(), documented)
 
     def test_prometheus_scrapes_the_agent(self):
         agent = self.start_one()
