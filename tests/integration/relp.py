@@ -93,11 +93,15 @@ class Relp(support.AgentTest):
         agent = self.start_agent(receiver.port)
         events = support.numbered(0, 200)
         support.send(agent.port(), support.as_lines(events))
-        support.wait_until(lambda: len(receiver.events(2)) == 170, "the rest")
+        support.wait_until(lambda: receiver.events(2)[-1:] == events[-1:], "the rest")
         self.assertEqual(agent.stop(), 0)
         self.assertEqual(agent.summary(), (200, 0, 0, 0))
         self.assertEqual(receiver.events(1), events[:50])
-        self.assertEqual(receiver.events(2), events[30:])
+        # A connection that is closed with bytes unread takes answers with it that are on their way:
+        # of the 30 some may come again, never one of the rest less.
+        again = receiver.events(2)
+        self.assertGreaterEqual(len(again), 170)
+        self.assertEqual(again, events[-len(again):])
 
     def test_a_full_window_holds_events_and_sends_no_more_than_it(self):
         gate = threading.Event()
