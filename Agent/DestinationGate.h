@@ -30,8 +30,7 @@ namespace OrloAgent {
 //   sender waits, the stage brings nothing from its cache: all that is kept is older than what is
 //   cached.
 // - Stop, then TakeLeft: what is left goes to the gate of the stream that follows, which delivers
-// it
-//   before anything else. The destination is not stopped: whoever takes it decides about it.
+//   it before anything else. The destination is not stopped: whoever takes it decides about it.
 //
 // Until Stop, Pass takes all of that back.
 //

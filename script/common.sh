@@ -49,7 +49,10 @@ start_wine() {
   mkfifo "$WINEPREFIX/idle"
   wine cmd < "$WINEPREFIX/idle" > /dev/null 2>&1 &
   exec 8> "$WINEPREFIX/idle"
-  # The server may have ended by itself, which -k calls a failure; the script's exit code is that of
-  # its last command and must not become this one.
-  trap 'exec 8>&-; wineserver -k || true' EXIT
+  trap 'exec 8>&-; end_wine wineserver' EXIT
+}
+
+# end_wine COMMAND...: ends the server by the command that calls it, which fails if there is none.
+end_wine() {
+  "$@" -k || note "Wine's server had ended by itself"
 }

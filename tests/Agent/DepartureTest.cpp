@@ -27,6 +27,12 @@ class DepartureTest : public testing::Test {
     return std::nullopt;
   }
 
+  void DeliverFor(seconds time) {
+    Departure::Limits limits = kLimits;
+    limits.deliver = time;
+    m_departure = Departure(limits, m_now);
+  }
+
   static constexpr Departure::Limits kLimits{.chunkPeriod = seconds(5),
                                              .processingPeriod = milliseconds(500),
                                              .patience = seconds(1),
@@ -70,9 +76,7 @@ TEST_F(DepartureTest, ADestinationThatIsAwayIsNotWaitedForOnceTheStageHasDecided
 }
 
 TEST_F(DepartureTest, WhatTheStageHasNotDecidedAboutIsWaitedForBeyondTheTimeForDelivery) {
-  Departure::Limits limits = kLimits;
-  limits.deliver = seconds(1);
-  m_departure = Departure(limits, m_now);
+  DeliverFor(seconds(1));
   m_report.undecided = m_report.held = 5;
   ASSERT_TRUE(TimeUntil(Step::Keep, seconds(2)));
   EXPECT_FALSE(TimeUntil(Step::Leave, seconds(4)));
@@ -91,9 +95,7 @@ TEST_F(DepartureTest, AStageThatNeverDecidesIsLeftLate) {
 }
 
 TEST_F(DepartureTest, WhereTheSumNeverComesOutEvenTheSenderIsWaitedForAllTheSame) {
-  Departure::Limits limits = kLimits;
-  limits.deliver = seconds(10);
-  m_departure = Departure(limits, m_now);
+  DeliverFor(seconds(10));
   m_report.undecided = 5;
   m_report.accepted = m_report.held = 10;
   EXPECT_FALSE(TimeUntil(Step::Leave, seconds(45)));
@@ -110,14 +112,12 @@ TEST_F(DepartureTest, AStageThatDecidesLateIsNotLeftLate) {
   m_report.undecided = 0;
   m_isHeld = true;
   EXPECT_TRUE(TimeUntil(Step::Leave, seconds(1)));
-  EXPECT_TRUE(m_departure.Look(m_report, m_isHeld, m_now) == Step::Leave);
+  EXPECT_EQ(m_departure.Look(m_report, m_isHeld, m_now), Step::Leave);
   EXPECT_FALSE(m_departure.IsLate());
 }
 
 TEST_F(DepartureTest, ASenderThatHoldsEventsIsWaitedForUntilItComesBack) {
-  Departure::Limits limits = kLimits;
-  limits.deliver = seconds(1);
-  m_departure = Departure(limits, m_now);
+  DeliverFor(seconds(1));
   m_report.accepted = m_report.held = 10;
   EXPECT_FALSE(TimeUntil(Step::Leave, seconds(31)));
   m_isHeld = true;

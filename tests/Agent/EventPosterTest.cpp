@@ -4,6 +4,7 @@
 
 #include "OrloStream/StreamManager.h"
 #include "WindowsAgentCommon/MessageBlockPtr.h"
+#include "tests/Agent/BareStream.h"
 #include "tests/support/LogCapture.h"
 
 namespace OrloAgent {
@@ -30,10 +31,7 @@ class Gatekeeper : public WindowsAgentCommon::OrloTask {
 class EventPosterTest : public testing::Test {
  protected:
   EventPosterTest() {
-    OrloStream::StreamDefinition definition;
-    definition.name = L"S";
-    definition.destination = std::make_unique<Gatekeeper>(m_takes);
-    m_gate.Open(m_manager.Create(std::move(definition)));
+    m_gate.Open(m_manager.Create(TestSupport::BareStream(std::make_unique<Gatekeeper>(m_takes))));
   }
 
   EventPoster MakePoster(Untaken untaken) {

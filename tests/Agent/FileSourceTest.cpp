@@ -8,6 +8,7 @@
 #include "Agent/PathText.h"
 #include "OrloStream/StreamManager.h"
 #include "WindowsAgentCommon/MessageBlockPtr.h"
+#include "tests/Agent/BareStream.h"
 #include "tests/support/Events.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -62,10 +63,7 @@ class OutputTask : public WindowsAgentCommon::OrloTask {
 class FileSourceTest : public testing::Test {
  protected:
   FileSourceTest() {
-    OrloStream::StreamDefinition definition;
-    definition.name = L"S";
-    definition.destination = std::make_unique<OutputTask>(m_output);
-    m_stream = &m_manager.Create(std::move(definition));
+    m_stream = &m_manager.Create(TestSupport::BareStream(std::make_unique<OutputTask>(m_output)));
   }
 
   std::unique_ptr<FileSource> MakeSource() const {

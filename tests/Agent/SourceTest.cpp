@@ -7,6 +7,7 @@
 
 #include "OrloStream/StreamManager.h"
 #include "WindowsAgentCommon/MessageBlockPtr.h"
+#include "tests/Agent/BareStream.h"
 #include "tests/support/Events.h"
 #include "tests/support/LogCapture.h"
 
@@ -66,10 +67,8 @@ class EagerSource : public OrloAgent::Source {
 class SourceTest : public testing::Test {
  protected:
   OrloStream::Stream& MakeStream(const std::wstring& name, std::atomic<int>& count) {
-    OrloStream::StreamDefinition definition;
-    definition.name = name;
-    definition.destination = std::make_unique<CountingDestination>(count);
-    return m_manager.Create(std::move(definition));
+    return m_manager.Create(
+        TestSupport::BareStream(std::make_unique<CountingDestination>(count), name));
   }
 
   OrloStream::StreamManager m_manager{"."};

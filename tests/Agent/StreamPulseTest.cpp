@@ -19,7 +19,7 @@ class StreamPulseTest : public testing::Test {
   StreamReport m_report;
 };
 
-TEST_F(StreamPulseTest, AStreamWithNothingToDoIsWell) {
+TEST_F(StreamPulseTest, AnIdleStreamIsWell) {
   EXPECT_EQ(LookAfter(seconds(0)), State::Well);
   EXPECT_EQ(LookAfter(seconds(100)), State::Well) << "before its first event";
   m_report.posted = m_report.accepted = m_report.sent = 7;

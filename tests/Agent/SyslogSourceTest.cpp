@@ -12,6 +12,7 @@
 #include "OrloStream/StreamManager.h"
 #include "WindowsAgentCommon/Exceptions.h"
 #include "WindowsAgentCommon/MessageBlockPtr.h"
+#include "tests/Agent/BareStream.h"
 #include "tests/support/Events.h"
 #include "tests/support/LogCapture.h"
 
@@ -57,9 +58,7 @@ class SyslogSourceTest : public testing::Test {
  protected:
   void Start(SyslogSourceOptions options = {}) {
     options.listen.host = options.listen.host.empty() ? "127.0.0.1" : options.listen.host;
-    OrloStream::StreamDefinition definition;
-    definition.name = L"S";
-    definition.destination = std::make_unique<CollectingDestination>(m_collected);
+    auto definition = TestSupport::BareStream(std::make_unique<CollectingDestination>(m_collected));
     auto source = std::make_unique<SyslogSource>(options);
     m_source = source.get();
     definition.sources.push_back(std::move(source));

@@ -72,6 +72,13 @@ class Coverage:
     def add_programs(self, programs):
         sources = set().union(*(in_sources(directory) for _, directory in programs))
         cases = [case for program, _ in programs for case in in_program(program)]
+        for name in self.listed.keys() - self.known:
+            within = lists.TESTS.parent / name
+            if within.is_dir():
+                tests = in_sources(within)
+                self.known.add(name)
+                self.left_out[name] = len(tests)
+                sources -= tests
         self.known |= sources | {case for _, case in cases}
         self.missing += sources - {name for name, _ in cases} - self.listed.keys()
         self.run += sum(not self.listed.keys() & set(case) for case in cases)
