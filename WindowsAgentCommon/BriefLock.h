@@ -7,8 +7,8 @@ namespace WindowsAgentCommon {
 
 // A lock for a few instructions that hardly ever meet those of another thread: one atomic operation
 // to take it, a plain store to give it, and a byte of memory. Who has to wait gives its processor
-// away until the lock is free; so nothing that may block is done with it held, except where the two
-// hardly ever meet.
+// away again and again until the lock is free. So nothing that may block is done with it held, but
+// for what comes once at a start, as a declaration that allocates.
 class BriefLock {
  public:
   void lock() {

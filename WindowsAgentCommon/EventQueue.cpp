@@ -155,15 +155,15 @@ int EventQueue::wait_not_empty_cond(ACE_Time_Value* timeout) {
     }
     const bool gathers = m_takenInARow >= kManyInARow;
     m_takenInARow = 0;
-    if (gathers && !WaitForMany(timeout)) {
-      continue;
-    }
-    const bool inTime = gathers || WaitForOne(timeout);
-    if (inTime && state_ != ACE_Message_Queue_Base::ACTIVATED) {
+    const int stateBefore = state_;
+    const bool isWoken = gathers ? WaitForMany(timeout) : WaitForOne(timeout);
+    // The queue may have been closed after the time had passed and before the lock was had again;
+    // nobody would wake the next wait then.
+    if (state_ != ACE_Message_Queue_Base::ACTIVATED && (isWoken || state_ != stateBefore)) {
       errno = ESHUTDOWN;
       return -1;
     }
-    if (!inTime) {
+    if (!isWoken && !gathers) {
       ReturnBatch();
       if (head_ != nullptr) {
         return 0;
@@ -183,7 +183,7 @@ bool EventQueue::WaitForOne(ACE_Time_Value* timeout) {
   return result != -1;
 }
 
-// False if the time for gathering, or all of it, has passed.
+// False if the time for gathering has passed, or `timeout` before it.
 bool EventQueue::WaitForMany(ACE_Time_Value* timeout) {
   ACE_Time_Value until = ACE_OS::gettimeofday() + ACE_Time_Value(0, kGatherTime);
   if (timeout != nullptr) {

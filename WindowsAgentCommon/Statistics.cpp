@@ -15,9 +15,10 @@ namespace {
 
 thread_local std::string currentInstance;
 
-// Updates of numbers take one brief lock, and whoever looks holds it for the numbers only: what has
-// to be allocated for a reader is so with the other lock held. The values live in one vector in the
-// order of declaration; the index finds them by name without making a string.
+// Updates of numbers take m_lock only, and whoever looks takes it while the numbers are copied:
+// what a reader needs is allocated before, with m_declarationLock held, which keeps the entries
+// where they are. The values live in one vector in the order of declaration; the index finds them
+// by name without making a string.
 class StatisticsGroup : public IStatisticsGroup {
  public:
   StatisticsGroup(std::string name, std::string categoryPath, std::string instance)

@@ -154,10 +154,10 @@ std::int64_t StageRun::CountChunks() const {
     }
     throw std::runtime_error("the stage has no gauge " + name);
   };
-  while (read("EventsNear") < m_posted) {
+  while (read("EventsNear") + read("EventsFar") < m_posted) {
     std::this_thread::yield();
   }
-  return read("ChunksNear");
+  return read("ChunksNear") + read("ChunksFar");
 }
 
 std::chrono::duration<double> GetProcessorTime() {

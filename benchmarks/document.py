@@ -5,13 +5,18 @@ import pathlib
 import platform
 import re
 import subprocess
+import sys
 
 
 def replace(path, mark, text):
     """Puts the text between the marks "<!-- MARK -->" and "<!-- end of MARK -->" of a file."""
-    path.write_text(re.sub(rf"(<!-- {mark} -->\n).*?(<!-- end of {mark} -->)",
-                           lambda found: found[1] + text + "\n" + found[2], path.read_text(),
-                           flags=re.DOTALL))
+    changed, places = re.subn(rf"(<!-- {mark} -->\n).*?(<!-- end of {mark} -->)",
+                              lambda found: found[1] + text + "\n" + found[2], path.read_text(),
+                              flags=re.DOTALL)
+    if places != 1:
+        sys.exit(f"{path} has {places} places that are marked {mark}, in place of one; not written:\n"
+                 f"{text}")
+    path.write_text(changed)
 
 
 def machine():
@@ -32,5 +37,5 @@ def version_of(command, environment=None):
         said = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
                               env=environment, check=False, timeout=30).stdout.strip()
     except OSError as error:
-        said = str(error)
+        said = f"a program that does not run ({error.strerror})"
     return said.split("\n")[0].split(" (aka")[0].strip() or "a program without a version"

@@ -68,11 +68,11 @@ def rows(times, counters):
                 "AskScheduleAgain", "ReadSystemClock", "")
     yield ratio("counting an event, time by that of a std::map look-up",
                 "CountEvent/threads:1", "LookUpStatisticInMap", "at most 2")
-    yield ratio("counting a posted event, which several threads may do at once, by the same",
+    yield ratio("counting a posted event, which several threads may do at once, by a look-up",
                 "CountEventTogether/threads:1", "LookUpStatisticInMap", "at most 2")
-    yield ratio("the same from 8 threads with a profile each, by one thread (processor time)",
+    yield ratio("counting events from 8 threads with a profile each, by one thread (processor time)",
                 "CountEvent/threads:8", "CountEvent/threads:1", "at most 1")
-    yield ratio("the same from 8 threads with one profile, by one thread (processor time)",
+    yield ratio("counting posted events from 8 threads, by one thread (processor time)",
                 "CountEventTogether/threads:8", "CountEventTogether/threads:1", "at most 1")
     for chunks in (10, 100, 1000, 10000, 100000):
         counted = counters[f"ScanEmptyAndPop/{chunks}"]

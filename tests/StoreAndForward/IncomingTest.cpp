@@ -241,10 +241,12 @@ TEST_F(IncomingLoop, EventsOfOnePeriodArriveAsOneChunk) {
   EXPECT_TRUE(
       m_harness.Log().Contains(LogLevel::Debug, kIncomingLogger,
                                "Processing accepted for message block (near). (100 records)"));
+  ExpectGauges({{"IncomingRunning", 1}});
   m_harness.Stop();
   EXPECT_EQ(m_harness.ChunkFiles(), 0u);
   EXPECT_EQ(Statistic("OutgoingHandlerRejects"), 0);
   ExpectGauges({{"ChunksNear", 1}, {"EventsNear", 100}, {"ChunkEvents", 0}, {"ChunksSpilled", 0}});
+  ExpectGauges({{"IncomingRunning", 0}});
   m_harness.ExpectSum(0, 0);
   EXPECT_TRUE(m_harness.Allocators().NothingAlive());
 }
@@ -462,12 +464,26 @@ TEST_F(IncomingLoop, StopBeforeTheChunkIsDueAbandonsIt) {
 TEST_F(IncomingLoop, StopAfterTheChunkBecameDuePushesItToDisk) {
   // The stop must come between the moment at which the chunk's period has passed and the next look
   // at the clock. A processing period of a minute keeps the loop waiting in between.
+  std::atomic<bool> asked{false};
+  std::atomic<bool> answer{false};
+  m_harness.Disk().SetAnswer([&](std::uint64_t) {
+    asked = true;
+    WaitUntil([&] { return answer.load(); });
+    return true;
+  });
   m_harness.Start({{"DataProcessingPeriod", "60000000"}});
   m_harness.Post(3);
   // Well after the deadline of five seconds, well before the minute is over.
   std::this_thread::sleep_for(seconds(8));
-  m_harness.Stop();
-  ExpectGauges({{"ChunkEvents", 0}, {"ChunkAgeMilliseconds", 0}, {"EventsSpilled", 3}});
+  std::thread stopper([this] { m_harness.Stop(); });
+  EXPECT_TRUE(WaitUntil([&] { return asked.load(); }));
+  ExpectGauges({{"IncomingRunning", 1}});
+  answer = true;
+  stopper.join();
+  ExpectGauges({{"IncomingRunning", 0},
+                {"ChunkEvents", 0},
+                {"ChunkAgeMilliseconds", 0},
+                {"EventsSpilled", 3}});
   EXPECT_EQ(Statistic("EventDiskCacheAccepts"), 1);
   EXPECT_EQ(Debugs("Processing rejected for message block. Pushing to disk. (3 records)"), 1u);
   EXPECT_EQ(Statistic("OutgoingHandlerRejects"), 0);

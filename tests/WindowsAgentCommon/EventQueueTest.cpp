@@ -55,6 +55,13 @@ class WatchedQueue : public EventQueue {
   void AwaitTakers(int count) const { Await(m_takers, count); }
   void AwaitPosters(int count) const { Await(m_posters, count); }
 
+  // Keeps the lock for so long before that: who waits with a limit comes back too late to be woken.
+  void DeactivateAfter(std::chrono::milliseconds time) {
+    const ACE_Guard<ACE_Thread_Mutex> guard(lock_);
+    std::this_thread::sleep_for(time);
+    deactivate_i(0);
+  }
+
  private:
   static void Await(const std::atomic<int>& waiting, int count) {
     while (waiting < count) {
@@ -152,6 +159,18 @@ TEST(EventQueueTest, DeactivationWakesAWaitingThreadAlsoAfterABurst) {
   EventQueue queue;
   TakeManyInARow(queue);
   std::thread other([&queue] { queue.deactivate(); });
+  EXPECT_EQ(Take(queue), -1);
+  EXPECT_EQ(errno, ESHUTDOWN);
+  other.join();
+}
+
+TEST(EventQueueTest, DeactivationIsSeenAlsoWhenTheTimeForGatheringEndsJustThen) {
+  WatchedQueue queue;
+  TakeManyInARow(queue);
+  std::thread other([&queue] {
+    queue.AwaitTakers(2);
+    queue.DeactivateAfter(std::chrono::milliseconds(20));
+  });
   EXPECT_EQ(Take(queue), -1);
   EXPECT_EQ(errno, ESHUTDOWN);
   other.join();
