@@ -22,6 +22,9 @@ class AppendFile {
   // Makes the file and missing directories. Empty if it is open then, else why it is not. Requires
   // that it is closed.
   std::string Open();
+  // Makes the file where nothing is yet, not even a link, for whom the process lets read new files.
+  // Empty or the reason, and requires what Open does.
+  std::string OpenNew();
   bool IsOpen() const;
   void Close();
 

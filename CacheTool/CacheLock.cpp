@@ -11,19 +11,12 @@ CacheLock::CacheLock(const CachePlace& place, const std::string& purpose) {
     return;
   }
   const std::filesystem::path file = place.data / "agent.lock";
-  std::error_code ignored;
-  if (std::filesystem::is_symlink(std::filesystem::symlink_status(file, ignored))) {
-    throw ToolError(OrloAgent::ToText(file) + " is a link, which no agent makes");
-  }
-  const bool wasThere = std::filesystem::exists(file, ignored);
+  const OwnersRights rights(place);
   try {
     m_lock = std::make_unique<OrloAgent::FileLock>(file);
   } catch (const std::exception& exception) {
     throw ToolError(purpose +
                     " only while no agent runs, and that can't be told: " + exception.what());
-  }
-  if (!wasThere) {
-    GiveToOwnerOf(place.data, file);
   }
   if (!m_lock->IsHeld()) {
     throw ToolError(purpose +

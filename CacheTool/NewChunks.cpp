@@ -2,7 +2,9 @@
 
 #include <algorithm>
 
+#include "Agent/DiskSync.h"
 #include "Agent/PathText.h"
+#include "CacheTool/NewFile.h"
 #include "CacheTool/System.h"
 #include "CacheTool/ToolError.h"
 #include "Platform/Windows.h"
@@ -36,6 +38,20 @@ MessageBlockPtr MakeBlock(std::string_view bytes) {
   return block;
 }
 
+void Rename(const fs::path& from, const fs::path& to) {
+  std::error_code error;
+  fs::rename(from, to, error);
+  if (error) {
+    throw ToolError(ToText(from) + " can't be renamed: " + error.message());
+  }
+}
+
+void SyncNames(const fs::path& directory) {
+  if (const std::error_code error = OrloAgent::SyncDirectory(directory)) {
+    throw ToolError(ToText(directory) + " can't be brought to the disk: " + error.message());
+  }
+}
+
 }  // namespace
 
 std::string NameBehind(const std::string& file) {
@@ -52,9 +68,9 @@ std::string NameBehind(const std::string& file) {
   return file + "-000001";
 }
 
-NewChunks::NewChunks(fs::path cache, const std::optional<ListedChunk>& last,
+NewChunks::NewChunks(CachePlace place, const std::optional<ListedChunk>& last,
                      std::uint64_t chunkSize)
-    : m_cache(std::move(cache)), m_chunkSize(chunkSize), m_pageSize(GetPageSize()) {
+    : m_place(std::move(place)), m_chunkSize(chunkSize), m_pageSize(GetPageSize()) {
   if (last) {
     m_minute = last->minute;
     m_lastFile = last->file;
@@ -63,17 +79,22 @@ NewChunks::NewChunks(fs::path cache, const std::optional<ListedChunk>& last,
     m_minute = WindowsAgentCommon::ToUtf8(now.minute);
     m_lastFile = WindowsAgentCommon::ToUtf8(now.second);
   }
-  m_directory = m_cache / ToPath(m_minute);
+  m_directory = m_place.cache / ToPath(m_minute);
 }
 
 NewChunks::~NewChunks() {
-  std::error_code ignored;
-  for (const Unnamed& chunk : m_unnamed) {
-    fs::remove(chunk.written, ignored);
-  }
-  if (m_madeDirectory) {
-    // Not if there is a chunk in it.
-    fs::remove(m_directory, ignored);
+  try {
+    const OwnersRights rights(m_place);
+    std::error_code ignored;
+    for (const Unnamed& chunk : m_unnamed) {
+      fs::remove(chunk.written, ignored);
+    }
+    if (m_madeDirectory) {
+      // Not if there is a chunk in it.
+      fs::remove(m_directory, ignored);
+    }
+  } catch (const ToolError&) {
+    // A stage does not see them, and the next one that is named so removes them.
   }
 }
 
@@ -105,26 +126,22 @@ void NewChunks::WriteChunk() {
   m_gathered = 0;
   OrloStoreAndForward::WriteChunk(events, bytes.data());
 
+  const OwnersRights rights(m_place);
   std::error_code error;
-  if (fs::create_directory(m_directory, error)) {
-    m_madeDirectory = true;
-    GiveToOwnerOf(m_cache, m_directory);
-  }
-  std::error_code ignored;
-  if (!fs::is_directory(fs::symlink_status(m_directory, ignored))) {
-    throw ToolError(ToText(m_directory) +
-                    (error ? " can't be made: " + error.message() : " is no directory"));
+  m_madeDirectory = fs::create_directory(m_directory, error) || m_madeDirectory;
+  if (error) {
+    throw ToolError(ToText(m_directory) + " can't be made: " + error.message());
   }
   m_lastFile = NameBehind(m_lastFile);
   const fs::path path = m_directory / ToPath(m_lastFile + ".new");
   // Left by one that was killed.
-  fs::remove(path, ignored);
-  WriteNewFile(path, {reinterpret_cast<const char*>(bytes.data()), bytes.size()}, m_cache);
+  fs::remove(path, error);
+  WriteNewFile(path, {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
   m_unnamed.push_back({path, m_lastFile});
 }
 
-void NewChunks::TakeBack(const std::vector<std::string>& names) {
-  for (std::size_t done = 0; done < names.size(); ++done) {
+void NewChunks::TakeBack(std::size_t count) {
+  for (std::size_t done = 0; done < count; ++done) {
     std::error_code ignored;
     fs::remove(m_directory / ToPath(m_unnamed[done].file), ignored);
   }
@@ -134,26 +151,21 @@ std::vector<std::string> NewChunks::Finish() {
   if (!m_events.empty()) {
     WriteChunk();
   }
-  std::vector<std::string> names;
-  while (names.size() < m_unnamed.size()) {
-    const Unnamed& chunk = m_unnamed[names.size()];
-    std::error_code error;
-    fs::rename(chunk.written, m_directory / ToPath(chunk.file), error);
-    if (error) {
-      TakeBack(names);
-      throw ToolError(ToText(chunk.written) + " can't be renamed: " + error.message());
-    }
-    names.push_back(m_minute + "/" + chunk.file);
+  if (m_unnamed.empty()) {
+    return {};
   }
+  const OwnersRights rights(m_place);
+  std::vector<std::string> names;
   try {
-    if (!names.empty()) {
-      SyncDirectory(m_directory);
+    for (const Unnamed& chunk : m_unnamed) {
+      Rename(chunk.written, m_directory / ToPath(chunk.file));
+      names.push_back(m_minute + "/" + chunk.file);
     }
-    if (m_madeDirectory) {
-      SyncDirectory(m_cache);
-    }
+    SyncNames(m_directory);
+    // Also if the minute was there: an agent may have made it a moment ago.
+    SyncNames(m_place.cache);
   } catch (const ToolError&) {
-    TakeBack(names);
+    TakeBack(names.size());
     throw;
   }
   m_unnamed.clear();

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "CacheTool/CachePlace.h"
 #include "CacheTool/ChunkCheck.h"
 #include "CacheTool/ChunkListing.h"
 #include "WindowsAgentCommon/MessageBlockPtr.h"
@@ -20,15 +21,14 @@ std::string NameBehind(const std::string& file);
 // Chunks that are put at the end of a cache: all of them, or none.
 //
 // They are written under names with a dot, which a stage never sees, and get their names at the
-// end, the first one first. When Finish returns, a loss of power takes none of them away. A minute
-// directory or a file that is a link is not followed: the cache may be another user's. It must be
-// locked for as long as the object lives.
+// end, the first one first. When Finish returns, a loss of power takes none of them away. All that
+// is done in the cache is done with the rights of its owner. It must be locked for as long as the
+// object lives.
 class NewChunks {
  public:
   // `last` is the last chunk of the cache, if it has one. `chunkSize` is how many bytes of events
   // make a chunk; a larger event has one to itself.
-  NewChunks(std::filesystem::path cache, const std::optional<ListedChunk>& last,
-            std::uint64_t chunkSize);
+  NewChunks(CachePlace place, const std::optional<ListedChunk>& last, std::uint64_t chunkSize);
 
   // Removes what has no name yet.
   ~NewChunks();
@@ -47,10 +47,10 @@ class NewChunks {
   };
 
   void WriteChunk();
-  // Those that have their names already: all of them, or none.
-  void TakeBack(const std::vector<std::string>& names);
+  // Removes the first `count` chunks, which have their names already: all of them stay, or none.
+  void TakeBack(std::size_t count);
 
-  const std::filesystem::path m_cache;
+  const CachePlace m_place;
   std::string m_minute;
   std::string m_lastFile;
   const std::uint64_t m_chunkSize;

@@ -9,6 +9,7 @@
 #include "CacheTool/ChunkListing.h"
 #include "CacheTool/Commands.h"
 #include "CacheTool/EventText.h"
+#include "CacheTool/NewFile.h"
 #include "CacheTool/Progress.h"
 #include "CacheTool/System.h"
 #include "Platform/Windows.h"
@@ -68,18 +69,13 @@ std::string MakeNote(const fs::path& target, const ListedChunk& chunk,
 fs::path Move(const CachePlace& place, const ListedChunk& chunk, const ChunkContents& contents) {
   const fs::path directory = place.cache / kDirectory;
   std::error_code error;
-  if (fs::create_directory(directory, error)) {
-    GiveToOwnerOf(place.cache, directory);
-  }
+  fs::create_directory(directory, error);
   if (error) {
     throw ToolError(ToText(directory) + " can't be made: " + error.message());
   }
-  if (!fs::is_directory(fs::symlink_status(directory, error))) {
-    throw ToolError(ToText(directory) + " is no directory; a link is not followed");
-  }
   fs::path target = FindFreeName(directory, chunk);
   const fs::path note = NoteOf(target);
-  WriteNewFile(note, MakeNote(target, chunk, contents), place.cache);
+  WriteNewFile(note, MakeNote(target, chunk, contents));
   fs::rename(chunk.path, target, error);
   if (error) {
     std::error_code ignored;
@@ -107,6 +103,7 @@ std::vector<ListedChunk> Choose(const QuarantineOptions& options,
 
 ExitCode RunQuarantine(const QuarantineOptions& options, std::ostream& out, std::ostream&) {
   const CachePlace place = FindCache(options.place, options.stream);
+  const OwnersRights rights(place);
   const CacheLock lock(place, "Chunks can be moved away");
   std::vector<std::string> skipped;
   const std::vector<ListedChunk> found = ListChunks(place.cache, skipped);

@@ -93,7 +93,7 @@ ExitCode RunRequeue(const RequeueOptions& options, std::ostream& out, std::ostre
   if (!found.empty()) {
     last = found.back();
   }
-  NewChunks chunks(place.cache, last, options.chunkSize);
+  NewChunks chunks(place, last, options.chunkSize);
   const std::vector<StoredFile> taken = AddEvents(options, chunks);
   const std::vector<std::string> names = chunks.Finish();
   const ExitCode code = RemoveFiles(options, taken, messages);

@@ -15,9 +15,9 @@ struct StoredFile {
   std::string damage;
 };
 
-// Gives every event of a file to `take`, in order, and returns how many there were. The file is one
-// that "export" has written (a JSON object in each line) or a chunk file; which of them, its bytes
-// tell. The events' bytes are the callee's for the call alone.
+// Gives every event of a file to `take`, in order. The file is one that "export" has written (a
+// JSON object in each line) or a chunk file; which of them, its bytes tell. The events' bytes are
+// the callee's for the call alone.
 //
 // Throws ToolError where a line can't be read, with its number, and for a damaged chunk unless
 // `salvage` is set; then its readable part is given.

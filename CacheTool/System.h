@@ -1,27 +1,34 @@
 #pragma once
 
-#include <filesystem>
-#include <string_view>
+#include <memory>
 
-// What the tool needs of the operating system beyond Platform/Windows.h.
+#include "CacheTool/CachePlace.h"
+
+// What the tool needs of the operating system beyond Platform/Windows.h and the agent's own calls.
 namespace OrloCacheTool {
 
 // Whether a person is looking at the standard error.
 bool IsErrorTerminal();
 
-// Gives what the tool has made to the owner of what is there already: the agent must be able to
-// read and remove it, and an administrator may well run the tool as somebody else. Nothing where
-// the system does not tell owners by files (Windows: a directory hands its rights down) or does not
-// let us; a failure shows when the agent starts.
-void GiveToOwnerOf(const std::filesystem::path& model, const std::filesystem::path& made);
+// While it lives, root works with the rights of the cache's owner: with his user, and with the
+// group of what is his, alone. So what is made is his, and the agent can read and remove it; and
+// wherever he leads by links, root goes no further than he could himself. The owner is that of the
+// data directory, or, if that is root's, of what lies on the way to the cache.
+//
+// For anybody but root, where root owns it all, and on Windows, whose directories hand their rights
+// down, it does nothing; nor does one that is made while another lives. One thread.
+class OwnersRights {
+ public:
+  // Throws ToolError if the rights can't be taken, or if the cache can't be reached with them.
+  explicit OwnersRights(const CachePlace& place);
+  ~OwnersRights();
+  OwnersRights(const OwnersRights&) = delete;
+  OwnersRights& operator=(const OwnersRights&) = delete;
 
-// Makes a file where there is nothing yet, not even a link, gives it to the owner of `model` and
-// returns when all of it is on the disk. Throws ToolError; the file is gone then.
-void WriteNewFile(const std::filesystem::path& path, std::string_view bytes,
-                  const std::filesystem::path& model);
-
-// Returns when the names of the directory's entries are on the disk. Throws ToolError. Nothing
-// where the system has no such call (Windows, whose file system keeps a journal of them).
-void SyncDirectory(const std::filesystem::path& directory);
+ private:
+  // The caller's own; null if they were not left.
+  struct Own;
+  std::unique_ptr<Own> m_own;
+};
 
 }  // namespace OrloCacheTool

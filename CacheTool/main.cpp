@@ -1,12 +1,11 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
 #include <iostream>
 
 #include "Agent/PathText.h"
 #include "Agent/Process.h"
 #include "CacheTool/Commands.h"
+#include "CacheTool/OutputFile.h"
 
 namespace {
 
@@ -107,29 +106,10 @@ ExitCode Export(const Commands& commands) {
   if (commands.output.empty()) {
     return RunExport(commands.exporting, std::cout, std::cerr);
   }
-  const std::filesystem::path path = OrloAgent::ToPath(commands.output);
-  std::error_code ignored;
-  // It may be a chunk.
-  if (std::filesystem::exists(std::filesystem::symlink_status(path, ignored))) {
-    throw ToolError(commands.output + " exists already; nothing is written over it");
-  }
-  std::ofstream file(path, std::ios::binary);
-  if (!file) {
-    throw ToolError(commands.output + " can't be written");
-  }
-  try {
-    const ExitCode code = RunExport(commands.exporting, file, std::cerr);
-    file.close();
-    if (!file) {
-      throw ToolError(commands.output + " can't be written to its end");
-    }
-    return code;
-  } catch (const std::exception&) {
-    // Else the corrected command would be refused.
-    file.close();
-    std::filesystem::remove(path, ignored);
-    throw;
-  }
+  OutputFile file(OrloAgent::ToPath(commands.output));
+  const ExitCode code = RunExport(commands.exporting, file.Stream(), std::cerr);
+  file.Keep();
+  return code;
 }
 
 ExitCode Run(const std::string& name, const Commands& commands) {

@@ -37,6 +37,12 @@ std::string AppendFile::Open() {
   return m_file == kNone ? TextOf(errno) : std::string();
 }
 
+std::string AppendFile::OpenNew() {
+  constexpr mode_t kNewFileMode = 0666;
+  m_file = open(m_path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_EXCL | O_CLOEXEC, kNewFileMode);
+  return m_file == kNone ? TextOf(errno) : std::string();
+}
+
 bool AppendFile::IsOpen() const { return m_file != kNone; }
 
 void AppendFile::Close() {

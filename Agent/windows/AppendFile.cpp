@@ -19,6 +19,12 @@ HANDLE Handle(std::intptr_t file) { return reinterpret_cast<HANDLE>(file); }
 
 const auto kNone = reinterpret_cast<std::intptr_t>(INVALID_HANDLE_VALUE);
 
+std::intptr_t OpenToAppend(const std::filesystem::path& path, DWORD disposition) {
+  return reinterpret_cast<std::intptr_t>(CreateFileW(path.c_str(), FILE_APPEND_DATA, kShareAll,
+                                                     nullptr, disposition, FILE_ATTRIBUTE_NORMAL,
+                                                     nullptr));
+}
+
 }  // namespace
 
 AppendFile::AppendFile(const std::string& path) : m_path(path), m_file(kNone) {}
@@ -31,9 +37,12 @@ std::string AppendFile::Open() {
     std::error_code ignored;  // the opening tells better what is wrong
     std::filesystem::create_directories(path.parent_path(), ignored);
   }
-  m_file = reinterpret_cast<std::intptr_t>(CreateFileW(path.c_str(), FILE_APPEND_DATA, kShareAll,
-                                                       nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL,
-                                                       nullptr));
+  m_file = OpenToAppend(path, OPEN_ALWAYS);
+  return m_file == kNone ? Platform::ErrorText(GetLastError()) : std::string();
+}
+
+std::string AppendFile::OpenNew() {
+  m_file = OpenToAppend(ToPath(m_path), CREATE_NEW);
   return m_file == kNone ? Platform::ErrorText(GetLastError()) : std::string();
 }
 

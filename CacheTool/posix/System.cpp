@@ -1,12 +1,16 @@
 #include "CacheTool/System.h"
 
-#include <fcntl.h>
+#include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <filesystem>
+#include <optional>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include "Agent/PathText.h"
 #include "CacheTool/ToolError.h"
@@ -15,77 +19,76 @@ namespace OrloCacheTool {
 
 namespace {
 
-class Descriptor {
- public:
-  explicit Descriptor(int number) : m_number(number) {}
-  ~Descriptor() {
-    if (m_number >= 0) {
-      close(m_number);
-    }
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
+constexpr uid_t kRoot = 0;
 
-  int Get() const { return m_number; }
-
- private:
-  const int m_number;
+struct Owner {
+  uid_t user;
+  gid_t group;
 };
 
-[[noreturn]] void Fail(const std::filesystem::path& path, const char* what) {
-  throw ToolError(OrloAgent::ToText(path) + what + std::generic_category().message(errno));
-}
-
-bool WriteAll(int file, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t written = write(file, bytes.data(), bytes.size());
-    if (written < 0 && errno == EINTR) {
-      continue;
+// Root owns the directory that the data directory lies in, so nobody can have put another one in
+// its place; what lies in it may be a link, whose owner is whoever made it. Nothing if all of it is
+// root's.
+std::optional<Owner> FindOwner(const CachePlace& place) {
+  struct stat status {};
+  if (!place.data.empty()) {
+    for (const auto& path : {place.data, place.cache.parent_path()}) {
+      if (lstat(path.c_str(), &status) == 0 && status.st_uid != kRoot) {
+        return Owner{status.st_uid, status.st_gid};
+      }
     }
-    if (written < 0) {
-      return false;
-    }
-    bytes.remove_prefix(static_cast<std::size_t>(written));
   }
-  return true;
+  // Last what a link of root's leads to.
+  for (const auto look : {lstat, stat}) {
+    if (look(place.cache.c_str(), &status) == 0 && status.st_uid != kRoot) {
+      return Owner{status.st_uid, status.st_gid};
+    }
+  }
+  return std::nullopt;
 }
 
 }  // namespace
 
 bool IsErrorTerminal() { return isatty(STDERR_FILENO) != 0; }
 
-void GiveToOwnerOf(const std::filesystem::path& model, const std::filesystem::path& made) {
-  struct stat owner {};
-  if (stat(model.c_str(), &owner) == 0) {
-    [[maybe_unused]] const int result = lchown(made.c_str(), owner.st_uid, owner.st_gid);
+struct OwnersRights::Own {
+  gid_t group = getegid();
+  std::vector<gid_t> groups;
+
+  Own() : groups(static_cast<std::size_t>(std::max(getgroups(0, nullptr), 0))) {
+    const int count = getgroups(static_cast<int>(groups.size()), groups.data());
+    groups.resize(static_cast<std::size_t>(std::max(count, 0)));
+  }
+
+  // Without them there is less that can be done, and no more.
+  ~Own() {
+    [[maybe_unused]] const bool isBack =
+        seteuid(kRoot) == 0 && setegid(group) == 0 && setgroups(groups.size(), groups.data()) == 0;
+  }
+
+  Own(const Own&) = delete;
+  Own& operator=(const Own&) = delete;
+};
+
+OwnersRights::OwnersRights(const CachePlace& place) {
+  const auto owner = geteuid() == kRoot ? FindOwner(place) : std::nullopt;
+  if (!owner) {
+    return;
+  }
+  m_own = std::make_unique<Own>();
+  const std::string cache = OrloAgent::ToText(place.cache);
+  if (setgroups(1, &owner->group) != 0 || setegid(owner->group) != 0 || seteuid(owner->user) != 0) {
+    throw ToolError("The rights of the owner of " + cache +
+                    " can't be taken: " + std::generic_category().message(errno));
+  }
+  std::error_code error;
+  if (!std::filesystem::is_directory(place.cache, error)) {
+    throw ToolError(cache + " can't be reached with the rights of its owner, user " +
+                    std::to_string(owner->user) + ", with which root changes it" +
+                    (error ? ": " + error.message() : ""));
   }
 }
 
-void WriteNewFile(const std::filesystem::path& path, std::string_view bytes,
-                  const std::filesystem::path& model) {
-  constexpr mode_t kMode = 0666;
-  // With O_EXCL no link is followed.
-  const Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kMode));
-  if (file.Get() < 0) {
-    Fail(path, " can't be made: ");
-  }
-  struct stat owner {};
-  if (stat(model.c_str(), &owner) == 0) {
-    [[maybe_unused]] const int result = fchown(file.Get(), owner.st_uid, owner.st_gid);
-  }
-  if (!WriteAll(file.Get(), bytes) || fsync(file.Get()) != 0) {
-    const int error = errno;
-    unlink(path.c_str());
-    errno = error;
-    Fail(path, " can't be written: ");
-  }
-}
-
-void SyncDirectory(const std::filesystem::path& directory) {
-  const Descriptor opened(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (opened.Get() < 0 || fsync(opened.Get()) != 0) {
-    Fail(directory, " can't be brought to the disk: ");
-  }
-}
+OwnersRights::~OwnersRights() = default;
 
 }  // namespace OrloCacheTool

@@ -45,8 +45,8 @@ class NewChunksTest : public testing::Test {
 };
 
 TEST_F(NewChunksTest, EventsAreCutIntoChunksOfTheSize) {
-  NewChunks chunks(m_directory.Path(), ListedChunk{"2016-03-07-14-05", "07", {}, 0, false, {}},
-                   100);
+  NewChunks chunks({m_directory.Path(), {}},
+                   ListedChunk{"2016-03-07-14-05", "07", {}, 0, false, {}}, 100);
   const std::string head = MakeHead();
   for (const std::string payload : {"one", "two", "three"}) {
     chunks.Add({head, payload});
@@ -67,7 +67,7 @@ TEST_F(NewChunksTest, EventsAreCutIntoChunksOfTheSize) {
 
 TEST_F(NewChunksTest, WithoutAnEndNothingIsLeft) {
   {
-    NewChunks chunks(m_directory.Path(), std::nullopt, 10);
+    NewChunks chunks({m_directory.Path(), {}}, std::nullopt, 10);
     chunks.Add({MakeHead(), "one"});
     chunks.Add({MakeHead(), "two"});
     EXPECT_EQ(ListTree(m_directory.Path()).size(), 2u);
@@ -76,7 +76,7 @@ TEST_F(NewChunksTest, WithoutAnEndNothingIsLeft) {
 }
 
 TEST_F(NewChunksTest, NothingIsAChunkBeforeTheEnd) {
-  NewChunks chunks(m_directory.Path(), std::nullopt, 10);
+  NewChunks chunks({m_directory.Path(), {}}, std::nullopt, 10);
   chunks.Add({MakeHead(), "one"});
   chunks.Add({MakeHead(), "two"});
   std::vector<std::string> skipped;
@@ -86,14 +86,15 @@ TEST_F(NewChunksTest, NothingIsAChunkBeforeTheEnd) {
 }
 
 TEST_F(NewChunksTest, NoEventsMakeNoChunk) {
-  NewChunks chunks(m_directory.Path(), std::nullopt, 10);
+  NewChunks chunks({m_directory.Path(), {}}, std::nullopt, 10);
   EXPECT_TRUE(chunks.Finish().empty());
   EXPECT_TRUE(ListTree(m_directory.Path()).empty());
 }
 
 TEST_F(NewChunksTest, ADirectoryThatCanNotBeMadeEndsIt) {
   WriteFile(m_directory.Path() / "2016-03-07-14-05", "a file");
-  NewChunks chunks(m_directory.Path(), ListedChunk{"2016-03-07-14-05", "07", {}, 0, false, {}}, 1);
+  NewChunks chunks({m_directory.Path(), {}},
+                   ListedChunk{"2016-03-07-14-05", "07", {}, 0, false, {}}, 1);
   chunks.Add({MakeHead(), "one"});
   EXPECT_THROW(chunks.Finish(), ToolError);
 }
@@ -101,8 +102,8 @@ TEST_F(NewChunksTest, ADirectoryThatCanNotBeMadeEndsIt) {
 TEST_F(NewChunksTest, ANameThatIsTakenByADirectoryTakesAllNamesBack) {
   std::filesystem::create_directories(m_directory.Path() / "2016-03-07-14-05" / "07-000002" / "x");
   {
-    NewChunks chunks(m_directory.Path(), ListedChunk{"2016-03-07-14-05", "07", {}, 0, false, {}},
-                     1);
+    NewChunks chunks({m_directory.Path(), {}},
+                     ListedChunk{"2016-03-07-14-05", "07", {}, 0, false, {}}, 1);
     chunks.Add({MakeHead(), "one"});
     chunks.Add({MakeHead(), "two"});
     EXPECT_THROW(chunks.Finish(), ToolError);

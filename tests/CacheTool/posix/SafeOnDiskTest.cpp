@@ -1,5 +1,6 @@
-// That files are removed only when what they held is on the disk. The program's own fsync stands in
-// for the system's.
+// What the tool does when the disk does not take all: it removes files only when what they held is
+// there. The program's own fsync and write
+// stand in for the system's.
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 
 #include "Agent/PathText.h"
 #include "CacheTool/Commands.h"
+#include "CacheTool/OutputFile.h"
 #include "tests/CacheTool/CacheFiles.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -19,41 +21,82 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// One thread calls it.
-std::vector<std::string> synced;  // NOLINT(cert-err58-cpp): a vector without elements
-// Of the entry whose path ends so.
-std::string failing;  // NOLINT(cert-err58-cpp): a text without characters
+struct Synced {
+  std::string path;
+  // Whether the new chunk had its name by then.
+  bool hasName;
+};
+
+// What the calls do, and what they were asked for. One thread makes them.
+struct Calls {
+  std::vector<Synced> synced;
+  fs::path chunk;
+  // Of the entry whose path ends so, fsync gives that error.
+  std::string failing;
+  int error = EIO;
+  // Into the file whose path ends so, write can't write anything.
+  std::string full;
+};
+
+Calls& GetCalls() {
+  static Calls calls;
+  return calls;
+}
+
+std::string GetPath(int descriptor) {
+  std::error_code error;
+  return fs::read_symlink("/proc/self/fd/" + std::to_string(descriptor), error).string();
+}
+
+bool IsMeant(const std::string& path, const std::string& ending) {
+  return !ending.empty() && path.ends_with(ending);
+}
 
 }  // namespace
 
 extern "C" int fsync(int descriptor) {
-  std::error_code error;
-  const std::string path =
-      fs::read_symlink("/proc/self/fd/" + std::to_string(descriptor), error).string();
-  synced.push_back(path);
-  if (!failing.empty() && path.ends_with(failing)) {
-    errno = EIO;
+  const std::string path = GetPath(descriptor);
+  Calls& calls = GetCalls();
+  calls.synced.push_back({path, fs::exists(calls.chunk)});
+  if (IsMeant(path, calls.failing)) {
+    errno = calls.error;
     return -1;
   }
   return static_cast<int>(syscall(SYS_fsync, descriptor));
+}
+
+extern "C" ssize_t write(int descriptor, const void* bytes, std::size_t size) {
+  const std::string& full = GetCalls().full;
+  if (!full.empty() && IsMeant(GetPath(descriptor), full)) {
+    return 0;
+  }
+  return syscall(SYS_write, descriptor, bytes, size);
 }
 
 namespace OrloCacheTool {
 
 class SafeOnDiskTest : public testing::Test {
  protected:
-  SafeOnDiskTest() : m_data(m_directory.Path() / "data"), m_cache(m_data / "Events" / "Default") {
-    WriteFile(m_cache / "2016-03-07-14-05" / "07", MakeChunkOf({"first"}));
+  SafeOnDiskTest()
+      : m_data(m_directory.Path() / "data"),
+        m_cache(m_data / "Events" / "Default"),
+        m_minute(m_cache / "2016-03-07-14-05") {
+    WriteFile(m_minute / "07", MakeChunkOf({"first"}));
     WriteFile(m_directory.Path() / "chunk", MakeChunkOf({"second"}));
     m_options.place = OrloAgent::ToText(m_data);
     m_options.files = {OrloAgent::ToText(m_directory.Path() / "chunk")};
     m_options.removeFiles = true;
-    synced.clear();
+    GetCalls() = {};
+    GetCalls().chunk = m_minute / "07-000001";
   }
-  ~SafeOnDiskTest() override { failing.clear(); }
+  ~SafeOnDiskTest() override { GetCalls() = {}; }
 
-  static bool IsSynced(const fs::path& path) {
-    return std::find(synced.begin(), synced.end(), path.string()) != synced.end();
+  // With the new chunk under its name, or before it has one.
+  static bool IsSynced(const fs::path& path, bool hasName) {
+    const auto& synced = GetCalls().synced;
+    return std::any_of(synced.begin(), synced.end(), [&](const Synced& one) {
+      return one.path == path.string() && one.hasName == hasName;
+    });
   }
 
   void ExpectRefusalAndEverythingAsItWas() {
@@ -66,31 +109,63 @@ class SafeOnDiskTest : public testing::Test {
   TestSupport::TemporaryDirectory m_directory;
   const fs::path m_data;
   const fs::path m_cache;
+  const fs::path m_minute;
   RequeueOptions m_options;
   std::ostringstream m_out;
   std::ostringstream m_messages;
 };
 
-TEST_F(SafeOnDiskTest, ChunksAndTheirNamesAreBroughtToTheDisk) {
+TEST_F(SafeOnDiskTest, ChunksAndThenTheirNamesAreBroughtToTheDisk) {
   EXPECT_EQ(RunRequeue(m_options, m_out, m_messages), kDone);
   EXPECT_FALSE(fs::exists(m_options.files.front()));
-  EXPECT_TRUE(IsSynced(m_cache / "2016-03-07-14-05" / "07-000001.new"));
-  EXPECT_EQ(synced.back(), (m_cache / "2016-03-07-14-05").string()) << "behind the renaming";
+  EXPECT_TRUE(IsSynced(m_minute / "07-000001.new", false));
+  EXPECT_TRUE(IsSynced(m_minute, true));
 }
 
-TEST_F(SafeOnDiskTest, ANewMinuteIsBroughtToTheDisk) {
-  fs::remove_all(m_cache / "2016-03-07-14-05");
+TEST_F(SafeOnDiskTest, TheMinuteIsBroughtToTheDiskWhoeverHasMadeIt) {
   EXPECT_EQ(RunRequeue(m_options, m_out, m_messages), kDone);
-  EXPECT_TRUE(IsSynced(m_cache));
+  EXPECT_TRUE(IsSynced(m_cache, true)) << "an agent may have made it a moment ago";
+  fs::remove_all(m_minute);
+  WriteFile(m_options.files.front(), MakeChunkOf({"second"}));
+  GetCalls().synced.clear();
+  EXPECT_EQ(RunRequeue(m_options, m_out, m_messages), kDone);
+  EXPECT_TRUE(IsSynced(m_cache, false)) << "the chunk is another one";
+}
+
+TEST_F(SafeOnDiskTest, AFileSystemThatDoesNotSyncDirectoriesTakesChunks) {
+  GetCalls().failing = "2016-03-07-14-05";
+  for (const int error : {EINVAL, ENOTSUP}) {
+    GetCalls().error = error;
+    WriteFile(m_options.files.front(), MakeChunkOf({"second"}));
+    EXPECT_EQ(RunRequeue(m_options, m_out, m_messages), kDone) << error;
+  }
 }
 
 TEST_F(SafeOnDiskTest, AChunkThatCanNotBeBroughtToTheDiskIsNotRequeued) {
-  failing = "07-000001.new";
+  GetCalls().failing = "07-000001.new";
   ExpectRefusalAndEverythingAsItWas();
 }
 
+TEST_F(SafeOnDiskTest, AChunkForWhichThereIsNoRoomIsNotRequeued) {
+  GetCalls().full = "07-000001.new";
+  ExpectRefusalAndEverythingAsItWas();
+}
+
+TEST_F(SafeOnDiskTest, AnExportForWhichThereIsNoRoomIsSaidAndLeavesNothing) {
+  const fs::path path = m_directory.Path() / "events.json";
+  GetCalls().full = "events.json";
+  {
+    OutputFile file(path);
+    file.Stream() << "event\n";
+    EXPECT_THROW(file.Keep(), ToolError);
+  }
+  EXPECT_FALSE(fs::exists(path));
+}
+
 TEST_F(SafeOnDiskTest, ANameThatCanNotBeBroughtToTheDiskIsTakenBack) {
-  failing = "2016-03-07-14-05";
+  GetCalls().failing = "2016-03-07-14-05";
+  ExpectRefusalAndEverythingAsItWas();
+  GetCalls().failing = "Default";
   ExpectRefusalAndEverythingAsItWas();
 }
 
