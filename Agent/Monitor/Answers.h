@@ -10,8 +10,8 @@
 
 namespace OrloAgent {
 
-// A state that is older is none: the agent has not been able to look at itself, most likely because
-// the disk hangs.
+// How old a state may grow before that is a problem: the agent has not been able to look at itself,
+// most likely because the disk hangs.
 constexpr std::chrono::seconds kStateLasts{60};
 
 // The state as it is to be shown at the time `now`: one that has grown old has a problem more,

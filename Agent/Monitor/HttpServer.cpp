@@ -31,12 +31,14 @@ constexpr std::size_t kLargestRequest = 8 * 1024;
 constexpr std::size_t kConnections = 64;
 constexpr std::chrono::seconds kRequestTime{10};
 constexpr std::chrono::milliseconds kBetweenAttempts{100};
+// What ends a row of failures.
+constexpr std::chrono::minutes kQuiet{1};
 
 // What a page may do: nothing but what stands in it, and ask the agent again.
 constexpr char kContentPolicy[] =
-    "default-src 'none'; style-src 'unsafe-inline'; script-src 'unsafe-inline'; connect-src "
-    "'self'; "
-    "img-src data:; base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
+    "default-src 'none'; style-src 'unsafe-inline'; script-src 'unsafe-inline'; "
+    "connect-src 'self'; img-src data:; base-uri 'none'; form-action 'none'; "
+    "frame-ancestors 'none'";
 
 using Request = http::request<http::empty_body>;
 using Response = http::response<http::string_body>;
@@ -50,11 +52,8 @@ HttpAnswer MakeTextAnswer(unsigned status, std::string text) {
 // Decides who gets an answer, and which.
 class Responder {
  public:
-  Responder(std::string token, HttpHandler handler, std::chrono::milliseconds answerTime)
-      : m_token(std::move(token)), m_handler(std::move(handler)), m_answerTime(answerTime) {}
-
-  // For taking it.
-  std::chrono::milliseconds GetAnswerTime() const { return m_answerTime; }
+  Responder(std::string token, HttpHandler handler)
+      : m_token(std::move(token)), m_handler(std::move(handler)) {}
 
   Response Answer(const Request& request) const {
     HttpAnswer answer = Decide(request);
@@ -104,14 +103,14 @@ class Responder {
 
   const std::string m_token;
   const HttpHandler m_handler;
-  const std::chrono::milliseconds m_answerTime;
 };
 
 // One client. Lives as long as it waits for something.
 class Connection : public std::enable_shared_from_this<Connection> {
  public:
-  Connection(asio::ip::tcp::socket socket, const Responder& responder)
-      : m_stream(std::move(socket)), m_responder(responder) {}
+  Connection(asio::ip::tcp::socket socket, const Responder& responder,
+             std::chrono::milliseconds answerTime)
+      : m_stream(std::move(socket)), m_responder(responder), m_answerTime(answerTime) {}
 
   void Read() {
     m_since = steady_clock::now();
@@ -136,7 +135,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
       return;
     }
     m_response = m_responder.Answer(m_parser->get());
-    m_stream.expires_after(m_responder.GetAnswerTime());
+    m_stream.expires_after(m_answerTime);
     http::async_write(m_stream, m_response,
                       [self = shared_from_this()](const error_code& failure, std::size_t) {
                         self->OnWritten(failure);
@@ -155,6 +154,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   beast::tcp_stream m_stream;
   const Responder& m_responder;
+  const std::chrono::milliseconds m_answerTime;
   beast::flat_buffer m_buffer{kLargestRequest};
   std::optional<http::request_parser<http::empty_body>> m_parser;
   Response m_response;
@@ -167,7 +167,8 @@ class HttpServer::Listener {
  public:
   Listener(const MonitorOptions& options, HttpHandler handler, std::chrono::milliseconds answerTime)
       : m_log(WindowsAgentCommon::LoggerFactory::GetLog("Code.Monitor")),
-        m_responder(options.token, std::move(handler), answerTime) {
+        m_responder(options.token, std::move(handler)),
+        m_answerTime(answerTime) {
     const std::string shown = options.host + " port " + std::to_string(options.port);
     try {
       const asio::ip::tcp::endpoint endpoint(asio::ip::make_address(options.host), options.port);
@@ -203,12 +204,23 @@ class HttpServer::Listener {
         return;
       } catch (const std::exception& exception) {
         // For want of memory, as a rule; others can be served.
-        WindowsAgentCommon::LogFacade::Error(m_log, "A request was not answered: %s.",
-                                             std::string(exception.what()));
+        Report(exception);
         // What waits for something is held by that as well; what doesn't, nothing would ever end.
         m_connections.remove_if([](const auto& one) { return one.use_count() == 1; });
+        // Else what fails at once would be tried at once.
+        std::this_thread::sleep_for(kBetweenAttempts);
       }
     }
+  }
+
+  // Not every failure of a row, which would fill the log.
+  void Report(const std::exception& exception) {
+    const auto now = steady_clock::now();
+    if (!m_lastFailure || now - *m_lastFailure > kQuiet) {
+      WindowsAgentCommon::LogFacade::Error(m_log, "A request was not answered: %s.",
+                                           std::string(exception.what()));
+    }
+    m_lastFailure = now;
   }
 
   // What waits holds the token. If it ends with an exception, or was never begun, nothing does, and
@@ -223,7 +235,7 @@ class HttpServer::Listener {
         m_timer.async_wait([this, token](const error_code&) { Accept(); });
         return;
       }
-      Add(std::make_shared<Connection>(std::move(socket), m_responder));
+      Add(std::make_shared<Connection>(std::move(socket), m_responder, m_answerTime));
       Accept();
     });
   }
@@ -243,6 +255,9 @@ class HttpServer::Listener {
 
   WindowsAgentCommon::Log m_log;
   const Responder m_responder;
+  const std::chrono::milliseconds m_answerTime;
+  // When a client was last let go without an answer. The serving thread's.
+  std::optional<steady_clock::time_point> m_lastFailure;
   asio::io_context m_context{1};
   // An exception may leave nothing to be awaited for a moment, which is not the end.
   const asio::executor_work_guard<asio::io_context::executor_type> m_work{m_context.get_executor()};

@@ -36,9 +36,8 @@ class HttpMonitor : public Monitor {
 
  private:
   HttpAnswer Answer(const std::string& path, const std::string& query) const {
-    // The state first: it is not to come from behind `now`.
-    auto state = m_sampler.GetState();
-    return AnswerRequest(path, query, *JudgeAge(std::move(state), std::chrono::steady_clock::now()),
+    return AnswerRequest(path, query,
+                         *JudgeAge(m_sampler.GetState(), std::chrono::steady_clock::now()),
                          [this](std::int64_t since) { return m_sampler.GetHistory(since); });
   }
 

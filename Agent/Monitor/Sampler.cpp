@@ -1,6 +1,7 @@
 #include "Agent/Monitor/Sampler.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "Agent/PathText.h"
 #include "Agent/Units.h"
@@ -14,8 +15,6 @@ using WindowsAgentCommon::LoggerFactory;
 namespace {
 
 constexpr std::chrono::seconds kPeriod{1};
-constexpr std::chrono::seconds kBetweenPoints{5};
-constexpr std::chrono::hours kHistory{1};
 constexpr std::size_t kMessages = 50;
 
 // Chunks are written in whole pages, so a little less than a page is as good as nothing.
@@ -58,13 +57,9 @@ struct DescribeDestination {
 };
 
 // What the configuration only refers to is shown here no more than in messages.
-EndState DescribeShown(const SourceOptions& options) {
-  EndState end = std::visit(DescribeSource{}, options);
-  end.name = LoggerFactory::WithoutSecrets(end.name);
-  return end;
-}
-EndState DescribeShown(const DestinationOptions& options) {
-  EndState end = std::visit(DescribeDestination{}, options);
+template <typename Describe, typename Options>
+EndState DescribeShown(const Options& options) {
+  EndState end = std::visit(Describe{}, options);
   end.name = LoggerFactory::WithoutSecrets(end.name);
   return end;
 }
@@ -121,6 +116,7 @@ struct Sampler::Watched {
 
 Sampler::Sampler(Surroundings surroundings)
     : m_surroundings(std::move(surroundings)),
+      m_log(LoggerFactory::GetLog("Code.Monitor")),
       m_started(GetMilliseconds()),
       m_messages(kMessages) {}
 
@@ -139,7 +135,7 @@ void Sampler::AddStream(const StreamOptions& options, std::vector<const Source*>
                         const Destination& destination, std::uint64_t notMadeBefore) {
   EndsReading described;
   for (const SourceOptions& source : options.sources) {
-    described.sources.push_back(DescribeShown(source));
+    described.sources.push_back(DescribeShown<DescribeSource>(source));
     const EndState& added = described.sources.back();
     const auto alike = std::count_if(described.sources.begin(), described.sources.end(),
                                      [&](const EndState& one) { return AreAlike(one, added); });
@@ -147,9 +143,9 @@ void Sampler::AddStream(const StreamOptions& options, std::vector<const Source*>
       described.sources.back().name += Format(" (%d)", alike);
     }
   }
-  described.destination = DescribeShown(options.destination);
+  described.destination = DescribeShown<DescribeDestination>(options.destination);
   if (options.fallback) {
-    described.fallback = DescribeShown(options.fallback->destination);
+    described.fallback = DescribeShown<DescribeDestination>(options.fallback->destination);
     if (AreAlike(*described.fallback, described.destination)) {
       described.fallback->name += " (fallback)";
     }
@@ -168,9 +164,17 @@ void Sampler::RemoveStream(const std::string& name) {
 
 void Sampler::SetTroubles(const std::vector<std::string>& file,
                           const std::vector<StreamTrouble>& streams) {
+  std::vector<std::string> shownFile = file;
+  std::vector<StreamTrouble> shownStreams = streams;
+  for (std::string& trouble : shownFile) {
+    trouble = LoggerFactory::WithoutSecrets(trouble);
+  }
+  for (StreamTrouble& trouble : shownStreams) {
+    trouble.problem = LoggerFactory::WithoutSecrets(trouble.problem);
+  }
   const std::lock_guard guard(m_streamsLock);
-  m_fileTroubles = file;
-  m_streamTroubles = streams;
+  m_fileTroubles = std::move(shownFile);
+  m_streamTroubles = std::move(shownStreams);
 }
 
 void Sampler::Start() {
@@ -179,13 +183,19 @@ void Sampler::Start() {
 }
 
 void Sampler::Run() {
+  bool isFailing = false;
   std::unique_lock lock(m_lock);
   while (!m_stopped.wait_for(lock, kPeriod, [this] { return m_stop; })) {
     lock.unlock();
     try {
       Sample();
-    } catch (const std::exception&) {
-      // For want of memory. The last state stays; when it grows old, that is seen.
+      isFailing = false;
+    } catch (const std::exception& exception) {
+      // For want of memory, as a rule. The last state stays; when it grows old, that is seen.
+      if (!std::exchange(isFailing, true)) {
+        WindowsAgentCommon::LogFacade::Error(m_log, "The agent can't look at itself: %s.",
+                                             std::string(exception.what()));
+      }
     }
     lock.lock();
   }
@@ -196,12 +206,13 @@ void Sampler::Sample() {
   state->version = m_surroundings.version;
   state->started = m_started;
   const auto now = StreamSampler::Clock::now();
-  // Before the destinations are asked: what they have taken and the stages have not counted yet is
-  // not taken for delivered then.
-  state->statistics = m_surroundings.statistics->GetSnapshot();
   std::vector<std::pair<std::shared_ptr<Watched>, EndsReading>> asked;
   {
+    // The statistics are those of the streams that are asked, not of earlier ones of their names.
     const std::lock_guard guard(m_streamsLock);
+    // Before the destinations are asked: what they have taken and the stages have not counted yet
+    // is not taken for delivered then.
+    state->statistics = m_surroundings.statistics->GetSnapshot();
     for (const auto& watched : m_streams) {
       asked.emplace_back(watched, watched->Ask());
     }
@@ -215,27 +226,24 @@ void Sampler::Sample() {
   state->sampled = GetMilliseconds();
   state->looked = std::chrono::steady_clock::now();
   const std::lock_guard guard(m_lock);
-  KeepHistory(*state);
+  m_history.Add(*state);
   m_state = std::move(state);
 }
 
 void Sampler::AddTroubles(AgentState& state) {
   const std::lock_guard guard(m_streamsLock);
   state.isConfigurationTaken = m_fileTroubles.empty() && m_streamTroubles.empty();
-  for (const std::string& trouble : m_fileTroubles) {
-    state.problems.push_back(LoggerFactory::WithoutSecrets(trouble));
-  }
+  state.problems.insert(state.problems.end(), m_fileTroubles.begin(), m_fileTroubles.end());
   for (const StreamTrouble& trouble : m_streamTroubles) {
-    const std::string problem = LoggerFactory::WithoutSecrets(trouble.problem);
     const auto stream = std::find_if(state.streams.begin(), state.streams.end(),
                                      [&](const auto& one) { return one.name == trouble.stream; });
     if (!trouble.runs) {
       ++state.streamsNotRunning;
     }
     if (stream != state.streams.end()) {
-      stream->problems.push_back(problem);
+      stream->problems.push_back(trouble.problem);
     } else {
-      state.problems.push_back("stream " + trouble.stream + ": " + problem);
+      state.problems.push_back("stream " + trouble.stream + ": " + trouble.problem);
     }
   }
 }
@@ -260,37 +268,6 @@ DiskState Sampler::LookAtDisk(std::vector<std::string>& problems) const {
   return disk;
 }
 
-// Requires m_lock.
-void Sampler::KeepHistory(const AgentState& state) {
-  const auto oldest = state.sampled - std::chrono::milliseconds(kHistory).count();
-  const auto between = std::chrono::milliseconds(kBetweenPoints).count();
-  for (const StreamState& stream : state.streams) {
-    auto& points = m_history[stream.name];
-    // A clock that was put back does not stop the history.
-    if (!points.empty() && state.sampled >= points.back().time &&
-        state.sampled - points.back().time < between - 100) {
-      continue;
-    }
-    HistoryPoint point;
-    point.time = state.sampled;
-    point.posted = stream.posted;
-    point.delivered = stream.delivered;
-    point.lost = stream.lost + stream.failed;
-    point.inMemory = stream.GetEventsInMemory();
-    point.cached = stream.cachedEvents;
-    point.cachedBytes = stream.cachedBytes;
-    point.oldestSeconds = stream.oldestSeconds;
-    point.open = !stream.schedule || stream.schedule->open;
-    points.push_back(point);
-  }
-  for (auto& [name, points] : m_history) {
-    while (!points.empty() && points.front().time < oldest) {
-      points.pop_front();
-    }
-  }
-  std::erase_if(m_history, [](const auto& one) { return one.second.empty(); });
-}
-
 std::shared_ptr<const AgentState> Sampler::GetState() const {
   const std::lock_guard guard(m_lock);
   return m_state;
@@ -298,13 +275,7 @@ std::shared_ptr<const AgentState> Sampler::GetState() const {
 
 History Sampler::GetHistory(std::int64_t since) const {
   const std::lock_guard guard(m_lock);
-  History history;
-  for (const auto& [name, points] : m_history) {
-    auto& chosen = history[name];
-    std::copy_if(points.begin(), points.end(), std::back_inserter(chosen),
-                 [&](const HistoryPoint& point) { return point.time > since; });
-  }
-  return history;
+  return m_history.Get(since);
 }
 
 }  // namespace OrloAgent

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Agent/Destination.h"
+#include "Agent/Monitor/HistoryKeeper.h"
 #include "Agent/Monitor/MessageRing.h"
 #include "Agent/Monitor/Monitor.h"
 #include "Agent/Monitor/MonitorState.h"
@@ -50,7 +51,7 @@ class Sampler {
   // Any thread. Never null after Start.
   std::shared_ptr<const AgentState> GetState() const;
 
-  // The points of all streams that are younger than `since` (milliseconds since 1970).
+  // As HistoryKeeper::Get.
   History GetHistory(std::int64_t since) const;
 
  private:
@@ -59,24 +60,25 @@ class Sampler {
   void Run();
   void Sample();
   void AddTroubles(AgentState& state);
-  void KeepHistory(const AgentState& state);
   DiskState LookAtDisk(std::vector<std::string>& problems) const;
 
   const Surroundings m_surroundings;
+  const WindowsAgentCommon::Log m_log;
   const std::int64_t m_started;
   MessageRing m_messages;
 
-  // Held while streams are asked. Taken before m_lock.
+  // Held while streams and statistics are asked. Taken before m_lock.
   std::mutex m_streamsLock;
   // Guarded by m_streamsLock:
   std::vector<std::shared_ptr<Watched>> m_streams;
+  // As they may be shown.
   std::vector<std::string> m_fileTroubles;
   std::vector<StreamTrouble> m_streamTroubles;
 
   mutable std::mutex m_lock;
   // Guarded by m_lock:
   std::shared_ptr<const AgentState> m_state;
-  History m_history;
+  HistoryKeeper m_history;
   bool m_stop = false;
 
   std::condition_variable m_stopped;

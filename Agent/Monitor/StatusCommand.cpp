@@ -159,24 +159,33 @@ Client::Response Ask(const Target& target, const std::string& place) {
   }
 }
 
+// The code, and the first line of what it comes with, without its full stop.
+std::string Describe(const Client::Response& response) {
+  constexpr std::size_t kShown = 200;
+  const std::string& body = response.body();
+  std::string line = body.substr(0, std::min(body.find_first_of("\r\n"), kShown));
+  if (line.ends_with('.')) {
+    line.pop_back();
+  }
+  return std::to_string(response.result_int()) + (line.empty() ? "" : ": " + Printable(line));
+}
+
+// What is no JSON is discarded, as that is called.
 json Fetch(const Target& target, const std::string& place, std::string& text) {
   const Client::Response response = Ask(target, place);
   if (response.result() == http::status::unauthorized) {
     throw std::runtime_error(
         "the agent" + place +
         (target.token.empty()
-             ? " wants its token, and none is known: it comes from \"monitor.token\" "
-               "with --config, and from the environment variable "
-               "ORLO_MONITOR_TOKEN with --url"
+             ? " wants its token, and none is known: it comes from \"monitor.token\" with "
+               "--config, and from the environment variable ORLO_MONITOR_TOKEN with --url"
              : " has another token than the one that it was sent"));
   }
-  text = response.body();
-  json status = response.result() == http::status::ok ? json::parse(text, nullptr, false) : json();
-  if (!status.is_object() || !status.contains("healthy")) {
-    throw std::runtime_error("what answers" + place + " is no agent's monitor: it answers " +
-                             std::to_string(response.result_int()));
+  if (response.result() != http::status::ok) {
+    throw std::runtime_error("the answer" + place + " is " + Describe(response));
   }
-  return status;
+  text = response.body();
+  return json::parse(text, nullptr, false);
 }
 
 // Prints once; leaves what was fetched for the rates of the next time.

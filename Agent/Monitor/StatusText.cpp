@@ -16,19 +16,6 @@ using WindowsAgentCommon::Format;
 
 namespace {
 
-// The agent's log may hold what others have sent.
-std::string Printable(const std::string& text) {
-  std::string printable;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    const auto next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0u;
-    const bool isTwoByteControl = byte == 0xC2 && next >= 0x80 && next <= 0x9F;
-    printable += byte < 0x20 || byte == 0x7F || isTwoByteControl ? '?' : text[i];
-    i += isTwoByteControl ? 1 : 0;
-  }
-  return printable;
-}
-
 std::string GetText(const json& object, const char* key) {
   return Printable(object.value(key, std::string()));
 }
@@ -138,7 +125,7 @@ void AddStream(const json& status, const json& before, const json& stream, std::
   text += "  out       " + Grouped(events.at("delivered")) + " events" +
           Rate(status, before, stream, "delivered") + "  to " +
           DescribeEnd(stream.at("destination")) + "\n";
-  if (stream.contains("fallback") && stream.at("fallback").is_object()) {
+  if (stream.at("fallback").is_object()) {
     text += "  fallback  " + DescribeEnd(stream.at("fallback"));
     text += stream.at("fallback_since").is_number()
                 ? " gets the events since " + UtcTime(stream.at("fallback_since")) + " UTC\n"
@@ -178,6 +165,18 @@ void AddMessages(const json& messages, std::string& text) {
 }
 
 }  // namespace
+
+std::string Printable(const std::string& text) {
+  std::string printable;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const auto byte = static_cast<unsigned char>(text[i]);
+    const auto next = i + 1 < text.size() ? static_cast<unsigned char>(text[i + 1]) : 0u;
+    const bool isTwoByteControl = byte == 0xC2 && next >= 0x80 && next <= 0x9F;
+    printable += byte < 0x20 || byte == 0x7F || isTwoByteControl ? '?' : text[i];
+    i += isTwoByteControl ? 1 : 0;
+  }
+  return printable;
+}
 
 std::string MakeStatusText(const json& status, const json& before) {
   std::string text =

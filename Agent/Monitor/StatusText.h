@@ -10,4 +10,7 @@ namespace OrloAgent {
 // Throws nlohmann::json::exception if something is missing, or is not what it should be.
 std::string MakeStatusText(const nlohmann::json& status, const nlohmann::json& before);
 
+// A text that others may have sent, with a question mark for each control character.
+std::string Printable(const std::string& text);
+
 }  // namespace OrloAgent

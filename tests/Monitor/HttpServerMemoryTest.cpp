@@ -6,10 +6,12 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/read.hpp>
 #include <boost/asio/write.hpp>
+#include <chrono>
 #include <string>
 
 #include "Agent/Monitor/HttpServer.h"
 #include "tests/Monitor/FailingAllocations.h"
+#include "tests/support/LogCapture.h"
 
 namespace OrloAgent {
 namespace {
@@ -31,10 +33,13 @@ std::string Ask(std::uint16_t port) {
 TEST(HttpServerWithoutMemory, ClientForWhomThereIsNoneIsGoneAndTheNextOneIsServed) {
   MonitorOptions options;
   options.host = "127.0.0.1";
+  const TestSupport::LogCapture log;
   const HttpServer server(options, [](const std::string&, const std::string&) {
     return HttpAnswer{200, "text/plain", "here"};
   });
+  // What fails in the first round is logged; what fails later belongs to its row.
   for (int failures = 1; failures <= 8; ++failures) {
+    const auto begun = std::chrono::steady_clock::now();
     TestSupport::allocationFailures = failures;
     // As many clients as it takes: each of them meets at least one failure.
     for (int client = 0; client < 100 && TestSupport::allocationFailures > 0; ++client) {
@@ -43,6 +48,9 @@ TEST(HttpServerWithoutMemory, ClientForWhomThereIsNoneIsGoneAndTheNextOneIsServe
     ASSERT_EQ(TestSupport::allocationFailures, 0);
     const std::string answer = Ask(server.GetPort());
     ASSERT_TRUE(answer.ends_with("here")) << failures << ": " << answer;
+    ASSERT_GE(std::chrono::steady_clock::now() - begun, std::chrono::milliseconds(100))
+        << "what fails at once is not tried at once";
+    ASSERT_EQ(log.Lines().size(), 1u);
   }
 }
 

@@ -50,6 +50,40 @@ class DividedDestination : public IdleDestination {
   const IdleDestination m_second;
 };
 
+// Sends an event, and has it counted by a stage, whenever it is asked.
+class BusyDestination : public IdleDestination {
+ public:
+  explicit BusyDestination(WindowsAgentCommon::StatisticsServer& statistics) {
+    statistics.CreateGroup("G", "P", m_group);
+    m_group->DeclareStatistic("Sent", "", WindowsAgentCommon::StatisticValue(7, std::int64_t{0}));
+    statistics.RegisterGroup(m_group);
+    m_group->Publish();
+  }
+  std::uint64_t GetUnsentEvents() const override {
+    m_group->UpdateStatistic("Sent", WindowsAgentCommon::StatisticValue(7, ++m_sent), false);
+    return 0;
+  }
+
+ private:
+  std::shared_ptr<WindowsAgentCommon::IStatisticsGroup> m_group;
+  mutable std::int64_t m_sent = 0;
+};
+
+// Can't be asked for a while.
+class FailingDestination : public IdleDestination {
+ public:
+  std::uint64_t GetUnsentEvents() const override {
+    if (isFailing) {
+      ++failures;
+      throw std::runtime_error("no memory");
+    }
+    return 0;
+  }
+
+  std::atomic<bool> isFailing{false};
+  mutable std::atomic<int> failures{0};
+};
+
 class SamplerTest : public testing::Test {
  protected:
   SamplerTest() {
@@ -57,31 +91,33 @@ class SamplerTest : public testing::Test {
     disk.dataDirectory = WindowsAgentCommon::ToWide(m_directory.Path().string());
     disk.quota = 100'000;
     m_disk = std::make_shared<WindowsAgentCommon::DiskManager>(disk);
-    m_sampler = std::make_unique<Sampler>(
-        Sampler::Surroundings{std::make_shared<WindowsAgentCommon::StatisticsServer>(), m_disk,
-                              m_directory.Path(), "1.2.3", std::chrono::seconds(30)});
+    m_sampler = std::make_unique<Sampler>(Sampler::Surroundings{
+        m_statistics, m_disk, m_directory.Path(), "1.2.3", std::chrono::seconds(30)});
     m_options.name = "S";
     m_options.sources = {StdinSourceOptions{}, StdinSourceOptions{}};
     m_options.destination = FileDestinationOptions{"out.log", {}};
   }
 
+  static void WaitUntil(const std::function<bool()>& condition) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!condition()) {
+      ASSERT_LT(std::chrono::steady_clock::now(), end) << "not within a minute";
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  }
+
   // The first state of which that is true.
   std::shared_ptr<const AgentState> WaitFor(
       const std::function<bool(const AgentState&)>& condition) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (std::chrono::steady_clock::now() < end) {
-      auto state = m_sampler->GetState();
-      if (condition(*state)) {
-        return state;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    ADD_FAILURE() << "not within a minute";
-    return m_sampler->GetState();
+    std::shared_ptr<const AgentState> state;
+    WaitUntil([&] { return condition(*(state = m_sampler->GetState())); });
+    return state;
   }
 
   TestSupport::LogCapture m_log;
   TestSupport::TemporaryDirectory m_directory;
+  const std::shared_ptr<WindowsAgentCommon::StatisticsServer> m_statistics{
+      std::make_shared<WindowsAgentCommon::StatisticsServer>()};
   std::shared_ptr<WindowsAgentCommon::DiskManager> m_disk;
   std::unique_ptr<Sampler> m_sampler;
   StreamOptions m_options;
@@ -162,6 +198,50 @@ TEST_F(SamplerTest, AConfigurationThatIsNotInUseIsAProblemUntilOneIs) {
   const auto good = WaitFor([](const AgentState& state) { return state.isConfigurationTaken; });
   EXPECT_TRUE(good->IsHealthy());
   EXPECT_EQ(good->streamsNotRunning, 0u);
+  m_sampler->RemoveStream("S");
+}
+
+TEST_F(SamplerTest, TroublesAreShownWithoutSecrets) {
+  WindowsAgentCommon::LoggerFactory::AddSecrets({"SeCrEt-word"});
+  m_sampler->SetTroubles({"f: SeCrEt-word"}, {{"T", false, "no: SeCrEt-word"}});
+  m_sampler->Start();
+  EXPECT_THAT(m_sampler->GetState()->problems,
+              testing::ElementsAre("f: (hidden)", "stream T: no: (hidden)"));
+}
+
+TEST_F(SamplerTest, StatisticsAreOlderThanWhatTheDestinationsSay) {
+  const CountingSource source;
+  const BusyDestination destination(*m_statistics);
+  m_options.sources.pop_back();
+  m_sampler->AddStream(m_options, {&source}, destination, 0);
+  m_sampler->Start();
+  const auto state = m_sampler->GetState();
+  ASSERT_EQ(state->statistics.size(), 1u);
+  EXPECT_EQ(state->statistics[0].GetInteger("Sent"), 0);
+  EXPECT_GT(m_statistics->GetSnapshot().at(0).GetInteger("Sent"), 0);
+  m_sampler->RemoveStream("S");
+}
+
+TEST_F(SamplerTest, ThatItCanNotLookIsSaidOnceUntilItCan) {
+  const CountingSource source;
+  FailingDestination destination;
+  m_options.sources.pop_back();
+  m_sampler->AddStream(m_options, {&source}, destination, 0);
+  m_sampler->Start();
+  const auto count = [this] {
+    return m_log.Count(WindowsAgentCommon::LogLevel::Error,
+                       "The agent can't look at itself: no memory.");
+  };
+  for (std::size_t row = 1; row <= 2; ++row) {
+    const int before = destination.failures;
+    destination.isFailing = true;
+    // Behind the second of them, the first has been dealt with.
+    WaitUntil([&] { return destination.failures >= before + 3; });
+    EXPECT_EQ(count(), row);
+    destination.isFailing = false;
+    const auto last = m_sampler->GetState()->looked;
+    WaitFor([&](const AgentState& state) { return state.looked > last; });
+  }
   m_sampler->RemoveStream("S");
 }
 

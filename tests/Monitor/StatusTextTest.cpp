@@ -51,6 +51,14 @@ TEST(StatusText, ProblemsStandWithTheirStream) {
   EXPECT_THAT(text, HasSubstr("S: degraded\n  ! stuck\n"));
 }
 
+TEST(StatusText, AStatusThatLacksSomethingIsNoStatus) {
+  for (const char* const key : {"fallback", "schedule", "memory"}) {
+    json status = ToJson(MakeState());
+    status["streams"][0].erase(key);
+    EXPECT_THROW(MakeStatusText(status, json()), json::exception) << key;
+  }
+}
+
 TEST(StatusText, RatesComeFromAnEarlierStatus) {
   AgentState later = MakeState();
   later.sampled += 2'000;

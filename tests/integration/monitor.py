@@ -220,14 +220,14 @@ class StatusCommand(MonitorTest):
         self.assertEqual(asked.returncode, 2)
         self.assertIn(f"no agent answers at 127.0.0.1 port {port}", asked.stderr)
         broken.write_text("monitor: { listen: [\n")
-        self.assertIn("broken.yaml:", self.run_with("--config", str(broken)).stderr)
+        refused = self.run_with("--config", str(broken))
+        self.assertEqual(refused.returncode, 2)
+        self.assertIn("broken.yaml:", refused.stderr)
 
     def test_what_answers_and_is_no_agent_is_said(self):
         another = "is no agent's monitor, or one of another version"
-        for body, said in ((b"{}", "is no agent's monitor: it answers 200"),
-                           (b'{"healthy":true}', another),
-                           (b'{"healthy":true,"problems":[],"version":"1","sampled":1,"started":1}',
-                            another)):
+        for body in (b"", b"nothing like it", b"{}", b'{"healthy":true}',
+                     b'{"healthy":true,"problems":[],"version":"1","sampled":1,"started":1}'):
             with self.subTest(body), socket.create_server(("127.0.0.1", 0)) as other:
                 def answer():
                     client, _ = other.accept()
@@ -240,7 +240,19 @@ class StatusCommand(MonitorTest):
                 asked = self.run_with("--url", f"http://127.0.0.1:{other.getsockname()[1]}")
                 thread.join(support.LIMIT)
                 self.assertEqual(asked.returncode, 2)
-                self.assertIn(said, asked.stderr)
+                self.assertIn(another, asked.stderr)
+
+    def test_answer_that_refuses_is_shown(self):
+        agent = self.start_monitored(
+            self.stream(support.SYSLOG_SOURCE, "{ type: file, path: ./out.log }"))
+        port = self.monitor_port(agent)
+        # That leads to the agent like a name, which needs a name service, and is none of those that
+        # it answers to.
+        refused = self.run_with("--url", f"http://127.1:{port}")
+        self.assertEqual(refused.returncode, 2)
+        self.assertEqual(refused.stderr,
+                         f"orlo-agent status: the answer at 127.1 port {port} is 421: "
+                         "Ask for an address or for localhost, not for another name.\n")
 
     def test_configuration_that_names_no_address_is_said(self):
         stream = self.stream(support.SYSLOG_SOURCE, "{ type: file, path: ./out.log }")

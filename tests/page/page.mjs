@@ -164,14 +164,15 @@ try {
   await checkReload(page, card);
   await checkOldFigures(page);
   await checkClockThatWasPutBack(page);
-  await checkToken(page);
+  await checkFallback(page, card);
+  await checkErrors(page);
   await checkSilence(page);
 
   agent.process.kill();
   await until(async () => (await page.locator("#health").textContent()) === "no answer", "no answer");
   assert.deepEqual(foreign, []);
-  // That the agent does not answer any more, or wants its token, is said by the browser, too.
-  assert.deepEqual(complaints.filter((one) => !/ERR_CONNECTION|status of 401/.test(one)), []);
+  // That the agent does not answer any more, or answers with an error, is said by the browser, too.
+  assert.deepEqual(complaints.filter((one) => !/ERR_CONNECTION|status of (401|500)/.test(one)), []);
   console.log(`page: ${sent} events through an outage, all seen`);
 } finally {
   clearInterval(feeder);
@@ -255,16 +256,37 @@ async function checkOldFigures(page) {
   await until(async () => (await page.locator("#health").textContent()) === "healthy", "healthy");
 }
 
-// What seems to lie in the future keeps nothing out.
+// What was seen before the clock was put back, and seems to lie in the future now, keeps nothing out.
 async function checkClockThatWasPutBack(page) {
   const last = () => page.evaluate(() => streams.get("Firewall").points.at(-1).time);
   const before = await last();
-  await page.evaluate(() => {
-    const points = streams.get("Firewall").points;
-    points.push({ ...points.at(-1), time: points.at(-1).time + 600e3 });
-  });
   const future = before + 500e3;
+  await page.route("**/history*", async (route) => {
+    const answer = await route.fetch();
+    const history = await answer.json();
+    for (const column of Object.values(history.Firewall ?? {})) column.push(column.at(-1) ?? 0);
+    history.Firewall?.time.splice(-1, 1, before + 600e3);
+    await route.fulfill({ response: answer, json: history });
+  });
+  await until(async () => await last() > future, "a point of the future");
+  await page.unroute("**/history*");
   await until(async () => before < await last() && await last() < future, "the points go on");
+}
+
+// The line of the ends names a fallback, and whether it is used.
+async function checkFallback(page, card) {
+  const ends = () => card.locator(".ends").textContent();
+  assert.doesNotMatch(await ends(), /fallback/);
+  let since = null;
+  const end = await changeStatus(page, (status) => {
+    const stream = status.streams.find((one) => one.name === "Firewall");
+    Object.assign(stream, { fallback: { type: "file", name: "aside.log" }, fallback_since: since });
+  });
+  assert.match(await ends(), /→ syslog tcp:.*; fallback file aside\.log, not used$/);
+  since = 1.7e9;
+  await until(async () => /fallback file aside\.log, since \d\d:\d\d:\d\d$/.test(await ends()), "its time");
+  await end();
+  await until(async () => !/fallback/.test(await ends()), "no fallback");
 }
 
 // An agent that hangs has not answered, however long one waits.
@@ -275,13 +297,16 @@ async function checkSilence(page) {
   await until(async () => (await page.locator("#health").textContent()) === "healthy", "an answer");
 }
 
-// Without the token the page says what to do, and goes on when it is let in.
-async function checkToken(page) {
-  await page.route("**/status", (route) => route.fulfill({ status: 401, body: "no" }));
-  await until(async () => (await page.locator("#health").textContent()) === "no entry", "no entry");
-  assert.match(await page.locator("#problems").textContent(), /wants its token/);
-  await page.unroute("**/status");
-  await until(async () => (await page.locator("#health").textContent()) === "healthy", "let in");
+// Without the token the page says what to do; another error is an answer. It goes on when it can.
+async function checkErrors(page) {
+  for (const [status, health, problem] of [[401, "no entry", /wants its token/],
+    [500, "error 500", /^The agent answers with error 500\. What is shown/]]) {
+    await page.route("**/status", (route) => route.fulfill({ status, body: "no" }));
+    await until(async () => (await page.locator("#health").textContent()) === health, health);
+    assert.match(await page.locator("#problems").textContent(), problem);
+    await page.unroute("**/status");
+    await until(async () => (await page.locator("#health").textContent()) === "healthy", "let in");
+  }
 }
 
 // Both themes, and the width of a phone.
