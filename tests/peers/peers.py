@@ -12,10 +12,12 @@ import subprocess
 import sys
 import tempfile
 
+# The program's own first; behind it what it needs and a small Debian has not.
 PACKAGES = {
     "rsyslog": ["rsyslog", "rsyslog-relp", "rsyslog-openssl", "rsyslog-gnutls", "librelp0",
                 "libestr0", "libfastjson4", "liblognorm5"],
-    "syslog-ng": ["syslog-ng-core", "libivykis0", "libnet1", "libwrap0"],
+    "syslog-ng": ["syslog-ng-core", "libivykis0", "libnet1", "libwrap0", "libglib2.0-0", "libpcre3",
+                  "libjson-c5"],
 }
 
 
@@ -101,6 +103,10 @@ class Peer:
 
     def messages(self):
         return self._messages.read_text(errors="replace")
+
+    def expect_running(self):
+        if self.process.poll() is not None:
+            raise AssertionError(f"{self._command[0]} has ended:\n{self.messages()}")
 
     def kill(self):
         self.process.send_signal(signal.SIGKILL)

@@ -87,7 +87,11 @@ class SendersTest(support.AgentTest):
         sender = peers.Peer(program, self.directory, config)
         self.addCleanup(sender.stop)
         sender.start()
-        support.wait_until(source.path.exists, "the socket")
+
+        def listens():
+            sender.expect_running()
+            return source.path.exists()
+        support.wait_until(listens, "the socket")
         source.send()
         for kind in kinds:
             self.expect(kind, kind.split("-")[1])
