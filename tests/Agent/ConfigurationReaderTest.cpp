@@ -6,6 +6,7 @@
 #include <map>
 #include <optional>
 
+#include "Agent/ShownForms.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace {
@@ -332,8 +333,11 @@ TEST(Configuration, EveryKeyOfRotationIsRead) {
 // What tests may refer to.
 OrloAgent::References TestReferences() {
   return {[](const std::string& name) -> std::optional<std::string> {
-            static const std::map<std::string, std::string> variables{
-                {"HOST", "log.example"}, {"PORT", "70000"}, {"EMPTY", ""}, {"WORD", "SeCrEtWoRd"}};
+            static const std::map<std::string, std::string> variables{{"HOST", "log.example"},
+                                                                      {"PORT", "70000"},
+                                                                      {"EMPTY", ""},
+                                                                      {"WORD", "SeCrEtWoRd"},
+                                                                      {"ADDRESS", "[0:0::1]:9464"}};
             const auto found = variables.find(name);
             return found == variables.end() ? std::nullopt : std::optional(found->second);
           },
@@ -356,7 +360,9 @@ TEST(ConfigurationReferences, AreReplacedInEveryKindOfValueAndRememberedAsSecret
 data_directory: ${WORD}/data
 streams:
   - name: One
-    source: { type: syslog, listen: "tcp://${HOST}:514" }
+    source:
+      - { type: syslog, listen: "tcp://${HOST}:514" }
+      - { type: file, path: "${WORD}/logs/*.log" }
     stages:
       - module: StoreAndForwardStage
         settings: { Schedule.Interval: [ "${file:word.txt}", "a$${b} $x" ] }
@@ -378,6 +384,18 @@ streams:
     EXPECT_TRUE(configuration.secrets.contains(secret)) << secret;
   }
   EXPECT_FALSE(configuration.secrets.contains("a${b} $x"));
+  for (const std::string& form : OrloAgent::GetShownFormsOfPattern("SeCrEtWoRd/logs/*.log")) {
+    EXPECT_TRUE(configuration.secrets.contains(form)) << form;
+  }
+}
+
+TEST(ConfigurationReferences, TheMonitorsAddressIsRememberedInEveryForm) {
+  const Configuration configuration =
+      ParseConfiguration("monitor: { listen: \"${ADDRESS}\" }\n" + kStream, TestReferences());
+  ASSERT_TRUE(configuration.mistakes.empty()) << ToText(configuration.mistakes[0], "f");
+  for (const char* secret : {"[0:0::1]:9464", "[::1]:9464", "::1"}) {
+    EXPECT_TRUE(configuration.secrets.contains(secret)) << secret;
+  }
 }
 
 TEST(ConfigurationReferences, ThatLeadNowhereAreNamed) {

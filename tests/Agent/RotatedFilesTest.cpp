@@ -122,7 +122,7 @@ TEST_F(RotatedFilesTest, AFileThatIsNotThereIsAnErrorAndNothingElse) {
   RotatedFiles files(m_file, {}, "S");
   std::error_code error;
   files.Close(error);
-  EXPECT_TRUE(error);
+  EXPECT_EQ(error, std::errc::no_such_file_or_directory) << error.message();
   EXPECT_TRUE(files.Find().empty());
 }
 

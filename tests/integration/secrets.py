@@ -160,8 +160,9 @@ class Secrets(support.AgentTest):
         self.assertIn('The log file "(hidden)" can\'t be opened', text)
 
     def test_an_address_is_hidden_in_every_form_that_messages_give_it(self):
-        address, part = (("[0:0:0:0:0:0:0:01]:00000", "0:0:0:01") if has_address("::1")
-                         else ("127.0.0.1:00000", "127.0.0.1:0"))
+        host, address, part = (
+            ("::1", "[0:0:0:0:0:0:0:01]:00000", "0:0:0:01") if has_address("::1")
+            else ("127.0.0.1", "127.0.0.1:00000", "127.0.0.1:0"))
         os.environ["ORLO_TEST_LISTEN"] = f"tcp://{address}"
         os.environ["ORLO_TEST_TARGET"] = f"tcp://{SECRET}.invalid:00514"
         config = self.configure(self.stream(
@@ -172,11 +173,18 @@ class Secrets(support.AgentTest):
         self.assertIn("receive_buffer: has no meaning for (hidden)", text)
         self.assertNotIn(part, text)
         config.write_text(config.read_text().replace(", receive_buffer: 4KiB", ""))
-        agent = self.start(config)
-        agent.wait_for(r"Listening on")
-        self.assertEqual(agent.stop(), 0)
+        agent = self.start(config, abandons=True)
+        # Only an event makes the agent look for the target, and name it.
+        with socket.create_connection((host, agent.port())) as client:
+            client.sendall(b"waits\n")
+        agent.wait_for(r"Warn .*\(hidden\) can't be reached")
+        agent.signal()
+        agent.wait_for("stopping")
+        agent.signal()
+        self.assertEqual(agent.wait(), 0)
         text = self.expect_hidden("\n".join(agent.lines))
         self.assertNotIn(part, text)
+        self.assertNotIn("invalid", text)
 
     def test_a_directory_is_hidden_in_its_absolute_form(self):
         os.environ["ORLO_TEST_DATA"] = f"./{SECRET}-data/"
