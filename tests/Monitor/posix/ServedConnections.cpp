@@ -1,4 +1,4 @@
-#include "tests/Monitor/ServedConnections.h"
+#include "tests/Monitor/posix/ServedConnections.h"
 
 #include <netinet/in.h>
 #include <sys/socket.h>
