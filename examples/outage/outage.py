@@ -41,26 +41,30 @@ class Receiver:
 
     def __init__(self):
         self.received = bytearray()
-        self._hold(0)
-
-    def _hold(self, port):
-        self._socket = socket.socket()
-        self._socket.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        self._socket.bind(("127.0.0.1", port))
-        self.port = self._socket.getsockname()[1]
+        self.port = 0
         self._connections = []
+        self._socket = self._take_port()
+        self.port = self._socket.getsockname()[1]
+
+    def _take_port(self):
+        taken = socket.socket()
+        taken.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        taken.bind(("127.0.0.1", self.port))
+        return taken
 
     def open(self):
-        self._socket.listen()
-        threading.Thread(target=self._accept, args=(self._socket,), daemon=True).start()
+        # The next one keeps the port when this one is closed. It has to be there before this listens.
+        self._listener, self._socket = self._socket, self._take_port()
+        self._listener.listen()
+        threading.Thread(target=self._accept, args=(self._listener,), daemon=True).start()
 
     def close(self):
-        self._socket.shutdown(socket.SHUT_RDWR)
-        self._socket.close()
+        self._listener.shutdown(socket.SHUT_RDWR)
+        self._listener.close()
         # The agent sees that and sends no more; what is on its way is still taken.
         for connection in self._connections:
             connection.shutdown(socket.SHUT_WR)
-        self._hold(self.port)
+        self._connections = []
 
     def _accept(self, listener):
         while True:

@@ -229,15 +229,16 @@ TEST_F(FallbackDestinationTest, AFirstThatOnlyTakesAnEventIsNotHandedBackTo) {
 }
 
 TEST_F(FallbackDestinationTest, WhatIsToBeSentAgainIsNoSignOfSending) {
-  Make(milliseconds(50), milliseconds(1));
+  Make(milliseconds(300), milliseconds(1));
   m_first.keeps = true;
   for (const char* event : {"a", "b", "c"}) {
     Deliver(event);
   }
   ASSERT_TRUE(WaitUntil([&] { return Put("d") && !m_second.events.empty(); }));
   const std::size_t taken = m_first.events.size();
-  // Acknowledged out of order, forgotten with the connection, and acknowledged so once more.
-  for (const std::uint64_t unsent : {taken - 2, taken, taken - 2, taken}) {
+  // Acknowledged out of order, forgotten with the connection, and acknowledged so once more. On a
+  // busy machine it may have got no more than one.
+  for (const std::uint64_t unsent : {std::size_t{1}, taken, std::size_t{1}, taken}) {
     m_first.unsent = unsent;
     Deliver("e");
   }
@@ -277,9 +278,8 @@ TEST_F(FallbackDestinationTest, RefusingAndStoppingReachesBoth) {
   m_destination->Initialize({});
   EXPECT_EQ(m_first.initialized + m_second.initialized, 2);
   m_destination->Refuse();
-  const auto begin = std::chrono::steady_clock::now();
   EXPECT_FALSE(Put("a"));
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(3));
+  EXPECT_EQ(m_first.offers, 1) << "nothing is waited for";
   m_destination->Stop();
   EXPECT_EQ(m_first.stopped + m_second.stopped, 2);
 }

@@ -153,6 +153,8 @@ TEST_F(TcpChannelTest, AConnectionThatIsResetBreaksTheWriteAndIsReported) {
     tcp::socket peer = m_acceptor.accept();
     peer.set_option(tcp::socket::linger(true, 0));
   }
+  // However late the next attempt is, nobody listens any more.
+  m_acceptor.close();
   EXPECT_TRUE(WaitUntil([&] { return channel->Write("x", milliseconds(0)).broken; }));
   EXPECT_EQ(channel->Prepare(true), IChannel::Readiness::NotReady);
   EXPECT_EQ(log.Lines().back().level, LogLevel::Warn);

@@ -35,9 +35,7 @@ class CacheTool(support.AgentTest):
         self.config = self.configure(
             self.stream(support.SYSLOG_SOURCE, support.syslog_target(self.port.number)), drain="1s")
         agent = self.start(self.config)
-        support.send(agent.port(), b"held\n")
-        agent.wait_for(r"\(near\)")
-        agent.wait_for("can't be reached")
+        self.hold_one(agent)
         return agent
 
     def cache_events(self, agent, first, count):

@@ -47,9 +47,14 @@ class Clients(support.AgentTest):
             socket.create_connection(("127.0.0.1", self.port), timeout=support.LIMIT).close()
         good.sendall(b"after\n")
         silent.sendall(b"not dead\n")
+        # A stop listens for a second only. Connections are taken one after the other: when this one's
+        # event is there, so are all before it.
+        support.send(self.port, b"last\n")
+        support.wait_until(lambda: self.output.exists()
+                           and self.output.read_bytes().count(b"\n") >= 4, "every event")
         lines = self.delivered().split(b"\n")
-        self.assertEqual(sorted(lines), [b"", b"after", b"before", b"not dead"])
-        self.assertTrue(self.agent.find(r"3 events came over 1002 connections"), self.agent.lines)
+        self.assertEqual(sorted(lines), [b"", b"after", b"before", b"last", b"not dead"])
+        self.assertTrue(self.agent.find(r"4 events came over 1003 connections"), self.agent.lines)
 
     def test_an_endless_line_is_cut_and_takes_no_memory(self):
         before = self.resident_bytes()

@@ -144,11 +144,10 @@ class DatagramDestination(support.AgentTest):
         self.assertEqual(agent.stop(), 0)
 
     def test_nobody_at_the_port_costs_one_event_and_holds_the_others(self):
-        refusal = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        refusal.bind(("127.0.0.1", 0))
-        port = refusal.getsockname()[1]
-        refusal.close()
-        agent = self.start_to(port)
+        # A port that is taken, by one who listens to nobody but itself.
+        refusal = self.receiver_socket()
+        refusal.connect(refusal.getsockname())
+        agent = self.start_to(refusal.getsockname()[1])
         support.send(agent.port(), b"lost\nheld\nheld\n")
         agent.wait_for("nobody listens there, so an event that was sent is lost")
         self.assertEqual(agent.stop(), 0)

@@ -5,26 +5,16 @@ import socket
 import support
 
 
-class SecondReceiver(support.Receiver):
-    """Listens on a port that another receiver had."""
-
-    def __init__(self, number):
-        class Port:
-            @staticmethod
-            def take():
-                taken = socket.socket()
-                taken.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-                taken.bind(("127.0.0.1", number))
-                return taken
-        super().__init__(Port())
-
-
 class Fallback(support.AgentTest):
     def test_an_outage_sends_events_to_the_fallback_and_the_return_hands_them_back(self):
         port = self.refusing_port()
+        # For when the receiver is gone.
+        same_port = self.refusing_port(port.number)
+        # Between two chunks there is time for the next attempt.
         config = self.configure(
-            self.stream(support.SYSLOG_SOURCE, support.syslog_target(port.number))
-            + "    fallback: { after: 2s, retry: 1s, destination: "
+            self.stream(support.SYSLOG_SOURCE, support.syslog_target(port.number),
+                        settings={"DataChunkPeriod": 15})
+            + "    fallback: { after: 2s, retry: 5s, destination: "
             "{ type: file, path: fallback.log } }\n")
         output = self.directory / "fallback.log"
         agent = self.start(config)
@@ -59,8 +49,7 @@ class Fallback(support.AgentTest):
         self.assertEqual(given, (third + fourth)[waiting:])
 
         # It comes once more, gets what waits for it, and then what follows.
-        again = SecondReceiver(receiver.port)
-        self.addCleanup(again.close)
+        again = self.receiver(same_port)
         self.assertEqual(again.wait_for_lines(waiting), third[:waiting])
         fifth = support.numbered(2000, 500)
         support.send(agent.port(), support.as_lines(fifth))

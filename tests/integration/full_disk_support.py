@@ -100,9 +100,3 @@ class FullDiskTest(support.AgentTest):
 
     def wait_for_lost(self, agent, count):
         support.wait_until(lambda: sum(self.lost(agent)) == count, f"{count} events lost")
-
-    def hold_one(self, agent):
-        """The sender holds one event, so that all that follow go to the cache."""
-        self.send(agent, [b"held"])
-        agent.wait_for(r"\(near\)")
-        agent.wait_for("can't be reached")

@@ -66,8 +66,7 @@ class Interchange(support.AgentTest):
         ports = [self.refusing_port().number for _ in STREAMS]
         agent = self.start(self.configure_streams(ports, "1s"), abandons=True)
         for name in STREAMS:
-            support.send(agent.port(name), b"held\n")
-            agent.wait_for(rf"Incoming\.{name}: .*\(near\)")
+            self.hold_one(agent, name)
         for chunk in range(CHUNKS):
             for name in STREAMS:
                 support.send(agent.port(name), support.as_lines(events(name, chunk)))

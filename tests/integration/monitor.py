@@ -2,6 +2,7 @@
 
 import json
 import re
+import select
 import socket
 import subprocess
 import threading
@@ -23,25 +24,25 @@ class Monitor(MonitorTest):
         self.assertEqual(self.run_status(agent).returncode, 0)
 
         events = support.numbered(0, 300)
-        support.send(agent.port(), support.as_lines(events[:100]))
-        support.wait_until(lambda: self.stream_of(agent)["memory"]["pending_events"] == 100,
-                           "the first chunk is with the sender")
-        support.send(agent.port(), support.as_lines(events[100:]))
-        support.wait_until(lambda: self.stream_of(agent)["cache"]["events"] == 200,
+        self.hold_one(agent)
+        support.wait_until(lambda: self.stream_of(agent)["memory"]["pending_events"] == 1,
+                           "the first event is with the sender")
+        support.send(agent.port(), support.as_lines(events))
+        support.wait_until(lambda: self.stream_of(agent)["cache"]["events"] == 300,
                            "the others are in the cache")
         self.wait_for_problem(agent, r"^the destination has refused events for \d+ s$")
         self.assert_backlog(agent)
 
         receiver = self.receiver(port)
-        self.assertEqual(receiver.wait_for_lines(300), events)
+        self.assertEqual(receiver.wait_for_lines(301), [b"held"] + events)
         self.wait_for_health(agent)
         support.wait_until(lambda: self.stream_of(agent)["cache"]["events"] == 0, "the drain")
         metrics = self.metrics(agent)
         self.assertEqual(
             [metrics[f'orlo_stream_chunk_events_total{{stream="Default",way="{way}"}}']
-             for way in ("near", "spill", "far")], [100, 200, 200])
+             for way in ("near", "spill", "far")], [1, 300, 300])
         self.assertEqual(metrics['orlo_stage_events_outgoing_total{stream="Default",'
-                                 'stage="StoreAndForwardStage"}'], 300)
+                                 'stage="StoreAndForwardStage"}'], 301)
         self.assertEqual(self.run_status(agent).returncode, 0)
         agent.stop()
         gone = self.run_status(agent)
@@ -50,7 +51,7 @@ class Monitor(MonitorTest):
 
     def assert_backlog(self, agent):
         metrics = self.metrics(agent)
-        self.assertEqual(metrics['orlo_stream_cache_events{stream="Default"}'], 200)
+        self.assertEqual(metrics['orlo_stream_cache_events{stream="Default"}'], 300)
         self.assertEqual(metrics['orlo_stream_cache_chunks{stream="Default"}'],
                          len(self.chunks()))
         self.assertEqual(metrics['orlo_stream_cache_bytes{stream="Default"}'],
@@ -65,10 +66,10 @@ class Monitor(MonitorTest):
         shown = self.run_status(agent)
         self.assertEqual(shown.returncode, 1)
         self.assertIn("! the destination has refused events for", shown.stdout)
-        self.assertRegex(shown.stdout, r"cache +200 events in \d+ chunk")
+        self.assertRegex(shown.stdout, r"cache +300 events in \d+ chunk")
         answered = self.run_status(agent, "--json")
         self.assertEqual(answered.returncode, 1)
-        self.assertEqual(json.loads(answered.stdout)["streams"][0]["cache"]["events"], 200)
+        self.assertEqual(json.loads(answered.stdout)["streams"][0]["cache"]["events"], 300)
 
     def test_every_published_statistic_is_a_metric_with_its_description(self):
         agent = self.start_monitored(
@@ -235,7 +236,8 @@ class StatusCommand(MonitorTest):
                         client.recv(4096)
                         client.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\n\r\n%s"
                                        % (len(body), body))
-                thread = threading.Thread(target=answer)
+                other.settimeout(support.LIMIT)
+                thread = threading.Thread(target=answer, daemon=True)
                 thread.start()
                 asked = self.run_with("--url", f"http://127.0.0.1:{other.getsockname()[1]}")
                 thread.join(support.LIMIT)
@@ -297,11 +299,17 @@ class StatusCommand(MonitorTest):
         self.addCleanup(watching.kill)
 
         def wait_for(text, times):
-            shown = b""
-            while shown.count(text) < times:
-                read = watching.stdout.read1(1 << 16)
-                self.assertTrue(read, "it ended by itself")
-                shown += read
+            shown = bytearray()
+
+            def look():
+                # Not read1 alone, which could wait for ever.
+                if select.select([watching.stdout], [], [], 0)[0]:
+                    read = watching.stdout.read1(1 << 16)
+                    self.assertTrue(read, "it ended by itself")
+                    shown.extend(read)
+                return shown.count(text) >= times
+
+            support.wait_until(look, f"{text!r}")
         wait_for(b"\x1b[H\x1b[Jorlo-agent ", 2)
         self.assertEqual(agent.stop(), 0)
         wait_for(b"no agent answers at 127.0.0.1", 1)

@@ -13,10 +13,7 @@ class ReceiverAway(support.AgentTest):
             self.stream(support.SYSLOG_SOURCE, support.syslog_target(port.number)), drain="1s")
 
         agent = self.start(config, abandons=True)
-        # Goes to the sender, which holds it from then on: what follows must go to the disk.
-        support.send(agent.port(), b"held\n")
-        agent.wait_for(r"\(near\)")
-        agent.wait_for("can't be reached")
+        self.hold_one(agent)
         events = support.numbered(0, 100_000)
         support.send(agent.port(), support.as_lines(events))
         self.wait_for_cached(100_000)
@@ -41,8 +38,7 @@ class ReceiverAway(support.AgentTest):
         config = self.configure(
             self.stream(support.SYSLOG_SOURCE, support.syslog_target(port.number)), drain="1s")
         agent = self.start(config)
-        support.send(agent.port(), b"held\n")
-        agent.wait_for(r"\(near\)")
+        self.hold_one(agent)
         events = support.numbered(0, 5_000)
         support.send(agent.port(), support.as_lines(events))
         self.wait_for_cached(5_000)
@@ -61,8 +57,7 @@ class ReceiverAway(support.AgentTest):
         config = self.configure(
             self.stream(support.SYSLOG_SOURCE, support.syslog_target(port.number)))
         agent = self.start(config)
-        support.send(agent.port(), b"held\n")
-        agent.wait_for(r"\(near\)")
+        self.hold_one(agent)
         events = support.numbered(0, 2_000)
         support.send(agent.port(), support.as_lines(events))
         self.wait_for_cached(2_000)
@@ -80,8 +75,7 @@ class ReceiverAway(support.AgentTest):
             self.stream(support.SYSLOG_SOURCE, support.syslog_target(good.port), name="There"),
             drain="1s")
         agent = self.start(config, abandons=True)
-        support.send(agent.port("Away"), b"held\n")
-        agent.wait_for(r"Incoming\.Away: .*\(near\)")
+        self.hold_one(agent, "Away")
         events = support.numbered(0, 3_000)
         support.send(agent.port("Away"), support.as_lines(events))
         support.send(agent.port("There"), support.as_lines(events))

@@ -1,6 +1,7 @@
 """SIGHUP with each kind of end: sources that stay the same keep what they have while the rest of their
 stream changes, sections that change take effect, and nothing is lost, doubled or out of order."""
 
+import os
 import signal
 import socket
 import ssl
@@ -146,13 +147,14 @@ class ReloadEnds(ReloadTest):
     def test_a_fallback_that_is_in_use_goes_on_with_the_next_stream(self):
         port = self.refusing_port()
         target = support.syslog_target(port.number)
-        fallback = ("    fallback: { after: 1s, retry: 1s, "
+        # Between two chunks there is time for the next attempt.
+        fallback = ("    fallback: { after: 1s, retry: 5s, "
                     "destination: { type: file, path: fallback.log } }\n")
-        agent = self.start(self.configure_stream(destination=target, more=fallback))
+        agent = self.start(self.configure_stream(destination=target, more=fallback, period=15))
         events = support.numbered(0, 600)
         support.send(agent.port(), support.as_lines(events[:200]))
         self.wait_for_output(events[:200], self.directory / "fallback.log")
-        self.configure_stream(destination=target, more=fallback, period=6)
+        self.configure_stream(destination=target, more=fallback, period=16)
         self.reload_changed(agent)
         support.send(agent.port(), support.as_lines(events[200:400]))
         self.wait_for_output(events[:400], self.directory / "fallback.log")
@@ -206,8 +208,11 @@ class ReloadEnds(ReloadTest):
         agent = self.start(self.configure_stream())
         client = Client(agent.port(), b"one")
         support.wait_until(lambda: self.output.exists() and self.output.read_bytes(), "an event")
-        self.output.rename(self.directory / "before.log")
-        self.output.mkdir()
+        # In one step, as an agent that misses its file makes it anew.
+        os.link(self.output, self.directory / "before.log")
+        (self.directory / "folder").mkdir()
+        (self.directory / "link").symlink_to("folder")
+        (self.directory / "link").rename(self.output)
         self.configure_stream(destination="{ type: file, path: out.log/., send_timeout: 6s }")
         self.reload_changed(agent)
         self.assertTrue(agent.find("Stream Default does not run"), agent.lines)
@@ -215,7 +220,7 @@ class ReloadEnds(ReloadTest):
 
     def test_a_source_whose_stream_does_not_run_waits_until_it_does(self):
         agent, client = self.stop_a_stream_by_a_reload()
-        self.output.rmdir()
+        self.output.unlink()
         self.configure_stream(period=6)
         self.reload(agent, "0 were changed, 1 added")
         before = len(client.sent)

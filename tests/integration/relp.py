@@ -119,11 +119,10 @@ class Relp(support.AgentTest):
         receiver = self.relp_receiver(answer)
         agent = self.start_agent(receiver.port, ", window: 10, send_timeout: 100ms, ack_timeout: 5s")
         first = support.numbered(0, 100)
-        support.send(agent.port(), support.as_lines(first))
-        agent.wait_for(r"\(near\)")
+        self.fill_sender(agent, first, window=10)
         second = support.numbered(100, 1_000)
         support.send(agent.port(), support.as_lines(second))
-        self.wait_for_cached(1_000)
+        self.wait_for_rest_cached(agent, 1_100)
         self.assertEqual(receiver.events(1), first[:10])
         gate.set()
         # It has acknowledged nothing for so long that it is asked anew.
@@ -132,7 +131,7 @@ class Relp(support.AgentTest):
         self.assertEqual(agent.stop(), 0)
         self.assertEqual(agent.summary(), (1_100, 0, 0, 0))
         self.assertEqual(list(dict.fromkeys(receiver.events())), first + second)
-        self.assertEqual(len(receiver.events()), 1_110)
+        self.assertGreaterEqual(len(receiver.events()), 1_110)
 
     def test_an_answer_in_another_order_frees_the_window_when_all_before_it_are_there(self):
         kept = []
@@ -191,10 +190,9 @@ class Relp(support.AgentTest):
         self.assertEqual(len(said), 3, said)
         self.assertIn("again after", said[2])
 
-    def expect_refusal(self, answer, reason):
+    def expect_refusal(self, answer, reason, extra=""):
         receiver = self.relp_receiver(answer)
-        agent = self.start_agent(receiver.port, ", connect_timeout: 500ms", drain="1s",
-                                 abandons=True)
+        agent = self.start_agent(receiver.port, extra, drain="1s", abandons=True)
         support.send(agent.port(), b"event\n")
         agent.wait_for(rf"can't be reached \({reason}\)")
         support.wait_until(lambda: receiver.connections >= 2, "a second attempt")
@@ -217,7 +215,9 @@ class Relp(support.AgentTest):
                 def answer(_connection, _number, _command, _body, send, sent=bytes_sent):
                     send(sent)
                     return True
-                self.expect_refusal(answer, reason)
+                # One that says nothing is waited for all of that time.
+                self.expect_refusal(answer, reason,
+                                    "" if bytes_sent else ", connect_timeout: 500ms")
 
     def test_an_answer_to_what_was_not_sent_ends_the_connection_and_loses_nothing(self):
         def answer(connection, number, command, body, send):
@@ -238,12 +238,11 @@ class Relp(support.AgentTest):
         port = self.refusing_port()
         agent = self.start_agent(port.number, ", window: 100, send_timeout: 100ms")
         first = support.numbered(0, 1_000)
-        support.send(agent.port(), support.as_lines(first))
+        self.fill_sender(agent, first, window=100)
         agent.wait_for("can't be reached")
-        agent.wait_for(r"\(near\)")
         second = support.numbered(1_000, 500)
         support.send(agent.port(), support.as_lines(second))
-        self.wait_for_cached(500)
+        self.wait_for_rest_cached(agent, 1_500)
         receiver = self.relp_receiver(port=port)
         support.wait_until(lambda: len(receiver.events()) == 1_500, "every event")
         agent.wait_for(r"Connected to tcp://127\.0\.0\.1:\d+ again after")

@@ -58,8 +58,8 @@ class Rotation(support.AgentTest):
         producer.start()
         try:
             support.wait_until(
-                lambda: len([line for line in agent.lines if " is now " in line and "out.log." in line]) >= 4,
-                "four rotations")
+                lambda: len([line for line in list(agent.lines)
+                             if " is now " in line and "out.log." in line]) >= 4, "four rotations")
         finally:
             stopped.set()
             producer.join()

@@ -102,7 +102,7 @@ class StandardStreams(support.AgentTest):
             agent.signal()
             agent.wait_for("stopping")
             agent.signal()
-            self.assertEqual(agent.wait(30), 0)
+            self.assertEqual(agent.wait(), 0)
         self.assertEqual(agent.summary(), (0, 0, 0, 1))
 
 

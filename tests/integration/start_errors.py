@@ -71,7 +71,8 @@ class StartErrors(support.AgentTest):
             config = self.configure(self.good() + self.good(f"tcp://127.0.0.1:{port}", "Second"))
             self.refuse(config, rf"Can't listen on tcp://127\.0\.0\.1:{port} "
                                 rf"\({support.ADDRESS_IN_USE}\)")
-        self.start_and_stop(config)
+            # Not on this port, which could be another test's when it is free.
+            self.start_and_stop(self.configure(self.good() + self.good(name="Second")))
 
     def test_a_port_on_which_another_agent_listens(self):
         first = self.start(self.configure(self.good()))

@@ -144,6 +144,11 @@ class Agent:
         found = self.wait_for(rf"SyslogSource\.{stream}: Listening on tcp://.*:(\d+)\.")
         return int(found.group(1))
 
+    def near(self):
+        """How many events have gone to the sender without the cache, so far."""
+        return sum(int(count) for line in list(self.lines)
+                   for count in re.findall(r"\(near\)\. \((\d+) records\)", line))
+
     def signal(self, number=None):
         """What asks it to stop, unless another signal is given."""
         self.process.send_signal(number or STOP)
@@ -311,6 +316,25 @@ class AgentTest(unittest.TestCase):
             if len(head) == 4:
                 total += struct.unpack("<I", head)[0]
         return total
+
+    def hold_one(self, agent, stream="Default"):
+        """The sender of a stream whose destination is away holds one event, b"held": all that follow
+        go to the cache."""
+        send(agent.port(stream), b"held\n")
+        agent.wait_for(rf"Incoming\.{re.escape(stream)}: .*\(near\)")
+        agent.wait_for(rf"Code\.\w+\.{re.escape(stream)}: .*can't be reached")
+
+    def fill_sender(self, agent, events, window):
+        """Sends the events, more than a window that acknowledges nothing has room for: afterwards the
+        sender holds some, and all that follow go to the cache. A chunk can end within them, and one
+        that fits into the window leaves the sender idle."""
+        send(agent.port(), as_lines(events))
+        wait_until(lambda: agent.near() > window, "more events than the window takes")
+
+    def wait_for_rest_cached(self, agent, count):
+        """Until those of so many events that did not go to the sender are in the cache, as
+        wait_for_cached has it."""
+        self.wait_for_cached(count - agent.near())
 
     def wait_for_cached(self, count, stream="Default"):
         """Until so many events are in the cache, and all of them are written."""

@@ -2,10 +2,9 @@
 
 import support
 
-# All of the week but for the last minute of each day, and with Invert nothing but that minute: what
-# is closed now and for the next minutes, unless that minute is near.
-NEVER = {"Schedule.Enable": "true", "Schedule.Interval": '"0000-2359;7F;UTC"',
-         "Schedule.Invert": "true"}
+# An interval on no day of the week is never open, and inverted always.
+NEVER = {"Schedule.Enable": "true", "Schedule.Interval": '"0000-2359;00;UTC"',
+         "Schedule.Invert": "false"}
 ALWAYS = {"Schedule.Enable": "true", "Schedule.Interval": '["0000-1200;7F;UTC", "1200-2400;7F;UTC"]'}
 
 
@@ -30,8 +29,8 @@ class TwoStreams(support.AgentTest):
         self.assertEqual(closed_receiver.connections, 0)
         self.assertEqual(self.chunks("Open"), [])
         # With its schedule open it sends what it has kept.
-        config.write_text(config.read_text().replace("Schedule.Invert: true",
-                                                     "Schedule.Invert: false"))
+        config.write_text(config.read_text().replace("Schedule.Invert: false",
+                                                     "Schedule.Invert: true"))
         agent = self.start(config)
         agent.wait_for("1000 events in 1 chunks are cached|1000 events in 2 chunks are cached")
         self.assertEqual(closed_receiver.wait_for_lines(1000), events)

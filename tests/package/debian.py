@@ -294,7 +294,7 @@ class DebianPackage(support.AgentTest):
                                "a sign of life")
         self.assertEqual(machine.show("NRestarts"), "0")
         machine.run("systemctl", "kill", "--signal=STOP", "orlo-agent")
-        machine.wait_for("NRestarts", "1")
+        support.wait_until(lambda: int(machine.show("NRestarts")) >= 1, "a restart")
         machine.wait_for("ActiveState", "active")
         self.assertIn("Watchdog timeout", machine.journal())
 

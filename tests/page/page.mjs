@@ -237,7 +237,7 @@ async function checkReload(page, card) {
   await until(async () => (await card.count()) === 1, "the stream is back");
   await card.locator("summary").click();
   await until(async () => (await rows()) > 0, "its points");
-  assert.ok(await rows() >= before, `${await rows()} points of ${before}`);
+  await until(async () => (await rows()) >= before, `all of ${before} points`);
 }
 
 // An agent that can't look at itself says so, and its last figures are not taken for those of now.

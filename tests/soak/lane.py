@@ -16,7 +16,7 @@ import support  # noqa: E402
 
 from chunks import take_inventory  # noqa: E402
 from oracle import Ledger, Life, require  # noqa: E402
-from receiver import Receiver, Refusal  # noqa: E402
+from receiver import Receiver  # noqa: E402
 
 KILL_POINTS = os.environ.get("ORLO_KILL_POINTS", "")
 
@@ -60,7 +60,7 @@ class Lane:
         self.reached = self.directory / "release.reached"
         self.ledger = Ledger()
         self.receiver = Receiver()
-        self.refusal = Refusal()
+        self.refusal = support.RefusingPort()
         self.batch = max(1, rate // BATCHES_PER_SECOND)
         self.next_number = 0
         self.kills_inside = 0
@@ -74,7 +74,7 @@ class Lane:
         return take_inventory(self.cache)
 
     def _write_config(self, plan, drain="6s"):
-        port = self.refusal.port if plan.destination == "away" else self.receiver.port
+        port = self.refusal.number if plan.destination == "away" else self.receiver.port
         schedule = ""
         if plan.destination == "closed":
             schedule = ('          Schedule.Enable: true\n'

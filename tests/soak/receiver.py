@@ -91,15 +91,3 @@ class Receiver:
             pass
         self._listener.close()
         self._thread.join(LIMIT)
-
-
-class Refusal:
-    """A port that is taken, and on which nobody listens: connections to it are refused."""
-
-    def __init__(self):
-        self._socket = socket.socket()
-        self._socket.bind(("127.0.0.1", 0))
-        self.port = self._socket.getsockname()[1]
-
-    def close(self):
-        self._socket.close()
