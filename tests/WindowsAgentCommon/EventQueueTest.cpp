@@ -350,11 +350,12 @@ TEST(EventQueueTest, SeveralTakersGetEveryBlockOnce) {
       for (std::int64_t number = Take(queue); number >= 0; number = Take(queue)) {
         own.push_back(number);
       }
+      EXPECT_EQ(errno, ESHUTDOWN) << "not by the end of its wait";
     });
   }
   Post(queue, 0, kCount);
   while (!queue.is_empty()) {
-    std::this_thread::yield();
+    std::this_thread::sleep_for(std::chrono::microseconds(100));
   }
   queue.deactivate();
   std::vector<bool> seen(kCount, false);

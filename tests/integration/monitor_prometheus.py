@@ -68,7 +68,7 @@ class Prometheus(MonitorTest):
         streams = "".join(
             self.stream(sources, destination, name=f"Stream{number}",
                         settings={"Schedule.Enable": "true",
-                                  "Schedule.Interval": '"0000-2359;01;UTC"'})
+                                  "Schedule.Interval": '"0000-1200;7F;UTC"'})
             for number, destination in enumerate(destinations))
         agent = self.start_monitored(
             streams + "    fallback: { destination: { type: file, path: ./other.log } }\n")
