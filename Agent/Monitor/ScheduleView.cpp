@@ -13,6 +13,10 @@ constexpr std::int64_t kHour = 60 * kMinute;
 constexpr std::int64_t kDay = 24 * kHour;
 // A schedule repeats after a week; the day is for clocks that are put forward or back.
 constexpr std::int64_t kHorizon = 8 * kDay;
+// An interval ends within its last minute, and a day without intervals may take over the answer of
+// before its end, if that minute is the last one of the day before. So a step is less than a
+// minute; a schedule that was asked less than 20 s ago repeats its answer, so it is not much less.
+constexpr std::int64_t kStep = 30;
 
 // FILETIME counts 100 ns from 1601.
 constexpr std::int64_t kTicksPerSecond = 10'000'000;
@@ -83,20 +87,19 @@ void ScheduleView::LookAhead(std::int64_t now, bool open) {
   m_lookedOpen = open;
   m_nextChange.reset();
   Schedule ahead = *m_schedule;
-  Schedule minuteAgo = ahead;
-  Schedule twoMinutesAgo = ahead;
-  std::int64_t time = now - now % kMinute;
+  Schedule stepAgo = ahead;
+  Schedule twoStepsAgo = ahead;
+  std::int64_t time = now - now % kStep;
   while (time < now + kHorizon) {
-    twoMinutesAgo = std::exchange(minuteAgo, ahead);
-    time += kMinute;
+    twoStepsAgo = std::exchange(stepAgo, ahead);
+    time += kStep;
     if (ahead.IsSendingAllowed(ToSystemTime(time)) == open) {
       continue;
     }
-    // Within the minute: an interval ends with the first second of its last minute. A schedule that
-    // was asked less than 20 s ago repeats its answer, so each second is put to a copy that was
-    // last asked before the minute began.
-    for (std::int64_t second = time - kMinute + 1; second <= time; ++second) {
-      Schedule copy = twoMinutesAgo;
+    // Each second is put to a copy that was last asked long enough ago to give an answer of its
+    // own.
+    for (std::int64_t second = time - kStep + 1; second <= time; ++second) {
+      Schedule copy = twoStepsAgo;
       if (second > now && copy.IsSendingAllowed(ToSystemTime(second)) != open) {
         m_nextChange = second;
         return;

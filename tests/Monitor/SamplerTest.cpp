@@ -235,7 +235,7 @@ TEST_F(SamplerTest, ThatItCanNotLookIsSaidOnceUntilItCan) {
   for (std::size_t row = 1; row <= 2; ++row) {
     const int before = destination.failures;
     destination.isFailing = true;
-    // Behind the second of them, the first has been dealt with.
+    // When the third look fails, what came of the second is seen.
     WaitUntil([&] { return destination.failures >= before + 3; });
     EXPECT_EQ(count(), row);
     destination.isFailing = false;

@@ -77,6 +77,20 @@ TEST_F(ScheduleViewTest, InvertedScheduleIsOpenOutsideItsIntervals) {
   EXPECT_EQ(state->openSpans.back(), WeekSpan((6 * 24 + 17) * 60, kMinutesOfWeek));
 }
 
+TEST_F(ScheduleViewTest, ADayThatIsOpenToItsLastMinuteClosesThoughNoIntervalFollows) {
+  constexpr std::int64_t kNextMonday = kMonday + 7 * 24 * kHour;
+  SetClock(kNextMonday - 14 * kHour);
+  ScheduleView view = MakeView("0000-2359;01;UTC");
+  const auto sunday = view.Look();
+  ASSERT_TRUE(sunday);
+  EXPECT_TRUE(sunday->open);
+  EXPECT_EQ(sunday->nextChange, kNextMonday - 59);
+  SetClock(kNextMonday - 30);
+  const auto closed = view.Look();
+  EXPECT_FALSE(closed->open);
+  EXPECT_EQ(closed->nextChange, kNextMonday + 6 * 24 * kHour);
+}
+
 TEST_F(ScheduleViewTest, NextChangeFollowsTheClock) {
   SetClock(kMonday + 3 * kHour);
   ScheduleView view = MakeView("0800-1700;3E;UTC");
