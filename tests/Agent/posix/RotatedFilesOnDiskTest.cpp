@@ -1,8 +1,5 @@
-// That a plain file is removed only when what it held is on the disk. The program's own fsync
-// stands in for the system's.
+// That a plain file is removed only when what it held is on the disk.
 #include <gtest/gtest.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -15,6 +12,7 @@
 #include "tests/support/Events.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TemporaryDirectory.h"
+#include "tests/support/posix/SyncWatch.h"
 
 namespace fs = std::filesystem;
 
@@ -22,17 +20,10 @@ namespace {
 
 constexpr char kPlain[] = "events.log.2026-11-21T00-00-00.000Z";
 
-std::mutex syncLock;
-// The names of what was brought to the disk, each with what lay in its directory then.
-std::vector<std::pair<std::string, std::vector<std::string>>>
-    synced;  // NOLINT(cert-err58-cpp): a vector without elements
-// What is answered, in place of the system's own answer.
-int fileError = 0;
-int directoryError = 0;
-
 std::vector<std::string> List(const fs::path& directory) {
   std::vector<std::string> names;
-  for (const auto& entry : fs::directory_iterator(directory)) {
+  std::error_code error;
+  for (const auto& entry : fs::directory_iterator(directory, error)) {
     names.push_back(entry.path().filename().string());
   }
   std::sort(names.begin(), names.end());
@@ -41,19 +32,6 @@ std::vector<std::string> List(const fs::path& directory) {
 
 }  // namespace
 
-extern "C" int fsync(int descriptor) {
-  std::error_code error;
-  const fs::path path = fs::read_symlink("/proc/self/fd/" + std::to_string(descriptor), error);
-  const std::lock_guard guard(syncLock);
-  const bool isDirectory = fs::is_directory(path);
-  synced.emplace_back(path.filename().string(), List(isDirectory ? path : path.parent_path()));
-  if (const int answer = isDirectory ? directoryError : fileError; answer != 0) {
-    errno = answer;
-    return -1;
-  }
-  return static_cast<int>(syscall(SYS_fsync, descriptor));
-}
-
 namespace OrloAgent {
 
 class RotatedFilesOnDiskTest : public testing::Test {
@@ -61,15 +39,12 @@ class RotatedFilesOnDiskTest : public testing::Test {
   RotatedFilesOnDiskTest() {
     std::ofstream(m_directory.Path() / kPlain) << "precious\n";
     m_options.compress = true;
-    const std::lock_guard guard(syncLock);
-    synced.clear();
-    fileError = directoryError = 0;
   }
 
   void Answer(int forFiles, int forDirectories) {
-    const std::lock_guard guard(syncLock);
-    fileError = forFiles;
-    directoryError = forDirectories;
+    const std::lock_guard guard(m_lock);
+    m_fileError = forFiles;
+    m_directoryError = forDirectories;
   }
 
   bool Warns(const std::string& text) {
@@ -82,6 +57,19 @@ class RotatedFilesOnDiskTest : public testing::Test {
   TestSupport::LogCapture m_messages;
   const TestSupport::TemporaryDirectory m_directory;
   RotationOptions m_options;
+  std::mutex m_lock;
+  // The names of what was brought to the disk, each with what lay in its directory then.
+  std::vector<std::pair<std::string, std::vector<std::string>>> m_synced;
+  // What is answered, in place of the system's own answer.
+  int m_fileError = 0;
+  int m_directoryError = 0;
+  const TestSupport::SyncWatch m_watch{[this](const fs::path& path) {
+    std::error_code error;
+    const bool isDirectory = fs::is_directory(path, error);
+    const std::lock_guard guard(m_lock);
+    m_synced.emplace_back(path.filename().string(), List(isDirectory ? path : path.parent_path()));
+    return isDirectory ? m_directoryError : m_fileError;
+  }};
 };
 
 TEST_F(RotatedFilesOnDiskTest, ACompressedFileAndThenItsNameAreOnTheDiskBeforeThePlainOneGoes) {
@@ -89,12 +77,12 @@ TEST_F(RotatedFilesOnDiskTest, ACompressedFileAndThenItsNameAreOnTheDiskBeforeTh
   const std::string plain = kPlain;
   ASSERT_TRUE(TestSupport::WaitUntil(
       [&] { return List(m_directory.Path()) == std::vector{plain + ".gz"}; }));
-  const std::lock_guard guard(syncLock);
-  ASSERT_EQ(synced.size(), 2u);
-  EXPECT_EQ(synced[0].first, plain + ".gz.part");
-  EXPECT_EQ(synced[0].second, (std::vector{plain, plain + ".gz.part"}));
-  EXPECT_EQ(synced[1].first, m_directory.Path().filename().string());
-  EXPECT_EQ(synced[1].second, (std::vector{plain, plain + ".gz"}));
+  const std::lock_guard guard(m_lock);
+  ASSERT_EQ(m_synced.size(), 2u);
+  EXPECT_EQ(m_synced[0].first, plain + ".gz.part");
+  EXPECT_EQ(m_synced[0].second, (std::vector{plain, plain + ".gz.part"}));
+  EXPECT_EQ(m_synced[1].first, m_directory.Path().filename().string());
+  EXPECT_EQ(m_synced[1].second, (std::vector{plain, plain + ".gz"}));
 }
 
 TEST_F(RotatedFilesOnDiskTest, AFileThatCanNotBeBroughtToTheDiskStaysPlain) {

@@ -1,6 +1,5 @@
 // What the tool does when the disk does not take all: it removes files only when what they held is
-// there. The program's own fsync and write
-// stand in for the system's.
+// there. The program's own write stands in for the system's.
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -16,6 +15,7 @@
 #include "CacheTool/OutputFile.h"
 #include "tests/CacheTool/CacheFiles.h"
 #include "tests/support/TemporaryDirectory.h"
+#include "tests/support/posix/SyncWatch.h"
 
 namespace fs = std::filesystem;
 
@@ -53,17 +53,6 @@ bool IsMeant(const std::string& path, const std::string& ending) {
 }
 
 }  // namespace
-
-extern "C" int fsync(int descriptor) {
-  const std::string path = GetPath(descriptor);
-  Calls& calls = GetCalls();
-  calls.synced.push_back({path, fs::exists(calls.chunk)});
-  if (IsMeant(path, calls.failing)) {
-    errno = calls.error;
-    return -1;
-  }
-  return static_cast<int>(syscall(SYS_fsync, descriptor));
-}
 
 extern "C" ssize_t write(int descriptor, const void* bytes, std::size_t size) {
   const std::string& full = GetCalls().full;
@@ -113,6 +102,12 @@ class SafeOnDiskTest : public testing::Test {
   RequeueOptions m_options;
   std::ostringstream m_out;
   std::ostringstream m_messages;
+  const TestSupport::SyncWatch m_watch{[](const fs::path& path) {
+    Calls& calls = GetCalls();
+    std::error_code error;
+    calls.synced.push_back({path.string(), fs::exists(calls.chunk, error)});
+    return IsMeant(path.string(), calls.failing) ? calls.error : 0;
+  }};
 };
 
 TEST_F(SafeOnDiskTest, ChunksAndThenTheirNamesAreBroughtToTheDisk) {
