@@ -1,9 +1,15 @@
 #include "Agent/EventHeader.h"
 
+#include <ace/Message_Block.h>
+
 #include <algorithm>
 #include <cstring>
 
+#include "WindowsAgentCommon/MessageBlocks.h"
+
 namespace OrloAgent {
+
+using WindowsAgentCommon::MessageBlockPtr;
 
 namespace {
 
@@ -127,6 +133,12 @@ std::string MakeBytes(EventOrigin transport, const ip::address& sender) {
   return MakeBytesOf(transport, address);
 }
 
+MessageBlockPtr MakeBlock(std::size_t size) {
+  ACE_Message_Block* block = nullptr;
+  WindowsAgentCommon::CreateDataMessageBlock(size, block);
+  return MessageBlockPtr(block);
+}
+
 }  // namespace
 
 std::string EventHeader::DescribeSource() const {
@@ -176,6 +188,20 @@ void EventHeaderTemplate::Write(char* target, std::uint8_t flags, std::uint64_t 
   std::memcpy(target, m_bytes.data(), m_bytes.size());
   target[0] = static_cast<char>(target[0] | flags);
   WriteLittleEndian<kTimeSize>(target + kTimeAt, receiveTime / kTicksPerUnit);
+}
+
+MessageBlockPtr MakeEvent(const EventHeaderTemplate& header, std::uint8_t flags,
+                          std::uint64_t receiveTime, std::string_view message) {
+  MessageBlockPtr head = MakeBlock(header.GetSize());
+  MessageBlockPtr payload = MakeBlock(message.size());
+  if (!head || !payload) {
+    return nullptr;
+  }
+  header.Write(head->wr_ptr(), flags, receiveTime);
+  head->wr_ptr(header.GetSize());
+  payload->copy(message.data(), message.size());
+  head->cont(payload.release());
+  return head;
 }
 
 }  // namespace OrloAgent

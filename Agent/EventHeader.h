@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "WindowsAgentCommon/MessageBlockPtr.h"
+
 // The head block of an event: what the agent notes about a message beside the message itself. It is
 // stored in the event cache with every event, so it is kept small; and every layout that was ever
 // written must stay readable.
@@ -77,5 +79,10 @@ class EventHeaderTemplate {
  private:
   std::string m_bytes;
 };
+
+// An event: a head block with the header, and the message as its continuation. Null when there is
+// no memory.
+WindowsAgentCommon::MessageBlockPtr MakeEvent(const EventHeaderTemplate& header, std::uint8_t flags,
+                                              std::uint64_t receiveTime, std::string_view message);
 
 }  // namespace OrloAgent

@@ -1,9 +1,6 @@
 #include "Agent/EventPoster.h"
 
-#include <ace/Message_Block.h>
-
 #include "WindowsAgentCommon/MessageBlockPtr.h"
-#include "WindowsAgentCommon/MessageBlocks.h"
 
 namespace OrloAgent {
 
@@ -14,15 +11,9 @@ namespace {
 
 constexpr std::chrono::seconds kBetweenReports{10};
 
-MessageBlockPtr MakeBlock(std::size_t size) {
-  ACE_Message_Block* block = nullptr;
-  WindowsAgentCommon::CreateDataMessageBlock(size, block);
-  return MessageBlockPtr(block);
-}
-
-void Count(std::atomic<std::uint64_t>& counter, int change = 1) {
+void Count(std::atomic<std::uint64_t>& counter) {
   // One writer: no need to lock the bus for every event.
-  counter.store(counter.load(std::memory_order_relaxed) + change, std::memory_order_relaxed);
+  counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
 
 }  // namespace
@@ -33,35 +24,29 @@ EventPoster::EventPoster(StreamGate& gate, PostCounts& counts, WindowsAgentCommo
 
 bool EventPoster::Post(const EventHeaderTemplate& header, std::uint8_t flags,
                        std::uint64_t receiveTime, std::string_view message) {
-  MessageBlockPtr head = MakeBlock(header.GetSize());
-  MessageBlockPtr payload = MakeBlock(message.size());
+  MessageBlockPtr event = MakeEvent(header, flags, receiveTime, message);
   if (m_lost > 0 && std::chrono::steady_clock::now() >= m_nextReport) {
     ReportLost();
   }
-  if (!head || !payload) {
+  if (!event) {
     if (m_untaken == Untaken::Lost) {
       Count(m_counts.notMade);
     }
     OnFailure("there is no memory for them");
     return false;
   }
-  header.Write(head->wr_ptr(), flags, receiveTime);
-  head->wr_ptr(header.GetSize());
-  payload->copy(message.data(), message.size());
-  head->cont(payload.release());
-  // Counted first: who has received an event finds it counted.
-  Count(m_counts.posted);
-  switch (m_gate.Post(head.release())) {
+  // Counted when it is known what became of it: a count that has been shown is not taken back.
+  switch (m_gate.Post(event.release())) {
     case StreamGate::Outcome::Taken:
+      Count(m_counts.posted);
       return true;
     case StreamGate::Outcome::Refused:
-      if (m_untaken == Untaken::OfferedAgain) {
-        Count(m_counts.posted, -1);
+      if (m_untaken == Untaken::Lost) {
+        Count(m_counts.posted);
       }
       OnFailure("the stream's first stage refused them");
       break;
     case StreamGate::Outcome::Abandoned:
-      Count(m_counts.posted, -1);
       if (m_untaken == Untaken::Lost) {
         Count(m_counts.notMade);
         OnFailure("their stream is gone");

@@ -12,7 +12,10 @@
 namespace OrloAgent {
 
 // What a source has done with what it received. Written by the posting thread only, read by any.
+// Neither ever goes down.
 struct PostCounts {
+  // Events that a stream has taken or refused for good. One that waits is not among them, so for a
+  // moment its stream may have counted an event that this does not hold yet.
   std::atomic<std::uint64_t> posted{0};
 
   // Events that no stream saw: for want of memory, or because there was no stream any more.

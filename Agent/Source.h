@@ -21,7 +21,8 @@ class Source : public OrloStream::IStreamSource {
   // Begins, or goes on if it is paused.
   void Start(OrloStream::Stream& stream) final;
 
-  // Ends for good. If it is paused, what it has read is lost, counted as not made, and reported.
+  // Ends for good. If it is paused, what it has read and can't be read again is lost, counted as
+  // not made, and reported.
   void Stop() final;
 
   // Returns when it posts nothing to its stream any more. What comes from now on waits where it

@@ -7,7 +7,11 @@ namespace OrloAgent {
 StreamGate::Outcome StreamGate::Post(ACE_Message_Block* block) {
   WindowsAgentCommon::MessageBlockPtr event(block);
   std::unique_lock lock(m_lock);
-  m_changed.wait(lock, [this] { return !m_closed || m_abandoned; });
+  if (m_closed) {
+    m_awaited = true;
+    m_changed.wait(lock, [this] { return !m_closed || m_abandoned; });
+    m_awaited = false;
+  }
   if (m_abandoned) {
     return Outcome::Abandoned;
   }

@@ -43,12 +43,16 @@ class StreamGate {
 
   bool IsClosed() const { return m_closed; }
 
+  // Whether a post waits because the gate is closed. Any thread.
+  bool IsAwaited() const { return m_awaited; }
+
  private:
   std::mutex m_lock;
   std::condition_variable m_changed;
   OrloStream::Stream* m_stream = nullptr;  // guarded by m_lock
   // Also read without the lock: the poster, which takes the lock again and again, must give way.
   std::atomic<bool> m_closed{true};
+  std::atomic<bool> m_awaited{false};
   bool m_abandoned = false;  // guarded by m_lock
 };
 

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <vector>
+
 #include "OrloStream/StreamManager.h"
 #include "WindowsAgentCommon/MessageBlockPtr.h"
 #include "tests/Agent/BareStream.h"
@@ -13,25 +15,30 @@ using WindowsAgentCommon::LogLevel;
 
 namespace {
 
-// The only task of its stream; takes an event or refuses it.
+// The only task of its stream; takes an event or refuses it, and looks how many were counted then.
 class Gatekeeper : public WindowsAgentCommon::OrloTask {
  public:
-  explicit Gatekeeper(const bool& takes) : m_takes(takes) {}
+  Gatekeeper(const bool& takes, const PostCounts& counts, std::vector<std::uint64_t>& seen)
+      : m_takes(takes), m_counts(counts), m_seen(seen) {}
   void Initialize(const WindowsAgentCommon::EnvironmentBlock&) override {}
   void Stop() override {}
   int put(ACE_Message_Block* block, ACE_Time_Value*) override {
     const WindowsAgentCommon::MessageBlockPtr event(block);
+    m_seen.push_back(m_counts.posted);
     return m_takes ? 0 : -1;
   }
 
  private:
   const bool& m_takes;
+  const PostCounts& m_counts;
+  std::vector<std::uint64_t>& m_seen;
 };
 
 class EventPosterTest : public testing::Test {
  protected:
   EventPosterTest() {
-    m_gate.Open(m_manager.Create(TestSupport::BareStream(std::make_unique<Gatekeeper>(m_takes))));
+    m_gate.Open(m_manager.Create(
+        TestSupport::BareStream(std::make_unique<Gatekeeper>(m_takes, m_counts, m_seen))));
   }
 
   EventPoster MakePoster(Untaken untaken) {
@@ -46,9 +53,11 @@ class EventPosterTest : public testing::Test {
 
   TestSupport::LogCapture m_messages;
   bool m_takes = true;
+  PostCounts m_counts;
+  // What was counted at each post.
+  std::vector<std::uint64_t> m_seen;
   OrloStream::StreamManager m_manager{"."};
   StreamGate m_gate;
-  PostCounts m_counts;
 };
 
 TEST_F(EventPosterTest, SaysWhetherTheStreamHasTakenTheEvent) {
@@ -97,6 +106,18 @@ TEST_F(EventPosterTest, WhatIsOfferedAgainCountsNeitherAsPostedNorAsLost) {
   EXPECT_EQ(m_messages.Lines().size(), 1u) << "an event that waits for the next start is no news";
   EXPECT_EQ(m_counts.posted, 0u);
   EXPECT_EQ(m_counts.notMade, 0u);
+}
+
+TEST_F(EventPosterTest, AnEventIsNotCountedWhileItIsNotKnownWhatBecomesOfIt) {
+  EventPoster poster = MakePoster(Untaken::OfferedAgain);
+  m_takes = false;
+  Post(poster);
+  Post(poster);
+  m_takes = true;
+  Post(poster);
+  Post(poster);
+  EXPECT_EQ(m_seen, (std::vector<std::uint64_t>{0, 0, 0, 1})) << "a count never goes down";
+  EXPECT_EQ(m_counts.posted, 2u);
 }
 
 }  // namespace

@@ -60,17 +60,23 @@ class OutputTask : public WindowsAgentCommon::OrloTask {
   Output& m_output;
 };
 
+class OpenFileSource : public FileSource {
+ public:
+  using FileSource::FileSource;
+  using Source::GetGate;
+};
+
 class FileSourceTest : public testing::Test {
  protected:
   FileSourceTest() {
     m_stream = &m_manager.Create(TestSupport::BareStream(std::make_unique<OutputTask>(m_output)));
   }
 
-  std::unique_ptr<FileSource> MakeSource() const {
+  std::unique_ptr<OpenFileSource> MakeSource() const {
     FileSourceOptions options;
     options.paths = {ToText(m_log)};
     options.pollInterval = std::chrono::milliseconds(10);
-    return std::make_unique<FileSource>(options, m_directory.Path() / "positions");
+    return std::make_unique<OpenFileSource>(options, m_directory.Path() / "positions");
   }
 
   void Append(const std::string& text) const {
@@ -98,7 +104,8 @@ TEST_F(FileSourceTest, LinesThatWaitWhenAPausedSourceIsStoppedComeAtTheNextStart
   source->Pause();
   Append("two\nthree\nfour\n");
   // The first of them is under way.
-  ASSERT_TRUE(WaitUntil([&] { return source->GetPosted() == 2; }));
+  ASSERT_TRUE(WaitUntil([&] { return source->GetGate().IsAwaited(); }));
+  EXPECT_EQ(source->GetPosted(), 1u);
   source->Stop();
   EXPECT_EQ(source->GetPosted(), 1u);
   EXPECT_EQ(source->GetNotMade(), 0u) << "nothing is lost";
