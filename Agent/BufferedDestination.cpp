@@ -10,7 +10,6 @@
 #include "OrloStream/Status.h"
 #include "WindowsAgentCommon/Exceptions.h"
 #include "WindowsAgentCommon/MessageBlockPtr.h"
-#include "WindowsAgentCommon/MessageBlocks.h"
 
 namespace OrloAgent {
 
@@ -22,9 +21,10 @@ std::string_view GetBytes(const ACE_Message_Block& block) {
   return {block.rd_ptr(), block.length()};
 }
 
-bool HasNoLineEnd(const ACE_Message_Block& head) {
+// None if the head is not one of the agent's.
+std::uint8_t GetFlags(const ACE_Message_Block& head) {
   const auto header = ParseEventHeader(GetBytes(head));
-  return header && (header->flags & EventFlags::kNoLineEnd) != 0;
+  return header ? header->flags : std::uint8_t{0};
 }
 
 // "LENGTH " in the caller's memory.
@@ -32,25 +32,6 @@ std::string_view FormatLength(std::size_t length, std::array<char, 24>& memory) 
   char* const end = std::to_chars(memory.data(), memory.data() + memory.size() - 1, length).ptr;
   *end = ' ';
   return {memory.data(), static_cast<std::size_t>(end + 1 - memory.data())};
-}
-
-// The message of a frame, and whether it had a line end.
-std::string_view Unframe(std::string_view frame, OutputFraming framing, std::uint8_t& flags) {
-  flags = 0;
-  if (framing == OutputFraming::OctetCounted) {
-    return frame.substr(frame.find(' ') + 1);
-  }
-  if (!frame.empty() && frame.back() == '\n') {
-    return frame.substr(0, frame.size() - 1);
-  }
-  flags = EventFlags::kNoLineEnd;
-  return frame;
-}
-
-MessageBlockPtr MakeBlock(std::size_t size) {
-  ACE_Message_Block* block = nullptr;
-  WindowsAgentCommon::CreateDataMessageBlock(size, block);
-  return MessageBlockPtr(block);
 }
 
 }  // namespace
@@ -74,41 +55,38 @@ void BufferedDestination::Initialize(const WindowsAgentCommon::EnvironmentBlock&
 void BufferedDestination::Stop() { m_writer.Stop(); }
 
 std::vector<EndCounter> BufferedDestination::GetCounters() const {
-  std::vector<EndCounter> counters = Destination::GetCounters();
-  for (const EndCounter& counter : m_writer.GetCounters()) {
-    counters.push_back(counter);
-  }
-  return counters;
+  return Join(Destination::GetCounters(), m_writer.GetCounters());
 }
 
 int BufferedDestination::put(ACE_Message_Block* block, ACE_Time_Value*) {
-  const WindowsAgentCommon::MessageBlockPtr event(block);
+  const MessageBlockPtr event(block);
   const ACE_Message_Block* const payload = event->cont();
+  const std::uint8_t flags = GetFlags(*event);
   const std::string_view lineEnd =
       m_framing == OutputFraming::OctetCounted ||
-              (m_framing == OutputFraming::Lines && HasNoLineEnd(*event))
+              (m_framing == OutputFraming::Lines && (flags & EventFlags::kNoLineEnd) != 0)
           ? std::string_view()
           : std::string_view("\n");
   std::array<char, 24> memory;
+  const std::string_view length =
+      m_framing == OutputFraming::OctetCounted
+          ? FormatLength(payload == nullptr ? 0 : payload->total_length(), memory)
+          : std::string_view();
+  const FrameNotes notes{static_cast<std::uint8_t>(length.size()),
+                         static_cast<std::uint8_t>(lineEnd.size()), flags};
   bool taken = false;
   if (payload == nullptr || payload->cont() == nullptr) {
     const std::string_view message = payload == nullptr ? std::string_view() : GetBytes(*payload);
-    const std::string_view length = m_framing == OutputFraming::OctetCounted
-                                        ? FormatLength(message.size(), memory)
-                                        : std::string_view();
     const std::array<std::string_view, 3> parts{length, message, lineEnd};
-    taken = m_writer.Append(parts.data(), parts.size());
+    taken = m_writer.Append(parts.data(), parts.size(), notes);
   } else {
     // Some stage has split the payload.
-    std::vector<std::string_view> parts{std::string_view()};
+    std::vector<std::string_view> parts{length};
     for (const ACE_Message_Block* part = payload; part != nullptr; part = part->cont()) {
       parts.push_back(GetBytes(*part));
     }
-    if (m_framing == OutputFraming::OctetCounted) {
-      parts.front() = FormatLength(payload->total_length(), memory);
-    }
     parts.push_back(lineEnd);
-    taken = m_writer.Append(parts.data(), parts.size());
+    taken = m_writer.Append(parts.data(), parts.size(), notes);
   }
   return taken ? 0 : OrloStream::Status(OrloStream::Status::kBackpressure).ToInt();
 }
@@ -116,19 +94,10 @@ int BufferedDestination::put(ACE_Message_Block* block, ACE_Time_Value*) {
 std::vector<MessageBlockPtr> BufferedDestination::TakeUnsent() {
   const EventHeaderTemplate header(EventOrigin::Text, std::string_view());
   std::vector<MessageBlockPtr> events;
-  for (const std::string& frame : m_writer.TakeUnsentFrames()) {
-    std::uint8_t flags = 0;
-    const std::string_view message = Unframe(frame, m_framing, flags);
-    MessageBlockPtr head = MakeBlock(header.GetSize());
-    MessageBlockPtr payload = MakeBlock(message.size());
-    if (!head || !payload) {
-      continue;
+  for (const UnsentMessage& message : m_writer.TakeUnsentMessages()) {
+    if (MessageBlockPtr event = MakeEvent(header, message.flags, 0, message.bytes)) {
+      events.push_back(std::move(event));
     }
-    header.Write(head->wr_ptr(), flags, 0);
-    head->wr_ptr(header.GetSize());
-    payload->copy(message.data(), message.size());
-    head->cont(payload.release());
-    events.push_back(std::move(head));
   }
   return events;
 }

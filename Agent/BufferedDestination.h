@@ -38,8 +38,8 @@ class BufferedDestination : public Destination {
   std::uint64_t GetSentEvents() const override { return m_writer.GetSentFrames(); }
   std::vector<EndCounter> GetCounters() const override;
 
-  // Made anew of what stands in the buffer: messages and line ends are as they were; what else the
-  // heads said is gone.
+  // Made anew of what stands in the buffer: messages and flags are as they were; receive times and
+  // sources are gone.
   std::vector<WindowsAgentCommon::MessageBlockPtr> TakeUnsent() override;
 
  private:

@@ -25,7 +25,8 @@ BufferedWriter::~BufferedWriter() { Stop(); }
 
 void BufferedWriter::Start() { m_flusher = std::thread(&BufferedWriter::RunFlusher, this); }
 
-bool BufferedWriter::Append(const std::string_view* parts, std::size_t count) {
+bool BufferedWriter::Append(const std::string_view* parts, std::size_t count,
+                            const FrameNotes& notes) {
   std::size_t size = 0;
   for (std::size_t i = 0; i < count; ++i) {
     size += parts[i].size();
@@ -42,7 +43,7 @@ bool BufferedWriter::Append(const std::string_view* parts, std::size_t count) {
     return false;
   }
   const bool wasEmpty = m_buffer.GetUnsentFrames() == 0;
-  m_buffer.Append(parts, count, size);
+  m_buffer.Append(parts, count, size, notes);
   m_unsent.store(m_buffer.GetUnsentFrames(), std::memory_order_release);
   if (m_buffer.GetUnsent().size() >= m_options.flushSize) {
     WriteOnce(milliseconds(0));
@@ -100,16 +101,14 @@ BufferedWriter::Progress BufferedWriter::WriteOnce(milliseconds patience) {
 }
 
 std::vector<EndCounter> BufferedWriter::GetCounters() const {
-  std::vector<EndCounter> counters = m_channel->GetCounters();
-  counters.push_back({"bytes", "Bytes that were written", m_bytes});
-  return counters;
+  return Join(m_channel->GetCounters(), {{"bytes", "Bytes that were written", m_bytes}});
 }
 
-std::vector<std::string> BufferedWriter::TakeUnsentFrames() {
+std::vector<UnsentMessage> BufferedWriter::TakeUnsentMessages() {
   const std::lock_guard lock(m_lock);
-  std::vector<std::string> frames = m_buffer.TakeUnsentFrames();
+  std::vector<UnsentMessage> messages = m_buffer.TakeUnsentMessages();
   m_unsent.store(0, std::memory_order_release);
-  return frames;
+  return messages;
 }
 
 void BufferedWriter::RunFlusher() {

@@ -54,7 +54,7 @@ class BufferedWriter {
 
   // Accepts the parts as one frame, or says false: the channel is not ready, or there was no room
   // for sendTimeout. Then nothing of the frame was kept.
-  bool Append(const std::string_view* parts, std::size_t count);
+  bool Append(const std::string_view* parts, std::size_t count, const FrameNotes& notes = {});
 
   // From now on nothing is accepted, and an Append that waits ends soon. What is in the buffer is
   // still written.
@@ -63,8 +63,9 @@ class BufferedWriter {
   // Writes what is left as far as the channel takes it, and closes the channel.
   void Stop();
 
-  // After Stop: the accepted frames that have not left completely, in order. None is unsent then.
-  std::vector<std::string> TakeUnsentFrames();
+  // After Stop: the messages of the accepted frames that have not left completely, in order. None
+  // is unsent then.
+  std::vector<UnsentMessage> TakeUnsentMessages();
 
   // Accepted frames that have not left completely.
   std::uint64_t GetUnsentFrames() const { return m_unsent.load(std::memory_order_acquire); }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 namespace OrloAgent {
 
@@ -12,5 +13,12 @@ struct EndCounter {
   const char* description;
   std::uint64_t value = 0;
 };
+
+// What all of a kind count, and then what one of them counts beside that.
+inline std::vector<EndCounter> Join(std::vector<EndCounter> common,
+                                    const std::vector<EndCounter>& own) {
+  common.insert(common.end(), own.begin(), own.end());
+  return common;
+}
 
 }  // namespace OrloAgent

@@ -11,7 +11,8 @@ bool FrameBuffer::HasRoomFor(std::size_t size) const {
   return m_begin == m_end || m_end - m_begin + size <= m_capacity;
 }
 
-void FrameBuffer::Append(const std::string_view* parts, std::size_t count, std::size_t size) {
+void FrameBuffer::Append(const std::string_view* parts, std::size_t count, std::size_t size,
+                         const FrameNotes& notes) {
   if (m_end + size > m_bytes.size()) {
     MoveToFront();
   }
@@ -24,18 +25,18 @@ void FrameBuffer::Append(const std::string_view* parts, std::size_t count, std::
       m_end += parts[i].size();
     }
   }
-  m_sizes.push_back(static_cast<std::uint32_t>(size));
+  m_frames.push_back({static_cast<std::uint32_t>(size), notes});
 }
 
 void FrameBuffer::MarkSent(std::size_t size) {
   m_sent += size;
-  while (m_firstFrame < m_sizes.size() && m_begin + m_sizes[m_firstFrame] <= m_sent) {
-    m_begin += m_sizes[m_firstFrame];
+  while (m_firstFrame < m_frames.size() && m_begin + m_frames[m_firstFrame].size <= m_sent) {
+    m_begin += m_frames[m_firstFrame].size;
     ++m_firstFrame;
   }
   if (m_begin == m_end) {
     m_begin = m_sent = m_end = 0;
-    m_sizes.clear();
+    m_frames.clear();
     m_firstFrame = 0;
     if (m_bytes.size() > 2 * m_capacity) {
       // A single large frame has passed; its memory is given back.
@@ -45,15 +46,19 @@ void FrameBuffer::MarkSent(std::size_t size) {
   }
 }
 
-std::vector<std::string> FrameBuffer::TakeUnsentFrames() {
-  std::vector<std::string> frames;
-  frames.reserve(GetUnsentFrames());
-  for (; m_firstFrame < m_sizes.size(); ++m_firstFrame) {
-    frames.emplace_back(m_bytes.data() + m_begin, m_sizes[m_firstFrame]);
-    m_begin += m_sizes[m_firstFrame];
+std::vector<UnsentMessage> FrameBuffer::TakeUnsentMessages() {
+  std::vector<UnsentMessage> messages;
+  messages.reserve(GetUnsentFrames());
+  std::size_t at = m_begin;
+  for (std::size_t i = m_firstFrame; i < m_frames.size(); ++i) {
+    const auto [size, notes] = m_frames[i];
+    messages.push_back(
+        {std::string(m_bytes.data() + at + notes.before, size - notes.before - notes.after),
+         notes.flags});
+    at += size;
   }
   MarkSent(m_end - m_sent);
-  return frames;
+  return messages;
 }
 
 void FrameBuffer::MoveToFront() {
@@ -61,7 +66,7 @@ void FrameBuffer::MoveToFront() {
   m_sent -= m_begin;
   m_end -= m_begin;
   m_begin = 0;
-  m_sizes.erase(m_sizes.begin(), m_sizes.begin() + static_cast<std::ptrdiff_t>(m_firstFrame));
+  m_frames.erase(m_frames.begin(), m_frames.begin() + static_cast<std::ptrdiff_t>(m_firstFrame));
   m_firstFrame = 0;
 }
 

@@ -8,6 +8,23 @@
 
 namespace OrloAgent {
 
+// What is known of a frame beside its bytes.
+struct FrameNotes {
+  // How many of them stand before the event's message, and how many behind it.
+  std::uint8_t before = 0;
+  std::uint8_t after = 0;
+  // The event's, see EventFlags.
+  std::uint8_t flags = 0;
+};
+
+// What can be made an event again.
+struct UnsentMessage {
+  std::string bytes;
+  std::uint8_t flags = 0;
+
+  bool operator==(const UnsentMessage&) const = default;
+};
+
 // Frames in one piece of memory, in order, with their boundaries and a mark up to which bytes have
 // been sent. No locks.
 class FrameBuffer {
@@ -18,7 +35,8 @@ class FrameBuffer {
   bool HasRoomFor(std::size_t size) const;
 
   // Appends one frame made of the parts, `size` bytes together. Requires room for it.
-  void Append(const std::string_view* parts, std::size_t count, std::size_t size);
+  void Append(const std::string_view* parts, std::size_t count, std::size_t size,
+              const FrameNotes& notes = {});
 
   // What is to be sent next. Valid until the next call that changes the buffer.
   std::string_view GetUnsent() const { return {m_bytes.data() + m_sent, m_end - m_sent}; }
@@ -31,13 +49,19 @@ class FrameBuffer {
 
   bool IsAtFrameStart() const { return m_sent == m_begin; }
 
-  // The frames that were not sent completely, whole and in order; the buffer is empty then.
-  std::vector<std::string> TakeUnsentFrames();
+  // The messages of the frames that were not sent completely, whole and in order; the buffer is
+  // empty then.
+  std::vector<UnsentMessage> TakeUnsentMessages();
 
   // Frames that were not sent completely.
-  std::size_t GetUnsentFrames() const { return m_sizes.size() - m_firstFrame; }
+  std::size_t GetUnsentFrames() const { return m_frames.size() - m_firstFrame; }
 
  private:
+  struct Frame {
+    std::uint32_t size;
+    FrameNotes notes;
+  };
+
   void MoveToFront();
 
   const std::size_t m_capacity;
@@ -45,8 +69,8 @@ class FrameBuffer {
   std::size_t m_begin = 0;  // of the first frame that is not sent completely
   std::size_t m_sent = 0;   // everything before has been sent
   std::size_t m_end = 0;
-  std::vector<std::uint32_t> m_sizes;  // of the frames, from m_firstFrame on
-  std::size_t m_firstFrame = 0;
+  std::vector<Frame> m_frames;
+  std::size_t m_firstFrame = 0;  // that is not sent completely
 };
 
 }  // namespace OrloAgent

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -70,6 +71,30 @@ TEST(FrameBuffer, AnEmptyBufferTakesAFrameOfAnySize) {
   buffer.MarkSent(100);
   Append(buffer, "abc");
   EXPECT_EQ(buffer.GetUnsent(), "abc");
+}
+
+TEST(FrameBuffer, UnsentMessagesComeBackWithoutWhatStandsAroundThemAndWithTheirFlags) {
+  FrameBuffer buffer(64);
+  const auto append = [&](std::vector<std::string_view> parts, const OrloAgent::FrameNotes& notes) {
+    std::size_t size = 0;
+    for (const std::string_view part : parts) {
+      size += part.size();
+    }
+    buffer.Append(parts.data(), parts.size(), size, notes);
+  };
+  append({"4 ", "gone"}, {2, 0, 0});
+  append({"12 ", "1 of", " its", " two", ""}, {3, 0, 1});
+  append({"", "line", "\n"}, {0, 1, 2});
+  append({"", "\n\n", ""}, {0, 0, 3});
+  append({"0 ", "", ""}, {2, 0, 0});
+  buffer.MarkSent(11);
+  using Messages = std::vector<OrloAgent::UnsentMessage>;
+  EXPECT_EQ(buffer.TakeUnsentMessages(),
+            (Messages{{"1 of its two", 1}, {"line", 2}, {"\n\n", 3}, {"", 0}}));
+  EXPECT_EQ(buffer.GetUnsentFrames(), 0u);
+  EXPECT_EQ(buffer.GetUnsent(), "");
+  append({"1 ", "x"}, {2, 0, 0});
+  EXPECT_EQ(buffer.TakeUnsentMessages(), (Messages{{"x", 0}}));
 }
 
 TEST(FrameBuffer, BytesComeOutInOrderWhateverIsAppendedAndSentInBetween) {
