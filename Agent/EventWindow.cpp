@@ -25,29 +25,34 @@ bool JoinPayload(ACE_Message_Block& event) {
 }
 
 std::uint64_t EventWindow::Add(MessageBlockPtr event) {
-  m_entries.push_back({std::move(event), false});
+  m_entries.push_back({std::move(event)});
   ++m_unacknowledged;
   return m_first + m_entries.size() - 1;
 }
 
 MessageBlockPtr EventWindow::TakeBackLast() {
   MessageBlockPtr event = std::move(m_entries.back().event);
-  m_unacknowledged -= m_entries.back().acknowledged ? 0 : 1;
+  m_unacknowledged -= m_entries.back().state == State::Unacknowledged ? 1 : 0;
   m_entries.pop_back();
   return event;
 }
 
-void EventWindow::Acknowledge(std::uint64_t number) {
-  if (number < m_first || number - m_first >= m_entries.size()) {
-    return;  // of an event that was sent twice
+void EventWindow::Acknowledge(std::uint64_t number) { Settle(number, State::Acknowledged); }
+
+bool EventWindow::GiveUp(std::uint64_t number) { return Settle(number, State::GivenUp); }
+
+bool EventWindow::Settle(std::uint64_t number, State state) {
+  if (number < m_first || number - m_first >= m_entries.size() || !IsUnacknowledged(number)) {
+    return false;  // of an event that was sent twice
   }
-  Entry& entry = m_entries[static_cast<std::size_t>(number - m_first)];
-  m_unacknowledged -= entry.acknowledged ? 0 : 1;
-  entry.acknowledged = true;
-  while (!m_entries.empty() && m_entries.front().acknowledged) {
+  m_entries[static_cast<std::size_t>(number - m_first)].state = state;
+  --m_unacknowledged;
+  while (!m_entries.empty() && m_entries.front().state != State::Unacknowledged) {
+    m_taken += m_entries.front().state == State::Acknowledged ? 1 : 0;
     m_entries.pop_front();
     ++m_first;
   }
+  return true;
 }
 
 std::string_view EventWindow::GetMessage(std::uint64_t number) const {
@@ -60,9 +65,10 @@ std::string_view EventWindow::GetMessage(std::uint64_t number) const {
 std::vector<MessageBlockPtr> EventWindow::TakeUnacknowledged() {
   std::vector<MessageBlockPtr> events;
   for (Entry& entry : m_entries) {
-    if (!entry.acknowledged) {
+    if (entry.state == State::Unacknowledged) {
       events.push_back(std::move(entry.event));
     }
+    m_taken += entry.state == State::Acknowledged ? 1 : 0;
   }
   m_first += m_entries.size();
   m_entries.clear();
@@ -72,9 +78,11 @@ std::vector<MessageBlockPtr> EventWindow::TakeUnacknowledged() {
 
 void EventWindow::Rewind() {
   for (Entry& entry : m_entries) {
-    entry.acknowledged = false;
+    if (entry.state == State::Acknowledged) {
+      entry.state = State::Unacknowledged;
+      ++m_unacknowledged;
+    }
   }
-  m_unacknowledged = m_entries.size();
 }
 
 }  // namespace OrloAgent

@@ -29,10 +29,22 @@ class EventWindow {
   // that is not leave the window.
   void Acknowledge(std::uint64_t number);
 
+  // The receiver will never take the event with this number. It leaves the window as an
+  // acknowledged one does, but is not sent again, whatever comes. False if that was known, or the
+  // event has left already.
+  bool GiveUp(std::uint64_t number);
+
+  // Whether the event with this number, which is in the window, is still to be acknowledged.
+  bool IsUnacknowledged(std::uint64_t number) const {
+    return m_entries[static_cast<std::size_t>(number - m_first)].state == State::Unacknowledged;
+  }
+
   std::size_t GetUnacknowledged() const { return m_unacknowledged; }
 
-  // How many events it holds: the unacknowledged ones, and acknowledged ones that stand behind one
-  // of them.
+  // Events that have left it because they were acknowledged.
+  std::uint64_t GetTaken() const { return m_taken; }
+
+  // How many events it holds: the unacknowledged ones, and others that stand behind one of them.
   std::size_t GetSize() const { return m_entries.size(); }
   std::uint64_t GetFirst() const { return m_first; }
   std::string_view GetMessage(std::uint64_t number) const;
@@ -40,17 +52,22 @@ class EventWindow {
   // Gives back all that are not acknowledged, oldest first, and is empty.
   std::vector<WindowsAgentCommon::MessageBlockPtr> TakeUnacknowledged();
 
-  // All of them count as unacknowledged again: they are to be sent once more, in order.
+  // The acknowledged ones count as unacknowledged again: all are to be sent once more, in order,
+  // but for those that were given up.
   void Rewind();
 
  private:
+  enum class State : std::uint8_t { Unacknowledged, Acknowledged, GivenUp };
   struct Entry {
     WindowsAgentCommon::MessageBlockPtr event;
-    bool acknowledged = false;
+    State state = State::Unacknowledged;
   };
+
+  bool Settle(std::uint64_t number, State state);
 
   std::deque<Entry> m_entries;
   std::uint64_t m_first = 0;
+  std::uint64_t m_taken = 0;
   std::size_t m_unacknowledged = 0;
 };
 

@@ -2,11 +2,11 @@
 
 #include <librdkafka/rdkafka.h>
 
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <mutex>
 #include <set>
+#include <utility>
 #include <vector>
 
 #include "Agent/OutageReasons.h"
@@ -27,7 +27,6 @@ constexpr milliseconds kPoll{100};
 
 // How long a producer that has failed is left before the next one is made.
 constexpr std::chrono::seconds kBetweenProducers{1};
-constexpr std::chrono::seconds kBetweenReports{10};
 constexpr milliseconds kLongestEnd{1'000};
 
 // What the library is given for the text of an error. It can hold several values of the settings.
@@ -71,6 +70,8 @@ class KafkaDestination : public WindowDestination {
   void Run() override;
   void Replace();
   void OnDelivery(const rd_kafka_message_t& message);
+  void OnAcknowledged(std::uint64_t number);
+  void OnRefused(std::uint64_t number, rd_kafka_resp_err_t error);
   void OnError(rd_kafka_resp_err_t error, const std::string& reason);
   void ReportTooLarge(std::size_t size);
 
@@ -81,10 +82,11 @@ class KafkaDestination : public WindowDestination {
   // Guarded by the lock. Null while one that has failed is being replaced.
   Producer m_producer;
   bool m_broken = false;
-  // Events in the window, now or before, that the cluster will never take.
-  std::uint64_t m_refusedForGood = 0;
-  OutageReasons m_outage;
-  steady_clock::time_point m_nextReport{};
+  // What is the matter: the cluster can't be reached, or it refuses events. Over when an event is
+  // acknowledged, and none before it waits that was refused.
+  OutageReasons m_troubles;
+  bool m_away = false;              // the cluster can't be reached
+  std::uint64_t m_lastRefused = 0;  // the event
 
   std::atomic<std::uint64_t> m_lost{0};
   std::atomic<std::uint64_t> m_refusedEvents{0};
@@ -164,19 +166,18 @@ void KafkaDestination::Initialize(const WindowsAgentCommon::EnvironmentBlock& en
 }
 
 std::vector<EndCounter> KafkaDestination::GetCounters() const {
-  std::vector<EndCounter> counters = Destination::GetCounters();
-  const EndCounter own[] = {
-      {"events_lost", "Events that are larger than the cluster takes", m_lost},
-      {"events_refused", "Answers that refused an event", m_refusedEvents},
-      {"events_sent_again", "Events that were sent once more, for want of an acknowledgement",
-       m_sentAgain},
-      {"outages", "Times that the cluster could not be reached", m_outages},
-      {"handshakes_failed", "Connections closed because they were not secured as demanded",
-       m_failedHandshakes},
-      {"logins_failed", "Log-ins that were refused", m_failedLogins},
-  };
-  counters.insert(counters.end(), std::begin(own), std::end(own));
-  return counters;
+  return Join(
+      Destination::GetCounters(),
+      {
+          {"events_lost", "Events that are larger than the cluster takes", m_lost},
+          {"events_refused", "Answers that refused an event", m_refusedEvents},
+          {"events_sent_again", "Events that were sent once more, for want of an acknowledgement",
+           m_sentAgain},
+          {"outages", "Times that the cluster could not be reached", m_outages},
+          {"handshakes_failed", "Connections closed because they were not secured as demanded",
+           m_failedHandshakes},
+          {"logins_failed", "Log-ins that were refused", m_failedLogins},
+      });
 }
 
 bool KafkaDestination::TakeEvent(MessageBlockPtr& event) {
@@ -192,7 +193,7 @@ bool KafkaDestination::TakeEvent(MessageBlockPtr& event) {
   } else if (offer == Offer::Full) {
     event = m_window.TakeBackLast();
   }
-  CountEvents(m_refusedForGood);
+  CountEvents();
   return offer != Offer::Full;
 }
 
@@ -263,10 +264,11 @@ void KafkaDestination::Replace() {
   const std::lock_guard lock(m_lock);
   m_broken = false;
   m_window.Rewind();
-  m_sentAgain += m_window.GetSize();
-  CountEvents(m_refusedForGood);
-  for (std::uint64_t i = 0; i < m_window.GetSize() && !m_broken; ++i) {
-    m_broken = Produce(made.get(), m_window.GetFirst() + i) != Offer::Taken;
+  m_sentAgain += m_window.GetUnacknowledged();
+  CountEvents();
+  const std::uint64_t end = m_window.GetFirst() + m_window.GetSize();
+  for (std::uint64_t number = m_window.GetFirst(); number < end && !m_broken; ++number) {
+    m_broken = m_window.IsUnacknowledged(number) && Produce(made.get(), number) != Offer::Taken;
   }
   m_producer = std::move(made);
   m_room.notify_all();
@@ -277,33 +279,44 @@ void KafkaDestination::OnDelivery(const rd_kafka_message_t& message) {
       reinterpret_cast<std::uintptr_t>(message._private));  // NOLINT: the library's name
   const std::lock_guard lock(m_lock);
   if (message.err == RD_KAFKA_RESP_ERR_NO_ERROR) {
-    m_window.Acknowledge(number);
-    if (m_outage.HasBegun()) {
-      m_outage.End();
-      LogFacade::Info(m_log, "The cluster acknowledges events again.");
-    }
+    OnAcknowledged(number);
   } else if (message.err == RD_KAFKA_RESP_ERR_MSG_SIZE_TOO_LARGE) {
     // It would be refused again and again, and hold up all others.
-    ++m_lost;
-    ++m_refusedForGood;
-    ReportTooLarge(message.len);
-    m_window.Acknowledge(number);
+    if (m_window.GiveUp(number)) {
+      ++m_lost;
+      ReportTooLarge(message.len);
+    }
   } else {
-    // The first: those behind it come back with it.
-    m_refusedEvents += m_broken || m_stop ? 0 : 1;
-    const auto now = steady_clock::now();
-    if (!m_broken && !m_stop && now >= m_nextReport) {
-      m_nextReport = now + kBetweenReports;
-      m_outage.IsNews(rd_kafka_err2name(message.err), now);
-      LogFacade::Warn(m_log,
-                      "The cluster does not take an event (%s); %d that are not acknowledged are "
-                      "sent again.",
-                      std::string(rd_kafka_err2str(message.err)), m_window.GetUnacknowledged());
+    // The first only: those behind it come back with it.
+    if (!m_broken && !m_stop) {
+      OnRefused(number, message.err);
     }
     m_broken = true;
   }
-  CountEvents(m_refusedForGood);
+  CountEvents();
   m_room.notify_all();
+}
+
+void KafkaDestination::OnAcknowledged(std::uint64_t number) {
+  m_window.Acknowledge(number);
+  m_away = false;
+  // Not those before one that is refused again and again.
+  if (m_troubles.HasBegun() && m_window.GetFirst() > m_lastRefused) {
+    m_troubles.End();
+    LogFacade::Info(m_log, "The cluster acknowledges events again.");
+  }
+}
+
+void KafkaDestination::OnRefused(std::uint64_t number, rd_kafka_resp_err_t error) {
+  ++m_refusedEvents;
+  m_away = false;
+  m_lastRefused = number;
+  if (m_troubles.Note(rd_kafka_err2name(error), steady_clock::now())) {
+    LogFacade::Warn(m_log,
+                    "The cluster does not take an event (%s); %d that are not acknowledged are "
+                    "sent again.",
+                    std::string(rd_kafka_err2str(error)), m_window.GetUnacknowledged());
+  }
 }
 
 void KafkaDestination::OnError(rd_kafka_resp_err_t error, const std::string& reason) {
@@ -316,14 +329,17 @@ void KafkaDestination::OnError(rd_kafka_resp_err_t error, const std::string& rea
                        error == RD_KAFKA_RESP_ERR__SSL || error == RD_KAFKA_RESP_ERR__RESOLVE;
   m_failedHandshakes += error == RD_KAFKA_RESP_ERR__SSL ? 1 : 0;
   m_failedLogins += error == RD_KAFKA_RESP_ERR__AUTHENTICATION ? 1 : 0;
-  const bool isFirst = !m_outage.HasBegun();
-  // By the code: the text holds times. That all brokers are down follows every other reason.
-  if (!matters || (!isFirst && error == RD_KAFKA_RESP_ERR__ALL_BROKERS_DOWN) ||
-      !m_outage.IsNews(rd_kafka_err2name(error), steady_clock::now())) {
+  // That all brokers are down follows every other reason.
+  if (!matters || (m_away && error == RD_KAFKA_RESP_ERR__ALL_BROKERS_DOWN)) {
+    return;
+  }
+  const bool isFirst = !std::exchange(m_away, true);
+  m_outages += isFirst ? 1 : 0;
+  // By the code: the text holds times.
+  if (!m_troubles.Note(rd_kafka_err2name(error), steady_clock::now())) {
     return;
   }
   if (isFirst) {
-    ++m_outages;
     LogFacade::Warn(m_log, "%s can't be reached (%s); events wait until it can.", m_options.brokers,
                     Shown(reason));
   } else {

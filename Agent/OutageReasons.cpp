@@ -11,7 +11,7 @@ constexpr std::size_t kMostReasons = 10;
 
 }  // namespace
 
-bool OutageReasons::IsNews(const std::string& reason, Clock::time_point now) {
+bool OutageReasons::Note(const std::string& reason, Clock::time_point now) {
   m_hasBegun = true;
   std::erase_if(m_told, [&](const auto& one) { return now - one.second >= kBetweenRepeats; });
   if (reason == m_last || m_told.size() >= kMostReasons || !m_told.emplace(reason, now).second) {

@@ -7,9 +7,9 @@
 namespace OrloAgent {
 
 // Decides which of the reasons that an outage has, one after the other, are told: the first one,
-// and each that differs from what was told last, so that a log always ends with what is the matter
-// now. Reasons that take turns are told once in a while, and no more than a few different ones: an
-// outage may last for weeks, with an attempt every second. No locking.
+// and each that differs from what was told last. Reasons that take turns are told once in a while,
+// and no more than a few different ones: an outage may last for weeks, with an attempt every
+// second. No locking.
 class OutageReasons {
  public:
   using Clock = std::chrono::steady_clock;
@@ -17,8 +17,9 @@ class OutageReasons {
   // Whether there was a reason since the last End.
   bool HasBegun() const { return m_hasBegun; }
 
-  // Whether this reason, which has just been found, is to be told now.
-  bool IsNews(const std::string& reason, Clock::time_point now);
+  // Takes down a reason that has just been found. Whether the caller is to tell it now; it counts
+  // as told then.
+  bool Note(const std::string& reason, Clock::time_point now);
 
   // The outage is over.
   void End();

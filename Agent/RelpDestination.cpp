@@ -113,15 +113,12 @@ RelpDestination::RelpDestination(const RelpDestinationOptions& options,
 }
 
 std::vector<EndCounter> RelpDestination::GetCounters() const {
-  std::vector<EndCounter> counters = Destination::GetCounters();
-  for (const EndCounter& counter : m_report.GetCounters(m_connection)) {
-    counters.push_back(counter);
-  }
-  counters.push_back({"events_refused", "Answers that refused an event", m_refusedEvents});
-  counters.push_back({"events_sent_again",
-                      "Events that were sent once more, for want of an acknowledgement",
-                      m_sentAgain});
-  return counters;
+  return Join(Join(Destination::GetCounters(), m_report.GetCounters(m_connection)),
+              {
+                  {"events_refused", "Answers that refused an event", m_refusedEvents},
+                  {"events_sent_again",
+                   "Events that were sent once more, for want of an acknowledgement", m_sentAgain},
+              });
 }
 
 bool RelpDestination::TakeEvent(MessageBlockPtr& event) {

@@ -364,7 +364,7 @@ void ConnectionReport::OnDown(const std::string& reason) {
   m_isUp = false;
   const auto now = steady_clock::now();
   const bool isFirst = !m_reasons.HasBegun();
-  if (!m_reasons.IsNews(reason, now)) {
+  if (!m_reasons.Note(reason, now)) {
     return;
   }
   if (isFirst) {

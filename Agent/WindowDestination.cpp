@@ -58,15 +58,14 @@ int WindowDestination::put(ACE_Message_Block* block, ACE_Time_Value*) {
 std::vector<MessageBlockPtr> WindowDestination::TakeUnsent() {
   const std::lock_guard lock(m_lock);
   auto events = m_window.TakeUnacknowledged();
-  m_unacknowledged = 0;
+  CountEvents();
   return events;
 }
 
-void WindowDestination::CountEvents(std::uint64_t neverTaken) {
+void WindowDestination::CountEvents() {
   m_unacknowledged = m_window.GetUnacknowledged();
-  // In order: what is acknowledged behind one that is not can be sent again.
-  const std::uint64_t left = m_window.GetFirst();
-  m_acknowledged = std::max<std::uint64_t>(m_acknowledged, left - std::min(left, neverTaken));
+  // Not what is acknowledged behind one that is not: it can be sent again.
+  m_acknowledged = m_window.GetTaken();
 }
 
 }  // namespace OrloAgent

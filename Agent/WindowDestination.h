@@ -41,9 +41,8 @@ class WindowDestination : public Destination {
   // now. Called under the lock.
   virtual bool TakeEvent(WindowsAgentCommon::MessageBlockPtr& event) = 0;
 
-  // Called under the lock whenever the window has changed. `neverTaken` is how many of the events
-  // that have left it the receiver will never take.
-  void CountEvents(std::uint64_t neverTaken = 0);
+  // Called under the lock whenever the window has changed.
+  void CountEvents();
 
   std::mutex m_lock;
   // An event has left the window.

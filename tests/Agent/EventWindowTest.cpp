@@ -59,6 +59,59 @@ TEST(EventWindow, RewindMakesAllOfItUnacknowledgedSoThatTheOrderHolds) {
   EXPECT_EQ(window.GetFirst(), 1u);
 }
 
+TEST(EventWindow, AnEventThatIsGivenUpLeavesItInItsTurnAndDoesNotCountAsTaken) {
+  EventWindow window;
+  for (const char* name : {"a", "b", "c"}) {
+    window.Add(Event(name));
+  }
+  EXPECT_TRUE(window.GiveUp(1));
+  EXPECT_FALSE(window.IsUnacknowledged(1));
+  EXPECT_EQ(window.GetUnacknowledged(), 2u);
+  EXPECT_EQ(window.GetFirst(), 0u);
+  window.Acknowledge(0);
+  EXPECT_EQ(window.GetFirst(), 2u);
+  EXPECT_EQ(window.GetTaken(), 1u);
+  window.Acknowledge(2);
+  EXPECT_EQ(window.GetTaken(), 2u);
+}
+
+TEST(EventWindow, AnEventIsGivenUpOnceAndForGood) {
+  EventWindow window;
+  for (const char* name : {"a", "b", "c"}) {
+    window.Add(Event(name));
+  }
+  EXPECT_TRUE(window.GiveUp(1));
+  window.Acknowledge(2);
+  window.Rewind();
+  EXPECT_TRUE(window.IsUnacknowledged(0));
+  EXPECT_FALSE(window.IsUnacknowledged(1)) << "it is not sent again";
+  EXPECT_TRUE(window.IsUnacknowledged(2));
+  EXPECT_EQ(window.GetUnacknowledged(), 2u);
+  EXPECT_FALSE(window.GiveUp(1));
+  window.Acknowledge(1);
+  window.Acknowledge(0);
+  EXPECT_FALSE(window.GiveUp(1)) << "it has left the window";
+  window.Acknowledge(2);
+  EXPECT_EQ(window.GetFirst(), 3u);
+  EXPECT_EQ(window.GetTaken(), 2u);
+}
+
+TEST(EventWindow, WhatIsTakenOutOfItIsNeitherAcknowledgedNorGivenUp) {
+  EventWindow window;
+  for (const char* name : {"a", "b", "c", "d"}) {
+    window.Add(Event(name));
+  }
+  window.GiveUp(1);
+  window.Acknowledge(2);
+  const auto events = window.TakeUnacknowledged();
+  ASSERT_EQ(events.size(), 2u);
+  EXPECT_EQ(TestSupport::PayloadOf(events[0].get()), "a");
+  EXPECT_EQ(TestSupport::PayloadOf(events[1].get()), "d");
+  EXPECT_EQ(window.GetTaken(), 1u);
+  EXPECT_EQ(window.GetUnacknowledged(), 0u);
+  EXPECT_EQ(window.GetSize(), 0u);
+}
+
 TEST(EventWindow, LastOneCanBeTakenBack) {
   EventWindow window;
   window.Add(Event("a"));
