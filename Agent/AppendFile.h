@@ -17,7 +17,7 @@ class AppendFile {
   AppendFile(const AppendFile&) = delete;
   AppendFile& operator=(const AppendFile&) = delete;
 
-  const std::string& Path() const { return m_path; }
+  const std::string& GetPath() const { return m_path; }
 
   // Makes the file and missing directories. Empty if it is open then, else why it is not. Requires
   // that it is closed.

@@ -87,13 +87,12 @@ int DatagramDestination::put(ACE_Message_Block* block, ACE_Time_Value*) {
 }
 
 std::vector<EndCounter> DatagramDestination::GetCounters() const {
-  return {
-      Destination::GetCounters().front(),
-      {"datagrams", "Events that were sent as datagrams", m_sent},
-      {"messages_cut", "Messages that no datagram can hold and that were cut", m_cut},
-      {"datagrams_unreachable", "Datagrams that came back because nobody listens there",
-       m_unreachable},
-  };
+  return Join(Destination::GetCounters(),
+              {
+                  {"messages_cut", "Messages that no datagram can hold and that were cut", m_cut},
+                  {"datagrams_unreachable", "Datagrams that came back because nobody listens there",
+                   m_unreachable},
+              });
 }
 
 bool DatagramDestination::Prepare() {

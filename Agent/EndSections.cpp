@@ -182,7 +182,7 @@ FileSourceOptions ReadFileSource(MapReader& map, ValueReader& reader) {
     for (const ConfigurationEntry& one : list) {
       std::string path;
       if (reader.ReadPath(one, path)) {
-        reader.AddShownForms(one, GetShownFormsOfPattern(path));
+        reader.AddShownForms(one, GetShownFormsOfDirectory(path));
         options.paths.push_back(std::move(path));
       }
     }

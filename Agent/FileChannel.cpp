@@ -58,7 +58,8 @@ IChannel::Readiness FileChannel::Prepare(bool atFrameStart) {
     if (m_file.IsStillThere()) {
       return Readiness::Ready;
     }
-    LogFacade::Info(m_log, "The file %s was renamed or removed; it is made anew.", m_file.Path());
+    LogFacade::Info(m_log, "The file %s was renamed or removed; it is made anew.",
+                    m_file.GetPath());
     Close();
   }
   if (const std::string problem = m_file.Open(); !problem.empty()) {
@@ -86,15 +87,15 @@ IChannel::WriteResult FileChannel::Write(std::string_view bytes, milliseconds pa
 void FileChannel::OnFailure(const char* what, const std::string& problem) {
   if (!m_failing) {
     m_failing = true;
-    LogFacade::Warn(m_log, "The file %s can't be %s (%s); events wait until it can.", m_file.Path(),
-                    what, problem);
+    LogFacade::Warn(m_log, "The file %s can't be %s (%s); events wait until it can.",
+                    m_file.GetPath(), what, problem);
   }
 }
 
 void FileChannel::OnSuccess() {
   if (m_failing) {
     m_failing = false;
-    LogFacade::Info(m_log, "The file %s is written again.", m_file.Path());
+    LogFacade::Info(m_log, "The file %s is written again.", m_file.GetPath());
   }
 }
 

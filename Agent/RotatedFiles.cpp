@@ -189,20 +189,28 @@ void RotatedFiles::RemoveLeftovers() {
       continue;
     }
     if (HoldsCompressed(compressed, plain, [this] { return IsStopping(); })) {
-      RemovePlain(plain, ignored);
+      RemovePlain(plain);
     } else if (!IsStopping()) {
-      LogFacade::Warn(m_log, "The file %s does not hold all of %s, which is kept.",
-                      ToText(compressed), ToText(plain));
+      LogFacade::Warn(m_log, "The file %s does not hold all of %s, %s.", ToText(compressed),
+                      ToText(plain), m_options.compress ? "and is made anew" : "which is kept");
     }
   }
 }
 
-// Only when its successor is on the disk by its name: a power cut may keep the one and lose the
-// other.
-void RotatedFiles::RemovePlain(const fs::path& plain, std::error_code& error) {
-  error = SyncDirectory(plain.parent_path());
-  if (!error) {
-    fs::remove(plain, error);
+// Only when its successor is on the disk by its name: a power cut may keep one and lose the other.
+void RotatedFiles::RemovePlain(const fs::path& plain) {
+  std::error_code error = SyncDirectory(plain.parent_path());
+  if (error) {
+    LogFacade::Warn(m_log,
+                    "The file %s is compressed, but stays: its directory can't be brought to the "
+                    "disk (%s).",
+                    ToText(plain), error.message());
+    return;
+  }
+  fs::remove(plain, error);
+  if (error) {
+    LogFacade::Warn(m_log, "The file %s is compressed, but can't be removed (%s).", ToText(plain),
+                    error.message());
   }
 }
 
@@ -241,11 +249,7 @@ void RotatedFiles::Compress(const fs::path& plain) {
       fs::rename(unfinished, WithEnding(plain, kCompressed), error);
     }
     if (!error) {
-      RemovePlain(plain, error);
-      if (error) {
-        LogFacade::Warn(m_log, "The file %s is compressed, but can't be removed (%s).",
-                        ToText(plain), error.message());
-      }
+      RemovePlain(plain);
       return;
     }
   } else if (problem.empty()) {

@@ -47,7 +47,7 @@ class RotatedFiles {
  private:
   void Run();
   void RemoveLeftovers();
-  static void RemovePlain(const std::filesystem::path& plain, std::error_code& error);
+  void RemovePlain(const std::filesystem::path& plain);
   void DeleteOldest();
   void CompressAll();
   void Compress(const std::filesystem::path& plain);

@@ -103,12 +103,10 @@ std::vector<std::string> GetShownFormsOfPath(const std::string& path) {
   return forms;
 }
 
-std::vector<std::string> GetShownFormsOfPattern(const std::string& pattern) {
+std::vector<std::string> GetShownFormsOfDirectory(const std::string& pattern) {
   std::vector<std::string> forms;
   std::filesystem::path directory;
-  const std::filesystem::path path = ToPath(pattern);
-  AddPath(path, forms);
-  for (const std::filesystem::path& part : path.parent_path()) {
+  for (const std::filesystem::path& part : ToPath(pattern).parent_path()) {
     if (ToText(part).find_first_of("*?") != std::string::npos) {
       break;
     }

@@ -19,8 +19,8 @@ std::vector<std::string> GetShownFormsOfBrokers(const std::string& brokers);
 // The path without detours, absolute, and with the system's own separators.
 std::vector<std::string> GetShownFormsOfPath(const std::string& path);
 
-// The same, and the directory below which a pattern finds files, and where those that were renamed
-// are.
-std::vector<std::string> GetShownFormsOfPattern(const std::string& pattern);
+// Of a pattern, beside its forms as a path: those of the directory below which it finds files, and
+// where those that were renamed lie.
+std::vector<std::string> GetShownFormsOfDirectory(const std::string& pattern);
 
 }  // namespace OrloAgent

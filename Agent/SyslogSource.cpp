@@ -48,8 +48,7 @@ class SyslogSource::Server {
         m_log(WindowsAgentCommon::LoggerFactory::GetLog("Code.SyslogSource." + streamName)),
         m_counts(counts),
         m_poster(gate, counts, m_log),
-        m_shared{m_poster, m_log, MakeFraming(options), std::vector<char>(kReadSize), 0, {}, {}, {},
-                 {},       {}} {}
+        m_shared{m_poster, m_log, MakeFraming(options), std::vector<char>(kReadSize)} {}
 
   ~Server() { Stop(); }
 

@@ -384,8 +384,12 @@ streams:
     EXPECT_TRUE(configuration.secrets.contains(secret)) << secret;
   }
   EXPECT_FALSE(configuration.secrets.contains("a${b} $x"));
-  for (const std::string& form : OrloAgent::GetShownFormsOfPattern("SeCrEtWoRd/logs/*.log")) {
-    EXPECT_TRUE(configuration.secrets.contains(form)) << form;
+  const std::string pattern = "SeCrEtWoRd/logs/*.log";
+  for (const auto& forms :
+       {OrloAgent::GetShownFormsOfPath(pattern), OrloAgent::GetShownFormsOfDirectory(pattern)}) {
+    for (const std::string& form : forms) {
+      EXPECT_TRUE(configuration.secrets.contains(form)) << form;
+    }
   }
 }
 

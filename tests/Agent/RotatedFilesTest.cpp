@@ -213,9 +213,12 @@ TEST_F(CompressedFilesTest, ACompressedFileThatIsNotCompleteDoesNotCostThePlainO
     }));
     EXPECT_EQ(ReadAll(plain), "precious\n");
   }
-  // It is compressed anew.
+  TestSupport::LogCapture log;
   const RotatedFiles files(m_file, Options(), "S");
   ASSERT_TRUE(BecomesList({std::string(kOldest) + ".gz"}));
+  EXPECT_EQ(log.Count(LogLevel::Warn, "The file " + packed.string() + " does not hold all of " +
+                                          plain.string() + ", and is made anew."),
+            1u);
   EXPECT_EQ(ReadAll(packed), complete);
 }
 

@@ -47,10 +47,13 @@ TEST(ShownForms, OfAPathAreItsNormalAndItsAbsoluteForm) {
 }
 
 TEST(ShownForms, OfAPatternIsTheDirectoryBelowWhichItFindsFiles) {
-  EXPECT_TRUE(Has(GetShownFormsOfPattern("/srv/secret/*/app.log"),
-                  std::filesystem::path("/srv/secret").make_preferred().string()));
-  const auto forms = GetShownFormsOfPattern("logs/app.log");
-  EXPECT_FALSE(Has(forms, "logs")) << "a word that may stand anywhere";
+  const auto forms = GetShownFormsOfDirectory("/srv/secret/*/app.log");
+  EXPECT_TRUE(Has(forms, std::filesystem::path("/srv/secret").make_preferred().string()));
+  for (const std::string& form : GetShownFormsOfPath("/srv/secret/*/app.log")) {
+    EXPECT_FALSE(Has(forms, form)) << form << " is a form of the path already";
+  }
+  EXPECT_FALSE(Has(GetShownFormsOfDirectory("logs/app.log"), "logs"))
+      << "a word that may stand anywhere";
 }
 
 }  // namespace

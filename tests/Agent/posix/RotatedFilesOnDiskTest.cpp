@@ -5,7 +5,9 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "Agent/RotatedFiles.h"
@@ -63,11 +65,16 @@ class RotatedFilesOnDiskTest : public testing::Test {
   // What is answered, in place of the system's own answer.
   int m_fileError = 0;
   int m_directoryError = 0;
+  // What happens then.
+  std::function<void()> m_whileDirectoryIsSynced;
   const TestSupport::SyncWatch m_watch{[this](const fs::path& path) {
     std::error_code error;
     const bool isDirectory = fs::is_directory(path, error);
     const std::lock_guard guard(m_lock);
     m_synced.emplace_back(path.filename().string(), List(isDirectory ? path : path.parent_path()));
+    if (isDirectory && m_whileDirectoryIsSynced) {
+      std::exchange(m_whileDirectoryIsSynced, nullptr)();
+    }
     return isDirectory ? m_directoryError : m_fileError;
   }};
 };
@@ -104,11 +111,22 @@ TEST_F(RotatedFilesOnDiskTest, WhereDirectoriesAreNotBroughtToTheDiskThePlainFil
   }
 }
 
-TEST_F(RotatedFilesOnDiskTest, APlainFileThatHasToStayIsSaidToBeCompressed) {
+TEST_F(RotatedFilesOnDiskTest, APlainFileThatCanNotBeRemovedIsSaidToBeCompressed) {
+  m_whileDirectoryIsSynced = [this] {
+    fs::remove(m_directory.Path() / kPlain);
+    fs::create_directories(m_directory.Path() / kPlain / "in the way");
+  };
+  const RotatedFiles files(m_directory.Path() / "events.log", m_options, "S");
+  EXPECT_TRUE(Warns(" is compressed, but can't be removed (Directory not empty)."));
+}
+
+TEST_F(RotatedFilesOnDiskTest, APlainFileStaysWhileTheNameOfItsSuccessorMayBeLost) {
   Answer(0, EIO);
   const RotatedFiles files(m_directory.Path() / "events.log", m_options, "S");
   const std::string plain = kPlain;
-  EXPECT_TRUE(Warns(" is compressed, but can't be removed (Input/output error)."));
+  EXPECT_TRUE(
+      Warns(" is compressed, but stays: its directory can't be brought to the disk "
+            "(Input/output error)."));
   EXPECT_EQ(List(m_directory.Path()), (std::vector{plain, plain + ".gz"}));
 }
 
