@@ -114,6 +114,9 @@ class CacheTool(support.AgentTest):
         run = self.tool("requeue", "data", "first.json", "--remove")
         self.assertIn(b"300 events", run.stdout)
         self.assertFalse((self.directory / "first.json").exists())
+        if support.LAUNCHER:
+            # Wine lists names with a dot for the stage, which Windows does not.
+            shutil.rmtree(self.directory / "data" / "Events" / "Default" / "quarantine.d")
         delivered, agent = self.deliver()
         self.assertEqual(delivered, second + first)
         self.assertTrue(agent.find(r"600 events in 2 chunks are cached"))
