@@ -4,13 +4,17 @@
 
 namespace OrloAgent {
 
-void Source::Start(OrloStream::Stream& stream) {
-  m_gate.Open(stream);
+void Source::Prepare(const std::string& streamName) {
   if (m_begun) {
     return;
   }
-  Begin(WindowsAgentCommon::ToUtf8(stream.GetName()));
+  Begin(streamName);
   m_begun = true;
+}
+
+void Source::Start(OrloStream::Stream& stream) {
+  m_gate.Open(stream);
+  Prepare(WindowsAgentCommon::ToUtf8(stream.GetName()));
 }
 
 void Source::Stop() {

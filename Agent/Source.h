@@ -18,18 +18,23 @@ namespace OrloAgent {
 // has read, posts nothing, and goes on when it is started again with the stream that follows.
 class Source : public OrloStream::IStreamSource {
  public:
-  // Begins, or goes on if it is paused.
+  // Begins, without a stream: what it reads waits, as while it is paused, until it is started.
+  // Throws InitializationException; then nothing is running. `streamName` is for messages. Does
+  // nothing if it has begun.
+  void Prepare(const std::string& streamName);
+
+  // Begins, or goes on if it is prepared or paused, which can't fail.
   void Start(OrloStream::Stream& stream) final;
 
-  // Ends for good. If it is paused, what it has read and can't be read again is lost, counted as
-  // not made, and reported.
+  // Ends for good. If it is prepared or paused, what it has read and can't be read again is lost,
+  // counted as not made, and reported.
   void Stop() final;
 
   // Returns when it posts nothing to its stream any more. What comes from now on waits where it
   // comes from, as while the stream is full.
   void Pause();
 
-  // Whether Start has begun it and Stop has not ended it.
+  // Whether it has begun, and Stop has not ended it.
   bool HasBegun() const { return m_begun; }
 
   // Events that were posted, whatever became of them then. Any thread.

@@ -69,11 +69,14 @@ class Stream {
   std::wstring m_name;
   // Closing it deletes the modules with their tasks.
   std::unique_ptr<ACE_Stream<ACE_MT_SYNCH>> m_stream;
+  std::vector<StageDefinition> m_definitions;             // of the stages, in the same order
   std::vector<StreamStageBase*> m_stages;                 // owned by m_stream
   WindowsAgentCommon::OrloTask* m_destination = nullptr;  // owned by m_stream
   std::vector<std::unique_ptr<IStreamSource>> m_sources;
   bool m_sourcesRunning = false;
-  bool m_stagesRunning = false;
+  // So many of the last stages were initialised, with or without success, and have to be stopped.
+  std::size_t m_startedStages = 0;
+  bool m_destinationRunning = false;
 };
 
 }  // namespace OrloStream

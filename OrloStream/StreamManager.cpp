@@ -42,11 +42,16 @@ void RunStep(const char* function, const std::string& where, Step step) {
   }
 }
 
-constexpr const char* kCreate = "OrloStream::StreamManager::Create";
+constexpr const char* kPrepare = "OrloStream::StreamManager::Prepare";
+constexpr const char* kStartStages = "OrloStream::StreamManager::StartStages";
 constexpr const char* kStartSources = "OrloStream::StreamManager::StartSources";
 
 std::string DescribeStream(const std::wstring& name) {
   return "Stream \"" + WindowsAgentCommon::ToUtf8(name) + "\"";
+}
+
+std::string DescribeStage(const std::wstring& streamName, const StageDefinition& stage) {
+  return DescribeStream(streamName) + ", module " + stage.moduleName;
 }
 
 // A failing Stop must not keep the others from being stopped.
@@ -67,7 +72,7 @@ void InitializeProfile(StreamStageBase& stage) {
     return;
   }
   if (profile->GetStatisticsServer() == nullptr) {
-    Fail(kCreate, "there is no statistics service");
+    Fail(kPrepare, "there is no statistics service");
   }
   profile->Initialize();
 }
@@ -79,26 +84,6 @@ void ForgetStatistics(const std::string& instance) {
     server->RemoveInstance(instance);
   }
 }
-
-// Stops what was started, last started first, unless Dismiss is called.
-class StopOnFailure {
- public:
-  explicit StopOnFailure(std::string where) : m_where(std::move(where)) {}
-  ~StopOnFailure() {
-    for (auto task = m_tasks.rbegin(); task != m_tasks.rend(); ++task) {
-      StopTask(**task, m_where);
-    }
-  }
-  StopOnFailure(const StopOnFailure&) = delete;
-  StopOnFailure& operator=(const StopOnFailure&) = delete;
-
-  void Add(OrloTask& task) { m_tasks.push_back(&task); }
-  void Dismiss() { m_tasks.clear(); }
-
- private:
-  const std::string m_where;
-  std::vector<OrloTask*> m_tasks;
-};
 
 }  // namespace
 
@@ -112,15 +97,26 @@ StreamManager::~StreamManager() {
 }
 
 Stream& StreamManager::Create(StreamDefinition definition) {
+  Stream& stream = Prepare(std::move(definition));
+  try {
+    StartStages(stream);
+  } catch (...) {
+    Remove(stream);
+    throw;
+  }
+  return stream;
+}
+
+Stream& StreamManager::Prepare(StreamDefinition definition) {
   const std::string where = DescribeStream(definition.name);
   const bool isTaken = std::any_of(m_streams.begin(), m_streams.end(), [&](const auto& stream) {
     return stream->GetName() == definition.name;
   });
   if (isTaken) {
-    Fail(kCreate, where + ": there is a stream of this name already");
+    Fail(kPrepare, where + ": there is a stream of this name already");
   }
   if (!definition.destination) {
-    Fail(kCreate, where + ": it has no destination");
+    Fail(kPrepare, where + ": it has no destination");
   }
   const std::string instance = WindowsAgentCommon::ToUtf8(definition.name);
   std::unique_ptr<Stream> stream(new Stream(definition.name));
@@ -128,8 +124,11 @@ Stream& StreamManager::Create(StreamDefinition definition) {
   try {
     const WindowsAgentCommon::StatisticsInstanceScope scope(instance);
     BuildChain(*stream, definition);
-    InitializeChain(*stream, definition);
+    stream->m_definitions = std::move(definition.stages);
+    InitializeProfiles(*stream);
+    InitializeDestination(*stream);
   } catch (...) {
+    StopStages(*stream);
     stream.reset();
     ForgetStatistics(instance);
     throw;
@@ -143,7 +142,7 @@ void StreamManager::BuildChain(Stream& stream, StreamDefinition& definition) {
   const std::string where = DescribeStream(stream.m_name);
   std::vector<std::unique_ptr<Module>> modules;
   for (const StageDefinition& stage : definition.stages) {
-    RunStep(kCreate, where + ", module " + stage.moduleName,
+    RunStep(kPrepare, DescribeStage(stream.m_name, stage),
             [&] { modules.push_back(LoadStageModule(m_moduleDirectory, stage.moduleName)); });
     stream.m_stages.push_back(GetStage(*modules.back()));
     stream.m_stages.back()->SetParentStreamName(stream.m_name);
@@ -152,40 +151,42 @@ void StreamManager::BuildChain(Stream& stream, StreamDefinition& definition) {
   auto destination =
       std::make_unique<Module>(ACE_TEXT("Destination"), definition.destination.get());
   if (destination->writer() != definition.destination.get()) {
-    Fail(kCreate, where + ", destination: out of memory");
+    Fail(kPrepare, where + ", destination: out of memory");
   }
   stream.m_destination = definition.destination.release();
   // A module belongs to the stream even when it could not be opened.
   if (stream.m_stream->push(destination.release()) == -1) {
-    Fail(kCreate, where + ", destination: can't be opened");
+    Fail(kPrepare, where + ", destination: can't be opened");
   }
   for (std::size_t i = modules.size(); i-- > 0;) {
     if (stream.m_stream->push(modules[i].release()) == -1) {
-      Fail(kCreate, where + ", module " + definition.stages[i].moduleName + ": can't be opened");
+      Fail(kPrepare, DescribeStage(stream.m_name, definition.stages[i]) + ": can't be opened");
     }
   }
 }
 
-void StreamManager::InitializeChain(Stream& stream, const StreamDefinition& definition) {
-  const std::string where = DescribeStream(stream.m_name);
-  const auto describeStage = [&](std::size_t i) {
-    return where + ", module " + definition.stages[i].moduleName;
-  };
+void StreamManager::InitializeProfiles(Stream& stream) {
   for (std::size_t i = 0; i < stream.m_stages.size(); ++i) {
-    RunStep(kCreate, describeStage(i), [&] { InitializeProfile(*stream.m_stages[i]); });
+    RunStep(kPrepare, DescribeStage(stream.m_name, stream.m_definitions[i]),
+            [&] { InitializeProfile(*stream.m_stages[i]); });
   }
+}
 
-  // A task is added before it is initialised: one that failed half-way may have threads running.
-  StopOnFailure started(where);
-  started.Add(*stream.m_destination);
-  RunStep(kCreate, where + ", destination", [&] { stream.m_destination->Initialize({}); });
+void StreamManager::InitializeDestination(Stream& stream) {
+  // One that failed half-way may have threads running.
+  stream.m_destinationRunning = true;
+  RunStep(kPrepare, DescribeStream(stream.m_name) + ", destination",
+          [&] { stream.m_destination->Initialize({}); });
+}
+
+void StreamManager::StartStages(Stream& stream) {
+  const WindowsAgentCommon::StatisticsInstanceScope scope(
+      WindowsAgentCommon::ToUtf8(stream.m_name));
   for (std::size_t i = stream.m_stages.size(); i-- > 0;) {
-    started.Add(*stream.m_stages[i]);
-    RunStep(kCreate, describeStage(i),
-            [&] { stream.m_stages[i]->Initialize(definition.stages[i].settings); });
+    ++stream.m_startedStages;
+    RunStep(kStartStages, DescribeStage(stream.m_name, stream.m_definitions[i]),
+            [&] { stream.m_stages[i]->Initialize(stream.m_definitions[i].settings); });
   }
-  started.Dismiss();
-  stream.m_stagesRunning = true;
 }
 
 void StreamManager::StartSources(Stream& stream) {
@@ -228,15 +229,13 @@ void StreamManager::SetSources(Stream& stream,
 }
 
 void StreamManager::StopStages(Stream& stream) {
-  if (!stream.m_stagesRunning) {
-    return;
+  const std::size_t count = stream.m_stages.size();
+  for (std::size_t i = count - std::exchange(stream.m_startedStages, 0); i < count; ++i) {
+    StopTask(*stream.m_stages[i], DescribeStage(stream.m_name, stream.m_definitions[i]));
   }
-  const std::string where = DescribeStream(stream.m_name);
-  for (StreamStageBase* stage : stream.m_stages) {
-    StopTask(*stage, where + ", module " + stage->GetStageName());
+  if (std::exchange(stream.m_destinationRunning, false)) {
+    StopTask(*stream.m_destination, DescribeStream(stream.m_name) + ", destination");
   }
-  StopTask(*stream.m_destination, where + ", destination");
-  stream.m_stagesRunning = false;
 }
 
 void StreamManager::Remove(Stream& stream) {

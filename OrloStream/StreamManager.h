@@ -23,11 +23,18 @@ class StreamManager {
   StreamManager& operator=(const StreamManager&) = delete;
 
   // Loads the modules, builds the chain, creates and initialises each stage's statistics profile
-  // (its groups carry the stream's name as instance), then initialises the destination and the
-  // stages, downstream first. No source runs yet. Throws InitializationException that names
-  // stream, module and reason (a module file that is missing or can't be loaded, one without its
-  // factory, a factory that gives nothing, a stage that is no StreamStageBase or throws, a name
-  // that a stream has already); then everything that was started has been stopped again.
+  // (its groups carry the stream's name as instance), then initialises the destination. No stage
+  // and no source runs yet. Throws InitializationException that names stream, module and reason (a
+  // module file that is missing or can't be loaded, one without its factory, a factory that gives
+  // nothing, a stage that is no StreamStageBase, a destination that throws, a name that a stream
+  // has already); then everything that was started has been stopped again.
+  Stream& Prepare(StreamDefinition definition);
+
+  // Initialises the stages, downstream first. Throws InitializationException as Prepare, if a stage
+  // throws; those downstream of it run then, and the destination, until StopStages or Remove.
+  void StartStages(Stream& stream);
+
+  // Both of them; if it throws, nothing of the stream is left.
   Stream& Create(StreamDefinition definition);
 
   // Starts the sources in order. If one throws, those already started are stopped, and the
@@ -52,9 +59,10 @@ class StreamManager {
   const std::vector<std::unique_ptr<Stream>>& GetStreams() const { return m_streams; }
 
  private:
-  // The steps of Create: from files to a linked chain, and from there to a running one.
+  // The steps of Prepare: from files to a linked chain, and what of it runs before the stages.
   void BuildChain(Stream& stream, StreamDefinition& definition);
-  void InitializeChain(Stream& stream, const StreamDefinition& definition);
+  void InitializeProfiles(Stream& stream);
+  void InitializeDestination(Stream& stream);
 
   std::string m_moduleDirectory;
   std::vector<std::unique_ptr<Stream>> m_streams;

@@ -110,6 +110,19 @@ TEST_F(SourceTest, APausedSourceThatIsStoppedGivesUpWhatWaitsAndCountsIt) {
                            "1 events were lost before they were queued: their stream is gone."));
 }
 
+TEST_F(SourceTest, WhatAPreparedSourceReadsWaitsUntilItIsStarted) {
+  std::atomic<int> count{0};
+  EagerSource source;
+  source.Prepare("A");
+  EXPECT_TRUE(source.HasBegun());
+  ASSERT_TRUE(WaitUntil([&] { return source.GetGate().IsAwaited(); }));
+  source.Start(MakeStream(L"A", count));
+  ASSERT_TRUE(WaitUntil([&] { return count > 1000; }));
+  source.Stop();
+  EXPECT_EQ(source.GetPosted(), static_cast<std::uint64_t>(count));
+  EXPECT_EQ(source.GetNotMade(), 0u);
+}
+
 TEST_F(SourceTest, PausingComesToAnEndWhileTheSourcePostsWithoutRest) {
   std::atomic<int> count{0};
   EagerSource source;

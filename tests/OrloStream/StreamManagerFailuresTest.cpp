@@ -111,6 +111,22 @@ TEST_F(StreamManagerFailuresTest, AStageUpstreamOfTheOneThatThrowsIsNeitherStart
   ExpectNothingLeft();
 }
 
+TEST_F(StreamManagerFailuresTest, WhatRunsWhenAStageCannotStartIsStoppedWhenTheCallerWishes) {
+  Stream& stream = m_manager->Prepare(
+      Definition(L"S", {Stage("UpperStage", {{"Throw", "1"}}), Stage("LowerStage")}));
+  EXPECT_EQ(Journal::GetEntries(),
+            (Entries{"UpperStage.InitializeProfile", "LowerStage.InitializeProfile",
+                     "Destination.Initialize"}));
+  Journal::Clear();
+  EXPECT_THROW(m_manager->StartStages(stream), WindowsAgentCommon::InitializationException);
+  EXPECT_EQ(Journal::GetEntries(), (Entries{"LowerStage.Initialize S", "UpperStage.Initialize S"}));
+  Journal::Clear();
+  m_manager->Remove(stream);
+  EXPECT_EQ(Journal::GetEntries(),
+            (Entries{"UpperStage.Stop", "LowerStage.Stop", "Destination.Stop"}));
+  ExpectNothingLeft();
+}
+
 TEST_F(StreamManagerFailuresTest, TheExceptionKeepsThePlaceWhereItArose) {
   try {
     m_manager->Create(Definition(L"S", {Stage("UpperStage", {{"Throw", "1"}})}));
