@@ -46,4 +46,16 @@ std::vector<GaugeReading> ReadGauges(const std::string& instance) {
   return readings;
 }
 
+std::vector<std::int64_t> ReadGauges(const std::string& instance, const std::string& name) {
+  GaugeList& list = GetList();
+  const std::lock_guard guard(list.lock);
+  std::vector<std::int64_t> values;
+  for (const Gauge* const gauge : list.gauges) {
+    if (gauge->m_instance == instance && gauge->m_name == name) {
+      values.push_back(gauge->m_read());
+    }
+  }
+  return values;
+}
+
 }  // namespace WindowsAgentCommon

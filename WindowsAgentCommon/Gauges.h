@@ -26,6 +26,7 @@ class Gauge {
 
  private:
   friend std::vector<struct GaugeReading> ReadGauges(const std::string& instance);
+  friend std::vector<std::int64_t> ReadGauges(const std::string& instance, const std::string& name);
 
   const std::string m_instance;
   const std::string m_name;
@@ -39,5 +40,8 @@ struct GaugeReading {
 
 // What all gauges of an instance say now, in the order in which they were made.
 std::vector<GaugeReading> ReadGauges(const std::string& instance);
+
+// Only those of that name; no other is asked.
+std::vector<std::int64_t> ReadGauges(const std::string& instance, const std::string& name);
 
 }  // namespace WindowsAgentCommon

@@ -30,6 +30,16 @@ TEST(Gauges, OfOneInstanceAreNotThoseOfAnother) {
   EXPECT_TRUE(ReadGauges("Third").empty());
 }
 
+TEST(Gauges, OfANameAreReadWithoutTheOthers) {
+  int reads = 0;
+  const Gauge other("S", "Other", [&] { return std::int64_t{++reads}; });
+  const Gauge first("S", "Bytes", [] { return std::int64_t{3}; });
+  const Gauge elsewhere("T", "Bytes", [] { return std::int64_t{5}; });
+  const Gauge second("S", "Bytes", [] { return std::int64_t{4}; });
+  EXPECT_EQ(ReadGauges("S", "Bytes"), (std::vector<std::int64_t>{3, 4}));
+  EXPECT_EQ(reads, 0);
+}
+
 TEST(Gauges, ThatAreGoneAreNotReadAnyMore) {
   auto gauge = std::make_unique<Gauge>("S", "Bytes", [] { return std::int64_t{1}; });
   gauge.reset();
