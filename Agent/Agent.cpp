@@ -58,17 +58,8 @@ void Agent::Start() {
                                        m_control.restart();
                                        m_control.run_for(time);
                                      }});
-    Leftover none;
-    for (const StreamOptions& stream : m_options.streams) {
-      m_streams.push_back(
-          std::make_unique<RunningStream>(stream, m_options, *m_surroundings, none));
-    }
-    for (const auto& running : m_streams) {
-      running->StartSources();
-    }
+    m_exchange->Start(m_streams, m_options.streams, m_options);
   } catch (const std::exception&) {
-    // A stream that runs may have taken a chunk from its cache.
-    EndStreams(false, [this] { return m_stopRequested; });
     TearDown();
     throw;
   }
@@ -188,19 +179,13 @@ std::vector<StreamReport> Agent::Stop() {
   // Whoever gave the agent an input with an end wants all of it delivered. A signal wants the agent
   // to end: what is on the disk comes out next time.
   const bool emptyCache = m_signalCount == 0;
-  std::vector<StreamReport> reports = EndStreams(
-      emptyCache, [&] { return m_signalCount > 1 || (emptyCache && m_signalCount > 0); });
-  TearDown();
-  return reports;
-}
-
-std::vector<StreamReport> Agent::EndStreams(bool emptyCache,
-                                            const std::function<bool()>& isInterrupted) {
   for (const auto& running : m_streams) {
     running->StopSources();
   }
-  Drain(emptyCache, isInterrupted);
-  return CloseStreams();
+  Drain(emptyCache, [&] { return m_signalCount > 1 || (emptyCache && m_signalCount > 0); });
+  std::vector<StreamReport> reports = CloseStreams();
+  TearDown();
+  return reports;
 }
 
 void Agent::Drain(bool emptyCache, const std::function<bool()>& isInterrupted) {
@@ -296,11 +281,21 @@ void Agent::Apply(AgentOptions options) {
   for (const auto& running : m_streams) {
     m_options.streams.push_back(running->GetOptions());
   }
+  const auto& troubles = m_exchange->GetTroubles();
+  const auto countMade = [&](const std::vector<std::string>& names) {
+    return std::count_if(names.begin(), names.end(), [&](const std::string& name) {
+      return std::none_of(troubles.begin(), troubles.end(),
+                          [&](const StreamTrouble& trouble) { return trouble.stream == name; });
+    });
+  };
   LogFacade::Info(m_log,
                   "%s was read again: %d streams go on untouched, %d were changed, %d added, %d "
-                  "removed.",
-                  m_file.name, plan.same.size(), plan.changed.size(), plan.added.size(),
-                  plan.removed.size());
+                  "removed%s.",
+                  m_file.name, plan.same.size(), countMade(plan.changed), countMade(plan.added),
+                  plan.removed.size(),
+                  troubles.empty()
+                      ? std::string()
+                      : WindowsAgentCommon::Format(", %d can't be used", troubles.size()));
   OnInputEnded();
 }
 

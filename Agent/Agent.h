@@ -36,9 +36,10 @@ struct ConfigurationFile {
 // Made, started and stopped on one thread, the control thread. Threads of a running agent: this
 // one; one for each source; one for each destination (the flusher); and those of the stages.
 //
-// Start: the services, then the lock on the data directory, then every stream with its stages, then
-// the sources. Stop: the sources; then wait until every event is delivered, cached or counted as
-// lost; then the stages and destinations, and a line for each stream about where its events went.
+// Start: the services, then the lock on the data directory, then every stream with its destination,
+// its sources and its stages, in this order; then events move. Stop: the sources; then wait until
+// every event is delivered, cached or counted as lost; then the stages and destinations, and a line
+// for each stream about where its events went.
 //
 // Reload, which a signal asks for: the file is read again. If it has no mistakes, streams whose
 // section is the same are left alone; those that changed or are gone are stopped in the order of
@@ -54,8 +55,9 @@ class Agent {
   Agent(const Agent&) = delete;
   Agent& operator=(const Agent&) = delete;
 
-  // Throws InitializationException; then nothing is running and the lock is free. What ran is ended
-  // as by Stop: an event that it had is not lost.
+  // Throws InitializationException; then nothing is running and the lock is free. What is in the
+  // caches stays there; only where a stage can't start after another one has run for half a second,
+  // that one may have taken a chunk, which is lost, and counted in a Warn line.
   void Start();
 
   // Returns when a signal asks the agent to stop, or when the input of its last source has ended.
@@ -70,7 +72,6 @@ class Agent {
   void WatchStreams();
   void TellThatItWorks();
   void OnSignal(ProcessSignals::Request request, const std::string& name);
-  std::vector<StreamReport> EndStreams(bool emptyCache, const std::function<bool()>& isInterrupted);
   void Drain(bool emptyCache, const std::function<bool()>& isInterrupted);
   std::vector<StreamReport> CloseStreams();
   void TearDown();

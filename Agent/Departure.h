@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <optional>
 
 #include "Agent/StreamAccount.h"
 
@@ -38,25 +39,30 @@ class Departure {
   Departure(const Limits& limits, Clock::time_point now);
 
   // To be called every 100 ms. `isHeld`: the sender waits in the destination's gate, because of the
-  // step that the last look gave.
-  Step Look(const StreamReport& report, bool isHeld, Clock::time_point now);
+  // step that the last look gave. `maySend`: the stage may bring a chunk back from its cache now.
+  Step Look(const StreamReport& report, bool isHeld, bool maySend, Clock::time_point now);
 
   // Whether the time was over before the stream could leave without a loss.
   bool IsLate() const { return m_late; }
 
  private:
-  bool MayLeave(const StreamReport& report, bool isHeld, Clock::time_point now);
+  void Keep(Clock::time_point now);
+  bool MayLeave(const StreamReport& report, bool isHeld, bool maySend, Clock::time_point now);
 
   Limits m_limits;
   Clock::time_point m_deliverUntil;
-  Clock::time_point m_decideUntil;
-  Clock::time_point m_sendUntil;
+  // When the stage has decided about what was posted before, if it is in time.
+  Clock::time_point m_decided;
   RestDetector m_rest;
   StreamReport m_last;
   bool m_first = true;
   Clock::time_point m_movedAt;
-  bool m_keeping = false;
-  Clock::time_point m_keptSince;
+  // From the first step Keep on: since when, and the ends of both waits that may follow.
+  std::optional<Clock::time_point> m_keptSince;
+  Clock::time_point m_decideUntil;
+  Clock::time_point m_sendUntil;
+  // When the schedule was last seen to let a chunk come from the cache, but not before m_keptSince.
+  Clock::time_point m_couldSendAt;
   bool m_late = false;
 };
 

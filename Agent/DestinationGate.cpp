@@ -27,15 +27,16 @@ constexpr milliseconds kLongestWait{5'000};
 
 constexpr milliseconds kBetweenLooks{5};
 
+// How often an event that waits to be kept counts as refused.
+constexpr milliseconds kBetweenRefusals{1'000};
+
 int Backpressure() { return Status(Status::kBackpressure).ToInt(); }
 
 // Whether a stage of the stream may still hand something over. One that does not say is taken to be
 // at its end.
 bool MayHandOver(const std::string& streamName) {
-  const auto gauges = WindowsAgentCommon::ReadGauges(streamName);
-  return std::any_of(gauges.begin(), gauges.end(), [](const auto& gauge) {
-    return gauge.name == "IncomingRunning" && gauge.value != 0;
-  });
+  const auto running = WindowsAgentCommon::ReadGauges(streamName, "IncomingRunning");
+  return std::any_of(running.begin(), running.end(), [](std::int64_t value) { return value != 0; });
 }
 
 }  // namespace
@@ -53,24 +54,32 @@ void DestinationGate::Initialize(const WindowsAgentCommon::EnvironmentBlock& env
   }
 }
 
-void DestinationGate::Open(std::unique_ptr<Destination> running,
-                           std::vector<MessageBlockPtr> events) {
+void DestinationGate::Open(Leftover& left) {
   const std::lock_guard lock(m_lock);
-  if (running) {
-    m_destination = std::move(running);
-    m_lostBefore = m_destination->GetLostEvents();
-    m_inherited = m_destination->GetUnsentEvents();
+  if (left.destination) {
+    m_destination = std::move(left.destination);
+    m_lostBefore = left.lostBefore;
   }
-  m_inherited += events.size();
-  std::move(events.begin(), events.end(), std::back_inserter(m_older));
+  m_inherited = left.count;
+  m_inheritedLost = left.lost;
+  if (!left.events.empty()) {
+    LogFacade::Info(m_log, "Stream %s: %d events of the stream before it are sent first.",
+                    m_streamName, left.events.size());
+  }
+  std::move(left.events.begin(), left.events.end(), std::back_inserter(m_older));
+  left.events.clear();
+  left.count = left.lost = left.lostBefore = 0;
+  // What a stage that does not say whether it runs has handed over already.
+  std::move(m_kept.begin(), m_kept.end(), std::back_inserter(m_older));
+  m_kept.clear();
+  m_keptCount = 0;
   m_olderCount = m_older.size();
-  m_open = true;
+  m_opened = true;
   m_clear = m_older.empty();
+  m_mode = Mode::Passing;
   if (m_clear) {
     return;
   }
-  LogFacade::Info(m_log, "Stream %s: %d events of the stream before it are sent first.",
-                  m_streamName, m_older.size());
   try {
     m_thread = std::thread(&DestinationGate::RunOlder, this);
   } catch (const std::system_error& error) {
@@ -90,19 +99,18 @@ int DestinationGate::put(ACE_Message_Block* block, ACE_Time_Value* timeout) {
 }
 
 int DestinationGate::PutOneByOne(MessageBlockPtr event) {
-  const auto deadline = steady_clock::now() + kLongestWait;
+  auto deadline = steady_clock::now() + kLongestWait;
   while (!m_refusing) {
     if (m_mode == Mode::Keeping) {
-      m_heldIn = Mode::Keeping;
-      if (!MayHandOver(m_streamName)) {
-        const std::lock_guard lock(m_lock);
+      WaitToBeKept();
+      // Under the lock, so that Open finds it among the others or lets it pass.
+      const std::lock_guard lock(m_lock);
+      if (m_mode == Mode::Keeping && !m_refusing) {
         m_kept.push_back(std::move(event));
         ++m_keptCount;
         return 0;
       }
-      // To whoever looks at the stream: its sender does not hang.
-      ++m_refusals;
-      std::this_thread::sleep_for(kBetweenLooks);
+      deadline = steady_clock::now() + kLongestWait;
       continue;
     }
     int result = 0;
@@ -126,6 +134,20 @@ int DestinationGate::PutOneByOne(MessageBlockPtr event) {
   return Backpressure();
 }
 
+// Returns when the stages hand over nothing any more, or the gate does not keep any longer.
+void DestinationGate::WaitToBeKept() {
+  m_heldIn = Mode::Keeping;
+  auto counted = steady_clock::now();
+  while (m_mode == Mode::Keeping && !m_refusing && MayHandOver(m_streamName)) {
+    if (const auto now = steady_clock::now(); now - counted >= kBetweenRefusals) {
+      // To whoever looks at the stream: its sender does not hang.
+      ++m_refusals;
+      counted = now;
+    }
+    std::this_thread::sleep_for(kBetweenLooks);
+  }
+}
+
 // False if the destination can't take it now. Requires m_lock.
 bool DestinationGate::Offer(const ACE_Message_Block& event, int& result) {
   ACE_Message_Block* const reference = event.duplicate();
@@ -136,15 +158,15 @@ bool DestinationGate::Offer(const ACE_Message_Block& event, int& result) {
 // True if nothing is left. Requires m_lock.
 bool DestinationGate::DeliverOlder() {
   int ignored = 0;
-  while (m_open && !m_older.empty()) {
+  while (!m_older.empty()) {
     if (m_refusing || m_mode == Mode::Keeping || !Offer(*m_older.front(), ignored)) {
       return false;
     }
     m_older.pop_front();
     m_olderCount = m_older.size();
   }
-  m_clear = m_open;
-  return m_open;
+  m_clear = true;
+  return true;
 }
 
 void DestinationGate::RunOlder() {
@@ -168,8 +190,8 @@ void DestinationGate::Refuse() {
 }
 
 void DestinationGate::Stop() {
-  const bool isLeft = m_mode == Mode::Keeping;
-  if (!isLeft) {
+  const bool isKeeping = m_mode == Mode::Keeping;
+  if (!isKeeping) {
     m_refusing = true;
   }
   {
@@ -180,25 +202,43 @@ void DestinationGate::Stop() {
   if (m_thread.joinable()) {
     m_thread.join();
   }
-  if (m_destination && !isLeft && !std::exchange(m_ended, true)) {
+  if (isKeeping && m_opened) {
+    m_last = Count();
+  } else if (m_destination && !std::exchange(m_ended, true)) {
     m_destination->Stop();
   }
 }
 
-std::unique_ptr<Destination> DestinationGate::TakeLeft(std::vector<MessageBlockPtr>& events) {
+void DestinationGate::TakeLeft(Leftover& left) {
   const std::lock_guard lock(m_lock);
-  std::move(m_older.begin(), m_older.end(), std::back_inserter(events));
-  std::move(m_kept.begin(), m_kept.end(), std::back_inserter(events));
+  const Counts counts = Count();
+  std::move(m_older.begin(), m_older.end(), std::back_inserter(left.events));
+  std::move(m_kept.begin(), m_kept.end(), std::back_inserter(left.events));
   m_older.clear();
   m_kept.clear();
   m_olderCount = 0;
   m_keptCount = 0;
-  return std::move(m_destination);
+  m_last = Counts{0, counts.lost};
+  left.count += counts.unsent;
+  if (m_opened) {
+    left.lostBefore = counts.lost;
+    left.destination = std::move(m_destination);
+  }
 }
 
-std::uint64_t DestinationGate::GetUnsentEvents() const {
-  return (m_destination ? m_destination->GetUnsentEvents() : 0) + m_olderCount + m_keptCount;
+DestinationGate::Counts DestinationGate::Count() const {
+  if (m_last) {
+    return *m_last;
+  }
+  Counts counts{m_olderCount + m_keptCount, 0};
+  if (m_destination) {
+    counts.unsent += m_destination->GetUnsentEvents();
+    counts.lost = m_destination->GetLostEvents();
+  }
+  return counts;
 }
+
+std::uint64_t DestinationGate::GetUnsentEvents() const { return Count().unsent; }
 
 std::uint64_t DestinationGate::GetSentEvents() const {
   return m_destination ? m_destination->GetSentEvents() : 0;
@@ -209,7 +249,7 @@ std::optional<Destination::Parts> DestinationGate::GetParts() const {
 }
 
 std::uint64_t DestinationGate::GetLostEvents() const {
-  return m_destination ? m_destination->GetLostEvents() - m_lostBefore : 0;
+  return Count().lost - m_lostBefore + m_inheritedLost;
 }
 
 std::vector<EndCounter> DestinationGate::GetCounters() const {

@@ -28,12 +28,14 @@ void Leftover::StopDestination(const StreamOptions* wanted) {
   }
   destination->Refuse();
   destination->Stop();
-  const std::uint64_t count = destination->GetUnsentEvents();
+  lost += destination->GetLostEvents() - std::exchange(lostBefore, 0);
+  const std::uint64_t notSent = destination->GetUnsentEvents();
   auto unsent = destination->TakeUnsent();
-  if (unsent.size() < count) {
+  if (unsent.size() < notSent) {
+    lost += notSent - unsent.size();
     LogFacade::Error(WindowsAgentCommon::LoggerFactory::GetLog("Code.Agent"),
                      "Stream %s: %d events that were not sent are lost.", madeFrom.name,
-                     count - unsent.size());
+                     notSent - unsent.size());
   }
   std::move(events.begin(), events.end(), std::back_inserter(unsent));
   events = std::move(unsent);

@@ -30,7 +30,18 @@ struct Leftover {
   // Events that were not sent, oldest first. All that is in the stream's cache is younger.
   std::vector<WindowsAgentCommon::MessageBlockPtr> events;
 
-  // Stops those that are not in the options; null: all. What waits in them is counted as not made.
+  // The accounts of the two streams meet in these; both rest on one reading, because the
+  // destination goes on between them.
+  //
+  // How many events the stream has left: `events`, and what the destination had not sent then.
+  std::uint64_t count = 0;
+  // Of those, how many were given up since by a destination that has ended.
+  std::uint64_t lost = 0;
+  // What the destination had given up before, which is in the account of the stream that has ended.
+  std::uint64_t lostBefore = 0;
+
+  // Stops those that are not in the options; null: all. An event that waits in one of them is lost,
+  // as Source::Stop says.
   void StopSources(const StreamOptions* wanted);
 
   // Ends the destination, unless the options have the same one, and takes what it has not sent;

@@ -1,14 +1,15 @@
 #include "Agent/RunningStream.h"
 
 #include <algorithm>
-#include <iterator>
+#include <thread>
 #include <utility>
 
 #include "Agent/Destination.h"
 #include "Agent/Monitor/Monitor.h"
 #include "Agent/PathText.h"
 #include "Agent/SourceFactory.h"
-#include "Agent/Units.h"
+#include "Agent/StagePeriods.h"
+#include "WindowsAgentCommon/Exceptions.h"
 #include "WindowsAgentCommon/Text.h"
 
 namespace OrloAgent {
@@ -17,36 +18,6 @@ using std::chrono::milliseconds;
 using WindowsAgentCommon::LogFacade;
 
 namespace {
-
-constexpr char kStoreAndForward[] = "StoreAndForwardStage";
-
-// The value that the stage will use for one of its numbers.
-std::uint64_t GetStageNumber(const StageOptions& stage, const char* setting, std::uint64_t standard,
-                             std::uint64_t smallest) {
-  constexpr std::uint64_t kLargest = 0x7fffffff;
-  for (const auto& [name, value] : stage.settings) {
-    if (name == setting) {
-      const auto number = ParseWholeNumber(value);
-      return number && *number <= kLargest ? std::max(*number, smallest) : standard;
-    }
-  }
-  return standard;
-}
-
-// How long the stage may take until it decides about its newest events.
-std::chrono::seconds GetChunkPeriod(const StageOptions& stage) {
-  return std::chrono::seconds(GetStageNumber(stage, "DataChunkPeriod", 10, 5));
-}
-
-// How often the stages look for a cached chunk that can be sent.
-std::chrono::milliseconds FindProcessingPeriod(const std::vector<StageOptions>& stages) {
-  std::uint64_t microseconds = 0;
-  for (const StageOptions& stage : stages) {
-    microseconds =
-        std::max(microseconds, GetStageNumber(stage, "DataProcessingPeriod", 500'000, 500'000));
-  }
-  return std::chrono::milliseconds(microseconds / 1000);
-}
 
 milliseconds GetPatience(const DestinationOptions& options) {
   return std::visit(
@@ -65,20 +36,12 @@ milliseconds GetPatience(const StreamOptions& stream) {
          (stream.fallback ? GetPatience(stream.fallback->destination) : milliseconds(0));
 }
 
-milliseconds FindChunkPeriod(const StreamOptions& stream) {
-  milliseconds period{0};
-  for (const StageOptions& stage : stream.stages) {
-    period += GetChunkPeriod(stage);
-  }
-  return period;
-}
-
 // Far longer than a thread that works ever takes, so that no busy machine is taken for a thread
 // that hangs.
 StreamPulse::Limits GetPulseLimits(const StreamOptions& stream) {
   constexpr std::chrono::minutes kMargin{2};
   StreamPulse::Limits limits{kMargin, kMargin};
-  limits.decide += FindChunkPeriod(stream);
+  limits.decide += GetChunkPeriod(stream);
   limits.send += GetPatience(stream);
   return limits;
 }
@@ -87,39 +50,42 @@ StreamPulse::Limits GetPulseLimits(const StreamOptions& stream) {
 // follows can have it.
 constexpr std::chrono::seconds kAway{5};
 
+// How long a sender may take, on a busy machine, to begin with what it was handed.
+constexpr std::chrono::seconds kSenderBegins{10};
+
 }  // namespace
 
 RunningStream::RunningStream(const StreamOptions& options, const AgentOptions& common,
-                             const StreamSurroundings& surroundings, Leftover& left)
+                             const StreamSurroundings& surroundings, const Leftover& left)
     : m_options(options),
       m_surroundings(surroundings),
       m_log(WindowsAgentCommon::LoggerFactory::GetLog("Code.Agent")),
       m_account(surroundings.statistics, options.name, surroundings.dataDirectory),
       m_pulse(GetPulseLimits(options)),
-      m_processingPeriod(FindProcessingPeriod(options.stages)) {
+      m_processingPeriod(FindProcessingPeriod(options)) {
   if (const CacheContents& found = m_account.GetContentsAtStart(); found.chunks > 0) {
     LogFacade::Info(m_log, "Stream %s: %d events in %d chunks are cached from earlier runs.",
                     GetName(), found.events, found.chunks);
   }
   WarnOfShortDrain(common.shutdown);
-  // What can fail comes before the stages: a chunk that they have taken from the cache is gone when
-  // they are stopped at once.
-  std::vector<FoundSource> sources = FindSources(left.sources);
-  Create(left);
+  FindSources(left.sources);
+  Prepare(left);
   try {
     for (const StageOptions& stage : m_options.stages) {
-      if (stage.module == kStoreAndForward) {
+      if (IsStoreAndForward(stage)) {
         m_watch =
             std::make_unique<StreamWatch>(common.watch, GetName(), stage,
                                           m_surroundings.dataDirectory, m_surroundings.statistics);
       }
     }
-    TakeSources(std::move(sources), left.sources);
+    for (const MadeSource& made : m_sources) {
+      m_sourceStatistics.emplace_back(m_surroundings.statistics, GetName(),
+                                      DescribeSource(made.options), *made.source);
+    }
   } catch (...) {
     m_surroundings.manager.Remove(*m_stream);
     throw;
   }
-  m_destination->Open(std::move(left.destination), std::exchange(left.events, {}));
 }
 
 RunningStream::~RunningStream() {
@@ -136,7 +102,7 @@ RunningStream::~RunningStream() {
 void RunningStream::WarnOfShortDrain(const ShutdownOptions& shutdown) const {
   for (const StageOptions& stage : m_options.stages) {
     const std::chrono::seconds period = GetChunkPeriod(stage);
-    if (stage.module == kStoreAndForward && shutdown.drainTimeout <= period) {
+    if (IsStoreAndForward(stage) && shutdown.drainTimeout <= period) {
       LogFacade::Warn(m_log,
                       "Stream %s: shutdown.drain_timeout (%d ms) is not longer than "
                       "DataChunkPeriod (%d s); the newest events can be lost at a stop.",
@@ -145,7 +111,7 @@ void RunningStream::WarnOfShortDrain(const ShutdownOptions& shutdown) const {
   }
 }
 
-void RunningStream::Create(const Leftover& left) {
+void RunningStream::Prepare(const Leftover& left) {
   OrloStream::StreamDefinition definition;
   definition.name = WindowsAgentCommon::ToWide(GetName());
   for (const StageOptions& stage : m_options.stages) {
@@ -155,39 +121,25 @@ void RunningStream::Create(const Leftover& left) {
       left.destination ? nullptr : MakeDestinationOfStream(m_options), GetName());
   DestinationGate* const made = destination.get();
   definition.destination = std::move(destination);
-  m_stream = &m_surroundings.manager.Create(std::move(definition));
+  m_stream = &m_surroundings.manager.Prepare(std::move(definition));
   m_destination = made;
 }
 
-// In the order of the options.
-std::vector<RunningStream::FoundSource> RunningStream::FindSources(
-    std::vector<MadeSource>& left) const {
-  std::vector<FoundSource> found;
+// In the order of the options. Those that are left stay there until nothing can fail any more.
+void RunningStream::FindSources(const std::vector<MadeSource>& left) {
   for (const SourceOptions& options : m_options.sources) {
     const auto same = std::find_if(left.begin(), left.end(), [&](const MadeSource& one) {
-      return one.options == options && std::none_of(found.begin(), found.end(),
-                                                    [&](const auto& f) { return f.left == &one; });
+      return one.options == options &&
+             std::none_of(m_sources.begin(), m_sources.end(),
+                          [&](const auto& found) { return found.source == one.source; });
     });
     if (same == left.end()) {
-      found.push_back({MakeNewSource(options), nullptr});
+      m_sources.push_back(MakeNewSource(options));
     } else {
-      found.push_back({MadeSource(), &*same});
+      m_sources.push_back({nullptr, same->source, same->options, same->ended});
     }
+    m_notMadeBefore += m_sources.back().source->GetNotMade();
   }
-  return found;
-}
-
-void RunningStream::TakeSources(std::vector<FoundSource> found, std::vector<MadeSource>& left) {
-  for (const FoundSource& one : found) {
-    const MadeSource& made = one.left != nullptr ? *one.left : one.made;
-    m_notMadeBefore += made.source->GetNotMade();
-    m_sourceStatistics.emplace_back(m_surroundings.statistics, GetName(),
-                                    DescribeSource(made.options), *made.source);
-  }
-  for (FoundSource& one : found) {
-    m_sources.push_back(std::move(one.left != nullptr ? *one.left : one.made));
-  }
-  std::erase_if(left, [](const MadeSource& one) { return !one.owner; });
 }
 
 MadeSource RunningStream::MakeNewSource(const SourceOptions& options) const {
@@ -206,15 +158,56 @@ MadeSource RunningStream::MakeNewSource(const SourceOptions& options) const {
   return made;
 }
 
-void RunningStream::StartSources() {
-  std::vector<std::unique_ptr<OrloStream::IStreamSource>> owners;
-  // New ones first: should one fail, those that wait have noticed nothing.
-  for (const bool begun : {false, true}) {
-    for (MadeSource& made : m_sources) {
-      if (made.owner && made.source->HasBegun() == begun) {
-        owners.push_back(std::move(made.owner));
-      }
+void RunningStream::BeginSources() {
+  for (const MadeSource& made : m_sources) {
+    try {
+      made.source->Prepare(GetName());
+    } catch (const WindowsAgentCommon::OrloException& error) {
+      throw WindowsAgentCommon::InitializationException(
+          error.GetFile(), error.GetFunction(), error.GetLine(),
+          "Stream \"" + GetName() + "\": " + error.GetText());
     }
+  }
+}
+
+void RunningStream::StartStages(Leftover& left) {
+  try {
+    m_surroundings.manager.StartStages(*m_stream);
+  } catch (...) {
+    GiveUp(left);
+    throw;
+  }
+}
+
+void RunningStream::GiveUp(Leftover& left) {
+  // The gate keeps what the sender brings. One that is stopped before it has begun with a chunk
+  // takes that with it.
+  const auto until = std::chrono::steady_clock::now() + kSenderBegins;
+  const auto hasToBegin = [this] {
+    const StreamReport report = Look();
+    return report.accepted != report.sent && !m_destination->IsSenderHeld();
+  };
+  while (hasToBegin() && std::chrono::steady_clock::now() < until) {
+    std::this_thread::sleep_for(milliseconds(5));
+  }
+  m_surroundings.manager.StopStages(*m_stream);
+  WarnOfLoss(Look().held - static_cast<std::int64_t>(m_destination->GetUnsentEvents()));
+  m_destination->TakeLeft(left);
+}
+
+void RunningStream::Open(Leftover& left) {
+  for (MadeSource& made : m_sources) {
+    const auto same = std::find_if(left.sources.begin(), left.sources.end(),
+                                   [&](const auto& one) { return one.source == made.source; });
+    if (same != left.sources.end()) {
+      made.owner = std::move(same->owner);
+      left.sources.erase(same);
+    }
+  }
+  m_destination->Open(left);
+  std::vector<std::unique_ptr<OrloStream::IStreamSource>> owners;
+  for (MadeSource& made : m_sources) {
+    owners.push_back(std::move(made.owner));
   }
   m_surroundings.manager.SetSources(*m_stream, std::move(owners));
   m_surroundings.manager.StartSources(*m_stream);
@@ -239,6 +232,8 @@ void RunningStream::HideFromMonitor() {
 }
 
 void RunningStream::StopSources() { m_surroundings.manager.StopSources(*m_stream); }
+
+void RunningStream::HoldSender() { m_destination->Hold(); }
 
 void RunningStream::BeginToLeave(const StreamOptions* successor, const ShutdownOptions& shutdown) {
   for (auto& owner : m_surroundings.manager.TakeSources(*m_stream)) {
@@ -267,7 +262,7 @@ void RunningStream::BeginToLeave(const StreamOptions* successor, const ShutdownO
   const bool goesOn = successor != nullptr && HasSameDestination(m_options, *successor);
   // A destination that goes on sends the rest later; one that is gone for good gets all the time.
   Departure::Limits limits;
-  limits.chunkPeriod = FindChunkPeriod(m_options);
+  limits.chunkPeriod = GetChunkPeriod(m_options);
   limits.processingPeriod = m_processingPeriod;
   limits.patience = GetPatience(m_options);
   limits.deliver = shutdown.drainTimeout;
@@ -275,29 +270,18 @@ void RunningStream::BeginToLeave(const StreamOptions* successor, const ShutdownO
                 : successor != nullptr ? milliseconds(kAway)
                                        : shutdown.drainTimeout;
   m_departure.emplace(limits, Departure::Clock::now());
-  m_destination->Hold();
 }
 
 bool RunningStream::Depart(Departure::Clock::time_point now) {
-  switch (m_departure->Look(Look(), m_destination->IsSenderHeld(), now)) {
-    case Departure::Step::Deliver:
-      return false;
-    case Departure::Step::Keep:
-      if (!std::exchange(m_keeps, true)) {
-        m_destination->Keep();
-      }
-      return false;
-    case Departure::Step::Leave:
-      break;
+  const bool maySend = m_watch && m_watch->IsSendingAllowed();
+  const auto step = m_departure->Look(Look(), m_destination->IsSenderHeld(), maySend, now);
+  if (step == Departure::Step::Keep) {
+    m_destination->Keep();
   }
-  if (m_departure->IsLate()) {
-    LogFacade::Warn(m_log, "Stream %s did not come to rest in time.", GetName());
-  }
-  return true;
+  return step == Departure::Step::Leave;
 }
 
 void RunningStream::StayAndStopSources() {
-  m_keeps = false;
   m_destination->Pass();
   for (std::size_t i = 0; i < m_paused.size(); ++i) {
     if (m_paused[i]) {
@@ -318,7 +302,7 @@ Leftover RunningStream::TakeLeftover() {
   m_paused.clear();
   m_sources.clear();
   left.madeFrom = m_options;
-  left.destination = m_destination->TakeLeft(left.events);
+  m_destination->TakeLeft(left);
   return left;
 }
 
@@ -374,16 +358,36 @@ void RunningStream::Refuse() { m_destination->Refuse(); }
 StreamReport RunningStream::Close() {
   HideFromMonitor();
   m_surroundings.manager.StopStages(*m_stream);
-  // One reading: the destination may go on.
-  EndCounts ends;
-  StreamReport report = m_account.Look([&] { return ends = AskEnds(); });
-  if (m_keeps) {
-    report.held -= static_cast<std::int64_t>(ends.unsent);
+  StreamReport report = Look();
+  std::string handedOn;
+  if (m_destination->IsKeeping()) {
+    const std::uint64_t left = m_destination->GetUnsentEvents();
+    report.held -= static_cast<std::int64_t>(left);
+    handedOn = "; " + std::to_string(left) + " handed on";
   }
-  LogFacade::Info(m_log, "Stream %s: %d events delivered, %d cached, %d lost, %d held.", GetName(),
-                  report.delivered, report.cached, report.lost + report.failed,
-                  std::max<std::int64_t>(0, report.held));
+  const std::int64_t held = std::max<std::int64_t>(0, report.held);
+  LogFacade::Info(m_log, "Stream %s: %d events delivered, %d cached, %d lost, %d held%s.",
+                  GetName(), report.delivered, report.cached, report.lost + report.failed, held,
+                  handedOn);
+  if (m_destination->IsKeeping()) {
+    WarnOfLoss(held);
+  }
   return report;
+}
+
+// What the stages still held when they were stopped.
+void RunningStream::WarnOfLoss(std::int64_t held) const {
+  if (m_departure && m_departure->IsLate()) {
+    LogFacade::Warn(m_log,
+                    "Stream %s did not come to rest in time. It ends all the same, and %d events "
+                    "that its stages still held are lost.",
+                    GetName(), held);
+  } else if (held > 0) {
+    LogFacade::Warn(m_log,
+                    "Stream %s: %d events were on their way through its stages when it ended, and "
+                    "are lost.",
+                    GetName(), held);
+  }
 }
 
 }  // namespace OrloAgent

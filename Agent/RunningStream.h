@@ -38,14 +38,17 @@ struct StreamSurroundings {
 };
 
 // One stream from its creation to its closing line. Control thread only.
+//
+// It is made in four steps: the constructor, BeginSources, StartStages and Open. A stage takes
+// chunks from its cache as soon as it runs, and what it has taken is in no file any more; so what
+// can fail comes before that.
 class RunningStream {
  public:
-  // Builds and starts the stages and the destination; no source begins. What is in `left` is taken
-  // from there: sources and the destination if the options have the same section, and the events,
-  // which are sent first. Throws InitializationException; then nothing of the stream is left, and
-  // `left` is as it was.
+  // Builds everything and starts the destination. What goes on in it, which are sources and the
+  // destination of `left` where the options have the same section, stays in `left` until Open.
+  // Throws InitializationException; then nothing of the stream is left.
   RunningStream(const StreamOptions& options, const AgentOptions& common,
-                const StreamSurroundings& surroundings, Leftover& left);
+                const StreamSurroundings& surroundings, const Leftover& left);
 
   // Ends whatever still runs, without waiting for events.
   ~RunningStream();
@@ -55,10 +58,26 @@ class RunningStream {
   const std::string& GetName() const { return m_options.name; }
   const StreamOptions& GetOptions() const { return m_options; }
 
-  // Begins new sources, then lets kept ones go on. Throws InitializationException; then no new one
-  // runs, and the kept ones are paused as before.
-  void StartSources();
+  // Begins new sources; what they read waits until Open. Throws InitializationException.
+  void BeginSources();
+
+  // Throws InitializationException; then no stage runs, and what one may have taken from its cache
+  // is among the events of `left`. After that the stream can only be destroyed.
+  void StartStages(Leftover& left);
+
+  // The same for a stream whose stages run: it is never to be opened.
+  void GiveUp(Leftover& left);
+
+  // Events move from here on: those of `left` first. Takes its destination and those of its sources
+  // that go on. Can't fail.
+  void Open(Leftover& left);
+
   void StopSources();
+
+  // To be called for all streams that are to give way before any of them begins to: it can take
+  // long until a source is paused, and a sender that is refused meanwhile is away for half a
+  // minute.
+  void HoldSender();
 
   // For a stream that gives way to another of its name, or to none (null): sources whose section
   // the other one has, too, are paused, all others stopped. From then on the stream is brought to
@@ -68,7 +87,8 @@ class RunningStream {
   // To be called every 100 ms until it says that the stream can be closed without a loss.
   bool Depart(Departure::Clock::time_point now);
 
-  // Undoes BeginToLeave and stops the sources: what they have read comes through this stream.
+  // Undoes HoldSender and BeginToLeave and stops the sources: what they have read comes through
+  // this stream.
   void StayAndStopSources();
 
   // After Close.
@@ -93,21 +113,17 @@ class RunningStream {
   void Refuse();
 
   // Stops the stages and says in one line where the events are. The sources are stopped or paused.
-  // After Depart nothing is held: what would be is for TakeLeftover.
+  // After Depart what is held is only what is lost by that, and a Warn line says so; the rest is
+  // for TakeLeftover.
   StreamReport Close();
 
  private:
   void ShowToMonitor();
   void HideFromMonitor();
   void WarnOfShortDrain(const ShutdownOptions& shutdown) const;
-  void Create(const Leftover& left);
-  // One that is new, or one among those that an earlier stream has left.
-  struct FoundSource {
-    MadeSource made;
-    MadeSource* left = nullptr;
-  };
-  std::vector<FoundSource> FindSources(std::vector<MadeSource>& left) const;
-  void TakeSources(std::vector<FoundSource> found, std::vector<MadeSource>& left);
+  void WarnOfLoss(std::int64_t held) const;
+  void Prepare(const Leftover& left);
+  void FindSources(const std::vector<MadeSource>& left);
   EndCounts AskEnds() const;
   MadeSource MakeNewSource(const SourceOptions& options) const;
 
@@ -121,14 +137,12 @@ class RunningStream {
   std::unique_ptr<StreamWatch> m_watch;
   OrloStream::Stream* m_stream = nullptr;
   DestinationGate* m_destination = nullptr;  // owned by the stream
-  // In the order of the options. Owned by the stream, but for the time between BeginToLeave and
-  // what follows.
+  // In the order of the options. From Open to BeginToLeave owned by the stream.
   std::vector<MadeSource> m_sources;
   std::vector<SourceStatistics> m_sourceStatistics;
   std::vector<bool> m_paused;
   // After BeginToLeave.
   std::optional<Departure> m_departure;
-  bool m_keeps = false;
   // What the sources had counted before they came to this stream.
   std::uint64_t m_notMadeBefore = 0;
 };

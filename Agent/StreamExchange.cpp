@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <exception>
-#include <iterator>
 #include <utility>
 
 namespace OrloAgent {
@@ -34,6 +33,31 @@ StreamExchange::~StreamExchange() {
   }
 }
 
+void StreamExchange::Start(Streams& streams, const std::vector<StreamOptions>& wanted,
+                           const AgentOptions& common) {
+  for (const StreamOptions& one : wanted) {
+    streams.push_back(
+        std::make_unique<RunningStream>(one, common, m_surroundings.streams, m_left[one.name]));
+  }
+  for (const auto& made : streams) {
+    made->BeginSources();
+  }
+  // Since no stage took anything from its cache, a start that failed until now has cost nothing.
+  for (auto next = streams.begin(); next != streams.end(); ++next) {
+    try {
+      (*next)->StartStages(m_left[(*next)->GetName()]);
+    } catch (...) {
+      std::for_each(streams.begin(), next,
+                    [this](const auto& one) { one->GiveUp(m_left[one->GetName()]); });
+      throw;
+    }
+  }
+  for (const auto& made : streams) {
+    made->Open(m_left[made->GetName()]);
+  }
+  m_left.clear();
+}
+
 bool StreamExchange::Exchange(Streams& streams, const std::vector<StreamOptions>& wanted,
                               const ReloadPlan& plan, const AgentOptions& common) {
   std::vector<StreamOptions> before;
@@ -49,6 +73,12 @@ bool StreamExchange::Exchange(Streams& streams, const std::vector<StreamOptions>
     const StreamOptions* const successor = FindStream(wanted, name);
     left.StopSources(successor);
     left.StopDestination(successor);
+    if (Contains(plan.removed, name) && !left.events.empty()) {
+      LogFacade::Warn(m_log,
+                      "Stream %s: %d events that could not be sent stay in memory until there is a "
+                      "stream of that name again; they are lost if the agent ends before.",
+                      name, left.events.size());
+    }
   }
   std::map<std::string, std::unique_ptr<RunningStream>> made;
   for (const StreamOptions& one : wanted) {
@@ -88,6 +118,9 @@ bool StreamExchange::Leave(Streams& streams, const std::vector<StreamOptions>& w
     }
   }
   for (RunningStream* const running : leaving) {
+    running->HoldSender();
+  }
+  for (RunningStream* const running : leaving) {
     running->BeginToLeave(FindStream(wanted, running->GetName()), shutdown);
   }
   if (!BringToRest(leaving)) {
@@ -97,7 +130,7 @@ bool StreamExchange::Leave(Streams& streams, const std::vector<StreamOptions>& w
     return false;
   }
   for (RunningStream* const running : leaving) {
-    Close(*running, FindStream(wanted, running->GetName()));
+    Close(*running, Contains(plan.removed, running->GetName()));
     std::erase_if(streams, [&](const auto& one) { return one.get() == running; });
   }
   return true;
@@ -118,24 +151,15 @@ bool StreamExchange::BringToRest(std::vector<RunningStream*> leaving) {
   }
 }
 
-void StreamExchange::Close(RunningStream& stream, const StreamOptions* successor) {
+void StreamExchange::Close(RunningStream& stream, bool isRemoved) {
   const std::string& name = stream.GetName();
   const StreamReport report = stream.Close();
-  Leftover& left = m_left[name] = stream.TakeLeftover();
-  if (successor == nullptr) {
-    left.StopDestination(nullptr);
-    if (report.cached > 0) {
-      LogFacade::Warn(m_log,
-                      "Stream %s: %d events stay in its cache until there is a stream of that name "
-                      "again.",
-                      name, report.cached);
-    }
-    if (!left.events.empty()) {
-      LogFacade::Warn(m_log,
-                      "Stream %s: %d events that could not be sent stay in memory until there is a "
-                      "stream of that name again; they are lost if the agent ends before.",
-                      name, left.events.size());
-    }
+  m_left[name] = stream.TakeLeftover();
+  if (isRemoved && report.cached > 0) {
+    LogFacade::Warn(m_log,
+                    "Stream %s: %d events stay in its cache until there is a stream of that name "
+                    "again.",
+                    name, report.cached);
   }
 }
 
@@ -143,7 +167,7 @@ std::unique_ptr<RunningStream> StreamExchange::Make(const StreamOptions& wanted,
                                                     const StreamOptions* before,
                                                     const AgentOptions& common) {
   std::string problem;
-  auto made = TryMake(wanted, before, common, problem);
+  auto made = TryMake(wanted, common, problem);
   if (made) {
     return made;
   }
@@ -151,7 +175,7 @@ std::unique_ptr<RunningStream> StreamExchange::Make(const StreamOptions& wanted,
   if (before != nullptr) {
     LogFacade::Warn(m_log, "Stream %s goes on with its section as it was before.", wanted.name);
     std::string nextProblem;
-    made = TryMake(*before, &wanted, common, nextProblem);
+    made = TryMake(*before, common, nextProblem);
     if (made) {
       m_troubles.push_back({wanted.name, true,
                             "its new section can't be used, and it goes on as before: " + problem});
@@ -168,32 +192,20 @@ std::unique_ptr<RunningStream> StreamExchange::Make(const StreamOptions& wanted,
 }
 
 std::unique_ptr<RunningStream> StreamExchange::TryMake(const StreamOptions& options,
-                                                       const StreamOptions* next,
                                                        const AgentOptions& common,
                                                        std::string& problem) {
   Leftover& left = m_left[options.name];
   left.StopDestination(&options);
-  std::unique_ptr<RunningStream> made;
   try {
-    made = std::make_unique<RunningStream>(options, common, m_surroundings.streams, left);
-    made->StartSources();
+    auto made = std::make_unique<RunningStream>(options, common, m_surroundings.streams, left);
+    made->BeginSources();
+    made->StartStages(left);
+    made->Open(left);
     left.StopSources(nullptr);
     m_left.erase(options.name);
     return made;
   } catch (const std::exception& error) {
     problem = error.what();
-  }
-  if (made) {
-    // It may have begun to send what was left to it. Asked to stop, it stays for that.
-    made->BeginToLeave(next, common.shutdown);
-    if (!BringToRest({made.get()})) {
-      made->StayAndStopSources();
-      return made;
-    }
-    made->Close();
-    Leftover back = made->TakeLeftover();
-    std::move(left.sources.begin(), left.sources.end(), std::back_inserter(back.sources));
-    left = std::move(back);
   }
   return nullptr;
 }

@@ -40,6 +40,11 @@ class StreamExchange {
   StreamExchange(const StreamExchange&) = delete;
   StreamExchange& operator=(const StreamExchange&) = delete;
 
+  // Makes the first streams, all or none. Throws InitializationException; then none of `streams`
+  // runs, and they are only to be destroyed.
+  void Start(Streams& streams, const std::vector<StreamOptions>& wanted,
+             const AgentOptions& common);
+
   // `streams` holds only streams that run, in the order of `wanted` at the end. False when the
   // agent is to stop instead; then they are as before, without sources. `common`: everything but
   // the streams.
@@ -54,12 +59,12 @@ class StreamExchange {
              const ShutdownOptions& shutdown);
   // False when the agent is to stop.
   bool BringToRest(std::vector<RunningStream*> leaving);
-  void Close(RunningStream& stream, const StreamOptions* successor);
+  void Close(RunningStream& stream, bool isRemoved);
   std::unique_ptr<RunningStream> Make(const StreamOptions& wanted, const StreamOptions* before,
                                       const AgentOptions& common);
-  // Null if it can't be made; `problem` says why. `next` is what is tried then.
-  std::unique_ptr<RunningStream> TryMake(const StreamOptions& options, const StreamOptions* next,
-                                         const AgentOptions& common, std::string& problem);
+  // Null if it can't be made; `problem` says why.
+  std::unique_ptr<RunningStream> TryMake(const StreamOptions& options, const AgentOptions& common,
+                                         std::string& problem);
 
   const Surroundings m_surroundings;
   const WindowsAgentCommon::Log m_log;

@@ -33,8 +33,10 @@ class StreamWatch {
 
   void Look(const StreamReport& report, StallWatch::Clock::time_point now);
 
- private:
+  // By the stage's send schedule, now.
   bool IsSendingAllowed();
+
+ private:
   void Warn(StallWatch::Clock::time_point now) const;
   void Publish(StallWatch::Clock::time_point now);
   void ReportIfDue(const StreamReport& report, StallWatch::Clock::time_point now);

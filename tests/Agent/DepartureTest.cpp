@@ -18,7 +18,7 @@ class DepartureTest : public testing::Test {
   std::optional<milliseconds> TimeUntil(Step step, milliseconds limit) {
     const auto begin = m_now;
     while (m_now - begin <= limit) {
-      const Step seen = m_departure.Look(m_report, m_isHeld, m_now);
+      const Step seen = m_departure.Look(m_report, m_isHeld, m_maySend, m_now);
       if (seen == step) {
         return std::chrono::duration_cast<milliseconds>(m_now - begin);
       }
@@ -42,6 +42,7 @@ class DepartureTest : public testing::Test {
   Departure::Clock::time_point m_now{};
   StreamReport m_report;
   bool m_isHeld = false;
+  bool m_maySend = true;
   Departure m_departure{kLimits, m_now};
 };
 
@@ -59,13 +60,13 @@ TEST_F(DepartureTest, ADestinationThatTakesEventsGetsThemUntilTheTimeIsOver) {
     ++m_report.sent;
     ++m_report.delivered;
     --m_report.held;
-    ASSERT_EQ(m_departure.Look(m_report, false, m_now), Step::Deliver);
+    ASSERT_EQ(m_departure.Look(m_report, false, m_maySend, m_now), Step::Deliver);
     m_now += milliseconds(100);
   }
   ASSERT_TRUE(TimeUntil(Step::Keep, seconds(60)));
   EXPECT_GE(m_now - Departure::Clock::time_point{}, seconds(30));
   m_isHeld = true;
-  EXPECT_EQ(m_departure.Look(m_report, m_isHeld, m_now), Step::Leave);
+  EXPECT_EQ(m_departure.Look(m_report, m_isHeld, m_maySend, m_now), Step::Leave);
 }
 
 TEST_F(DepartureTest, ADestinationThatIsAwayIsNotWaitedForOnceTheStageHasDecided) {
@@ -85,15 +86,44 @@ TEST_F(DepartureTest, WhatTheStageHasNotDecidedAboutIsWaitedForBeyondTheTimeForD
   m_report.undecided = 0;
   m_report.cached = 5;
   m_report.held = 0;
+  m_isHeld = true;
   EXPECT_TRUE(TimeUntil(Step::Leave, seconds(3)));
   EXPECT_FALSE(m_departure.IsLate());
 }
 
 TEST_F(DepartureTest, AStageThatNeverDecidesIsLeftLate) {
   m_report.undecided = m_report.held = 5;
-  EXPECT_FALSE(TimeUntil(Step::Leave, seconds(29)));
+  EXPECT_FALSE(TimeUntil(Step::Leave, seconds(49)));
   EXPECT_TRUE(TimeUntil(Step::Leave, seconds(10)));
   EXPECT_TRUE(m_departure.IsLate());
+}
+
+TEST_F(DepartureTest, HoweverLongEventsWereDeliveredTheSenderHasItsTimeToComeBack) {
+  DeliverFor(seconds(120));
+  m_report.accepted = m_report.held = 10'000;
+  while (m_departure.Look(m_report, false, m_maySend, m_now) == Step::Deliver) {
+    ++m_report.sent;
+    ++m_report.delivered;
+    --m_report.held;
+    m_now += milliseconds(100);
+  }
+  ASSERT_GE(m_now - Departure::Clock::time_point{}, seconds(120));
+  EXPECT_FALSE(TimeUntil(Step::Leave, seconds(31)));
+  m_isHeld = true;
+  EXPECT_EQ(TimeUntil(Step::Leave, seconds(1)), milliseconds(0));
+  EXPECT_FALSE(m_departure.IsLate());
+}
+
+TEST_F(DepartureTest, AChunkOnItsWayWhenTheTimeForDeliveryIsOverDoesNotMakeTheStreamLate) {
+  DeliverFor(seconds(120));
+  m_report.undecided = -10;
+  ASSERT_TRUE(TimeUntil(Step::Keep, seconds(130)));
+  EXPECT_EQ(m_departure.Look(m_report, false, m_maySend, m_now), Step::Keep);
+  EXPECT_FALSE(m_departure.IsLate());
+  m_report.undecided = 0;
+  m_isHeld = true;
+  EXPECT_TRUE(TimeUntil(Step::Leave, seconds(1)));
+  EXPECT_FALSE(m_departure.IsLate());
 }
 
 TEST_F(DepartureTest, WhereTheSumNeverComesOutEvenTheSenderIsWaitedForAllTheSame) {
@@ -109,12 +139,12 @@ TEST_F(DepartureTest, WhereTheSumNeverComesOutEvenTheSenderIsWaitedForAllTheSame
 TEST_F(DepartureTest, AStageThatDecidesLateIsNotLeftLate) {
   m_report.undecided = m_report.held = 5;
   m_report.accepted = 10;
-  EXPECT_FALSE(TimeUntil(Step::Leave, seconds(31)));
+  EXPECT_FALSE(TimeUntil(Step::Leave, seconds(51)));
   EXPECT_TRUE(m_departure.IsLate());
   m_report.undecided = 0;
   m_isHeld = true;
   EXPECT_TRUE(TimeUntil(Step::Leave, seconds(1)));
-  EXPECT_EQ(m_departure.Look(m_report, m_isHeld, m_now), Step::Leave);
+  EXPECT_EQ(m_departure.Look(m_report, m_isHeld, m_maySend, m_now), Step::Leave);
   EXPECT_FALSE(m_departure.IsLate());
 }
 
@@ -133,8 +163,25 @@ TEST_F(DepartureTest, ASenderThatNeverComesBackIsLeftLate) {
   EXPECT_TRUE(m_departure.IsLate());
 }
 
-TEST_F(DepartureTest, WithACacheItWaitsForAChunkThatMayBeOnItsWay) {
+TEST_F(DepartureTest, WithACacheItWaitsForTheChunkThatTheStageIsReading) {
   m_report.cached = m_report.cachedAtStart = 100;
+  ASSERT_TRUE(TimeUntil(Step::Keep, seconds(5)));
+  EXPECT_FALSE(TimeUntil(Step::Leave, seconds(10)));
+  m_isHeld = true;
+  EXPECT_EQ(TimeUntil(Step::Leave, seconds(1)), milliseconds(0));
+  EXPECT_FALSE(m_departure.IsLate());
+}
+
+TEST_F(DepartureTest, ACacheThatGivesNothingIsNotWaitedForInVain) {
+  m_report.cached = m_report.cachedAtStart = 100;
+  ASSERT_TRUE(TimeUntil(Step::Keep, seconds(5)));
+  EXPECT_TRUE(TimeUntil(Step::Leave, seconds(15)));
+  EXPECT_FALSE(m_departure.IsLate());
+}
+
+TEST_F(DepartureTest, WithAClosedScheduleItWaitsForAChunkThatMayBeOnItsWayFromBefore) {
+  m_report.cached = m_report.cachedAtStart = 100;
+  m_maySend = false;
   ASSERT_TRUE(TimeUntil(Step::Keep, seconds(5)));
   EXPECT_FALSE(TimeUntil(Step::Leave, milliseconds(1'300)));
   EXPECT_TRUE(TimeUntil(Step::Leave, milliseconds(500)));

@@ -11,6 +11,7 @@ namespace {
 
 using OrloAgent::Destination;
 using OrloAgent::DestinationGate;
+using OrloAgent::Leftover;
 using TestSupport::MakeEvent;
 using TestSupport::PayloadOf;
 using TestSupport::WaitUntil;
@@ -19,7 +20,7 @@ using WindowsAgentCommon::MessageBlockPtr;
 constexpr int kBackpressure = 0x40000000;
 constexpr int kError = -1;
 
-// Takes what it is told to; what it takes stays unsent until it is stopped.
+// Takes what it is told to; what it takes stays unsent until the test sends it.
 struct Record {
   std::atomic<int> answer{0};
   std::atomic<int> offers{0};
@@ -30,9 +31,16 @@ struct Record {
   std::mutex lock;
   std::vector<std::string> taken;  // guarded by lock
 
+  std::vector<MessageBlockPtr> unsent;  // guarded by lock
+
   std::vector<std::string> Taken() {
     const std::lock_guard guard(lock);
     return taken;
+  }
+
+  void SendOldest() {
+    const std::lock_guard guard(lock);
+    unsent.erase(unsent.begin());
   }
 };
 
@@ -50,22 +58,20 @@ class RecordingDestination : public Destination {
     if (answer == 0) {
       const std::lock_guard guard(m_record.lock);
       m_record.taken.push_back(PayloadOf(event.get()));
-      m_unsent.push_back(std::move(event));
+      m_record.unsent.push_back(std::move(event));
     }
     return answer;
   }
   void Refuse() override { m_record.refused = true; }
   std::uint64_t GetUnsentEvents() const override {
     const std::lock_guard guard(m_record.lock);
-    return m_unsent.size();
+    return m_record.unsent.size();
   }
   std::uint64_t GetSentEvents() const override { return 0; }
   std::uint64_t GetLostEvents() const override { return m_record.lost; }
-  std::vector<MessageBlockPtr> TakeUnsent() override { return std::move(m_unsent); }
 
  private:
   Record& m_record;
-  std::vector<MessageBlockPtr> m_unsent;
 };
 
 std::vector<MessageBlockPtr> Events(std::initializer_list<const char*> payloads) {
@@ -92,7 +98,12 @@ class DestinationGateTest : public testing::Test {
     m_gate.Initialize({});
   }
 
-  void Open(std::initializer_list<const char*> older = {}) { m_gate.Open(nullptr, Events(older)); }
+  void Open(std::initializer_list<const char*> older = {}) {
+    Leftover left;
+    left.events = Events(older);
+    left.count = older.size();
+    m_gate.Open(left);
+  }
 
   // A put on another thread. A gate that does not let it go is a failure, not a test without an
   // end.
@@ -154,6 +165,7 @@ TEST_F(DestinationGateTest, EventsAndAnswersPassAsTheyAre) {
 }
 
 TEST_F(DestinationGateTest, BeforeItIsOpenNothingPasses) {
+  const WindowsAgentCommon::Gauge gauge("S", "IncomingRunning", [] { return 1; });
   auto result = PutOnAnotherThread("a");
   EXPECT_FALSE(WaitUntil([&] { return m_record.offers > 0; }, std::chrono::milliseconds(300)));
   Open();
@@ -224,11 +236,12 @@ TEST_F(DestinationGateTest, WhatIsKeptWaitsUntilTheStagesHandOverNothing) {
   EXPECT_EQ(m_record.offers, 1);
   EXPECT_EQ(m_gate.GetUnsentEvents(), 3u);
   m_gate.Stop();
-  std::vector<MessageBlockPtr> left;
-  const auto destination = m_gate.TakeLeft(left);
-  ASSERT_NE(destination, nullptr);
-  EXPECT_EQ(destination->GetUnsentEvents(), 1u);
-  EXPECT_EQ(Payloads(left), (Texts{"1", "2"}));
+  Leftover left;
+  m_gate.TakeLeft(left);
+  ASSERT_NE(left.destination, nullptr);
+  EXPECT_EQ(left.destination->GetUnsentEvents(), 1u);
+  EXPECT_EQ(Payloads(left.events), (Texts{"1", "2"}));
+  EXPECT_EQ(left.count, 3u);
   EXPECT_EQ(m_gate.GetUnsentEvents(), 0u);
 }
 
@@ -241,26 +254,86 @@ TEST_F(DestinationGateTest, ADestinationThatIsLeftRunsOnWithWhatItHasTaken) {
   m_gate.Stop();
   EXPECT_FALSE(m_record.refused);
   EXPECT_FALSE(m_record.stopped);
-  std::vector<MessageBlockPtr> left;
-  auto destination = m_gate.TakeLeft(left);
-  ASSERT_NE(destination, nullptr);
-  EXPECT_EQ(Payloads(left), (Texts{"older", "younger"}));
+  Leftover left;
+  m_gate.TakeLeft(left);
+  ASSERT_NE(left.destination, nullptr);
+  EXPECT_EQ(Payloads(left.events), (Texts{"older", "younger"}));
 
   m_record.answer = 0;
-  m_record.lost = 4;
-  destination->put(MakeEvent("", "in its window"));
   m_record.initialized = false;
   DestinationGate next(nullptr, "S");
   next.Initialize({});
-  next.Open(std::move(destination), std::move(left));
+  next.Open(left);
+  EXPECT_EQ(left.destination, nullptr);
   EXPECT_FALSE(m_record.initialized);
-  EXPECT_EQ(next.GetInheritedEvents(), 3u);
-  m_record.lost = 5;
-  EXPECT_EQ(next.GetLostEvents(), 1u) << "those before belong to the account of the other stream";
-  ASSERT_TRUE(WaitUntil([&] { return m_record.Taken().size() == 3; }));
-  EXPECT_EQ(m_record.Taken(), (Texts{"in its window", "older", "younger"}));
+  EXPECT_EQ(next.GetInheritedEvents(), 2u);
+  ASSERT_TRUE(WaitUntil([&] { return m_record.Taken().size() == 2; }));
+  EXPECT_EQ(m_record.Taken(), (Texts{"older", "younger"}));
   next.Stop();
   EXPECT_TRUE(m_record.stopped);
+}
+
+TEST_F(DestinationGateTest, WhatADestinationDoesBetweenTwoStreamsIsInTheAccountOfTheSecond) {
+  Open();
+  for (const char* payload : {"sent later", "lost later", "unsent"}) {
+    EXPECT_EQ(m_gate.put(MakeEvent("", payload)), 0);
+  }
+  m_record.lost = 4;
+  m_gate.Keep();
+  m_gate.Stop();
+  EXPECT_EQ(m_gate.GetUnsentEvents(), 3u);
+  EXPECT_EQ(m_gate.GetLostEvents(), 4u);
+  m_record.SendOldest();
+  m_record.SendOldest();
+  m_record.lost = 5;
+  EXPECT_EQ(m_gate.GetUnsentEvents(), 3u) << "what the closing line says and what is left agree";
+  EXPECT_EQ(m_gate.GetLostEvents(), 4u);
+  Leftover left;
+  m_gate.TakeLeft(left);
+  DestinationGate next(nullptr, "S");
+  next.Open(left);
+  EXPECT_EQ(next.GetInheritedEvents(), 3u);
+  EXPECT_EQ(next.GetUnsentEvents(), 1u);
+  EXPECT_EQ(next.GetLostEvents(), 1u) << "those before belong to the account of the other stream";
+}
+
+TEST_F(DestinationGateTest, AGateThatIsNeverOpenedLeavesWhatTheStagesHaveHandedOver) {
+  std::atomic<std::int64_t> running{1};
+  const WindowsAgentCommon::Gauge gauge("S", "IncomingRunning", [&] { return running.load(); });
+  auto result = PutOnAnotherThread("1");
+  ASSERT_TRUE(WaitUntil([&] { return m_gate.IsSenderHeld(); }));
+  running = 0;
+  EXPECT_EQ(result.Answer(), 0);
+  m_gate.Stop();
+  EXPECT_TRUE(m_record.stopped);
+  Leftover left;
+  left.events = Events({"0"});
+  left.count = 1;
+  m_gate.TakeLeft(left);
+  EXPECT_EQ(left.destination, nullptr);
+  EXPECT_EQ(Payloads(left.events), (Texts{"0", "1"}));
+  EXPECT_EQ(left.count, 2u);
+  EXPECT_EQ(m_record.offers, 0);
+}
+
+TEST_F(DestinationGateTest, WhatAStageWithoutAGaugeHandsOverTooEarlyComesBehindWhatIsOlder) {
+  EXPECT_EQ(m_gate.put(MakeEvent("", "2")), 0);
+  EXPECT_EQ(m_gate.GetUnsentEvents(), 1u);
+  Open({"1"});
+  EXPECT_EQ(m_gate.GetInheritedEvents(), 1u);
+  EXPECT_TRUE(WaitUntil([&] { return m_record.Taken() == (Texts{"1", "2"}); }));
+}
+
+TEST_F(DestinationGateTest, AnEventThatWaitsToBeKeptIsNotCountedAsRefusedAtEachLook) {
+  const WindowsAgentCommon::Gauge gauge("S", "IncomingRunning", [] { return 1; });
+  Open();
+  m_gate.Keep();
+  const auto begin = std::chrono::steady_clock::now();
+  auto result = PutOnAnotherThread("1");
+  ASSERT_TRUE(WaitUntil([&] { return m_gate.GetRefusals() > 1; })) << "its sender does not hang";
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1'500));
+  m_gate.Pass();
+  EXPECT_EQ(result.Answer(), 0);
 }
 
 TEST_F(DestinationGateTest, TakenBackInTheMiddleTheStreamGoesOnToItsOwnEnd) {

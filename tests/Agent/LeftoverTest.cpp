@@ -89,6 +89,7 @@ TEST_F(LeftoverTest, WhatADestinationCannotGiveBackIsReported) {
   m_left.StopDestination(nullptr);
   EXPECT_EQ(m_left.events.size(), 2u);
   EXPECT_EQ(m_log.Count(LogLevel::Error, "Stream S: 2 events that were not sent are lost."), 1u);
+  EXPECT_EQ(m_left.lost, 2u) << "for the account of the stream that follows";
 }
 
 }  // namespace
