@@ -135,10 +135,13 @@ class Agent:
         def look():
             found = self.find(pattern)
             if not found and self.process.poll() is not None and not self._reader.is_alive():
-                text = "\n".join(self.lines)
-                raise AssertionError(f"the agent ended without {pattern!r}:\n{text}")
+                raise AssertionError(f"the agent ended without {pattern!r}")
             return found
-        return wait_until(look, f"message {pattern!r}", limit)
+        try:
+            return wait_until(look, f"message {pattern!r}", limit)
+        except AssertionError as error:
+            said = "\n".join(self.lines[-50:])
+            raise AssertionError(f"{error}; the last that it said:\n{said}") from None
 
     def port(self, stream="Default"):
         found = self.wait_for(rf"SyslogSource\.{stream}: Listening on tcp://.*:(\d+)\.")
