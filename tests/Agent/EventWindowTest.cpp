@@ -13,6 +13,12 @@ MessageBlockPtr Event(const std::string& payload) {
   return MessageBlockPtr(TestSupport::MakeEvent("head", payload));
 }
 
+void AddThree(EventWindow& window) {
+  for (const char* name : {"a", "b", "c"}) {
+    window.Add(Event(name));
+  }
+}
+
 TEST(EventWindow, EventsLeaveWhenAllBeforeThemAreAcknowledged) {
   EventWindow window;
   EXPECT_EQ(window.Add(Event("a")), 0u);
@@ -48,9 +54,7 @@ TEST(EventWindow, AcknowledgementsThatComeTwiceOrTooLateChangeNothing) {
 
 TEST(EventWindow, RewindMakesAllOfItUnacknowledgedSoThatTheOrderHolds) {
   EventWindow window;
-  window.Add(Event("a"));
-  window.Add(Event("b"));
-  window.Add(Event("c"));
+  AddThree(window);
   window.Acknowledge(1);
   window.Rewind();
   EXPECT_EQ(window.GetUnacknowledged(), 3u);
@@ -61,9 +65,7 @@ TEST(EventWindow, RewindMakesAllOfItUnacknowledgedSoThatTheOrderHolds) {
 
 TEST(EventWindow, AnEventThatIsGivenUpLeavesItInItsTurnAndDoesNotCountAsTaken) {
   EventWindow window;
-  for (const char* name : {"a", "b", "c"}) {
-    window.Add(Event(name));
-  }
+  AddThree(window);
   EXPECT_TRUE(window.GiveUp(1));
   EXPECT_FALSE(window.IsUnacknowledged(1));
   EXPECT_EQ(window.GetUnacknowledged(), 2u);
@@ -77,9 +79,7 @@ TEST(EventWindow, AnEventThatIsGivenUpLeavesItInItsTurnAndDoesNotCountAsTaken) {
 
 TEST(EventWindow, AnEventIsGivenUpOnceAndForGood) {
   EventWindow window;
-  for (const char* name : {"a", "b", "c"}) {
-    window.Add(Event(name));
-  }
+  AddThree(window);
   EXPECT_TRUE(window.GiveUp(1));
   window.Acknowledge(2);
   window.Rewind();

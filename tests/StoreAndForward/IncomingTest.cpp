@@ -189,6 +189,28 @@ TEST_F(IncomingSettings, CacheThatCannotBeMadeThrowsWithTheDoubledWordingAndStar
 
 // ---- The loop -----------------------------------------------------------------------------------
 
+// A disk manager that does not answer until it is told to, which keeps the Incoming thread away
+// from its queue.
+class DiskThatWaits {
+ public:
+  // The harness's last cache operation comes before the end of this object.
+  explicit DiskThatWaits(StageHarness& harness) {
+    harness.Disk().SetAnswer([this](std::uint64_t) {
+      m_asked = true;
+      WaitUntil([this] { return m_answer.load(); });
+      return true;
+    });
+  }
+  bool AwaitQuestion() {
+    return WaitUntil([this] { return m_asked.load(); });
+  }
+  void Answer() { m_answer = true; }
+
+ private:
+  std::atomic<bool> m_asked{false};
+  std::atomic<bool> m_answer{false};
+};
+
 class IncomingLoop : public testing::Test {
  protected:
   ~IncomingLoop() override { Platform::TestFaults::Reset(); }
@@ -464,21 +486,15 @@ TEST_F(IncomingLoop, StopBeforeTheChunkIsDueAbandonsIt) {
 TEST_F(IncomingLoop, StopAfterTheChunkBecameDuePushesItToDisk) {
   // The stop must come between the moment at which the chunk's period has passed and the next look
   // at the clock. A processing period of a minute keeps the loop waiting in between.
-  std::atomic<bool> asked{false};
-  std::atomic<bool> answer{false};
-  m_harness.Disk().SetAnswer([&](std::uint64_t) {
-    asked = true;
-    WaitUntil([&] { return answer.load(); });
-    return true;
-  });
+  DiskThatWaits disk(m_harness);
   m_harness.Start({{"DataProcessingPeriod", "60000000"}});
   m_harness.Post(3);
   // Well after the deadline of five seconds, well before the minute is over.
   std::this_thread::sleep_for(seconds(8));
   std::thread stopper([this] { m_harness.Stop(); });
-  EXPECT_TRUE(WaitUntil([&] { return asked.load(); }));
+  EXPECT_TRUE(disk.AwaitQuestion());
   ExpectGauges({{"IncomingRunning", 1}});
-  answer = true;
+  disk.Answer();
   stopper.join();
   ExpectGauges({{"IncomingRunning", 0},
                 {"ChunkEvents", 0},
@@ -493,17 +509,10 @@ TEST_F(IncomingLoop, StopAfterTheChunkBecameDuePushesItToDisk) {
 }
 
 TEST_F(IncomingLoop, StopGoesAheadOfBlocksThatWaitInTheQueue) {
-  // A disk manager that does not answer keeps the Incoming thread away from its queue.
-  std::atomic<bool> asked{false};
-  std::atomic<bool> answer{false};
-  m_harness.Disk().SetAnswer([&](std::uint64_t) {
-    asked = true;
-    WaitUntil([&] { return answer.load(); });
-    return true;
-  });
+  DiskThatWaits disk(m_harness);
   m_harness.Start(NeverSend());
   m_harness.Post(1, "spilled ");
-  ASSERT_TRUE(WaitUntil([&] { return asked.load(); }));
+  ASSERT_TRUE(disk.AwaitQuestion());
   m_harness.Post(10, "queued ");
   std::thread stopper([this] { m_harness.Stop(); });
   ASSERT_TRUE(WaitUntil(
@@ -511,7 +520,7 @@ TEST_F(IncomingLoop, StopGoesAheadOfBlocksThatWaitInTheQueue) {
   ASSERT_TRUE(WaitUntil([this] {
     return StageTestAccess::Incoming(m_harness.Stage()).msg_queue()->message_count() == 11;
   })) << "ten events and the hang-up";
-  answer = true;
+  disk.Answer();
   stopper.join();
   EXPECT_EQ(StageTestAccess::Incoming(m_harness.Stage()).msg_queue()->message_count(), 10u)
       << "the hang-up was taken before them";
@@ -522,26 +531,20 @@ TEST_F(IncomingLoop, StopGoesAheadOfBlocksThatWaitInTheQueue) {
 
 TEST(IncomingQueue, WhatIsLeftAtAStopIsReleasedWithTheStage) {
   TestSupport::CountingAllocators allocators;
-  std::atomic<bool> asked{false};
-  std::atomic<bool> answer{false};
   {
     StageHarness harness;
     WindowsAgentCommon::SetMessageBlockAllocators(
         {&allocators.Blocks(), &allocators.DataBlocks(), &allocators.Buffers()});
-    harness.Disk().SetAnswer([&](std::uint64_t) {
-      asked = true;
-      WaitUntil([&] { return answer.load(); });
-      return true;
-    });
+    DiskThatWaits disk(harness);
     harness.Start({{"Schedule.Enable", "true"}, {"Schedule.Interval", "0000-2359;00;UTC"}});
     harness.Post(1, "spilled ");
-    ASSERT_TRUE(WaitUntil([&] { return asked.load(); }));
+    ASSERT_TRUE(disk.AwaitQuestion());
     harness.Post(10, "queued ");
     std::thread stopper([&] { harness.Stop(); });
     ASSERT_TRUE(WaitUntil([&] {
       return StageTestAccess::Incoming(harness.Stage()).msg_queue()->message_count() == 11;
     }));
-    answer = true;
+    disk.Answer();
     stopper.join();
   }
   EXPECT_TRUE(allocators.NothingAlive());
