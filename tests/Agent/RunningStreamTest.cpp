@@ -57,6 +57,24 @@ class RunningStreamTest : public testing::Test {
     return stream;
   }
 
+  // In the place of a stage that has taken events and does nothing with them: a real one that is
+  // stopped abandons them in memory.
+  void RunWithoutStage(Leftover& left) {
+    m_options.stages.clear();
+    m_stream = Run(left);
+  }
+
+  void SetPosted(std::int64_t count) {
+    const WindowsAgentCommon::StatisticsInstanceScope scope("S");
+    std::shared_ptr<WindowsAgentCommon::IStatisticsGroup> group;
+    m_statistics->CreateGroup("StoreAndForwardStage", "Test", group);
+    group->DeclareStatistic(
+        "TotalEventsPosted", "",
+        WindowsAgentCommon::StatisticValue(7, WindowsAgentCommon::StatisticVariant(count)));
+    group->Publish();
+    m_statistics->RegisterGroup(group);
+  }
+
   std::string GetOutput() const {
     std::ostringstream text;
     text << std::ifstream(m_output, std::ios::binary).rdbuf();
@@ -76,6 +94,7 @@ class RunningStreamTest : public testing::Test {
       m_manager, *m_statistics, nullptr, m_data, [] {}, [](const std::function<void()>&) {}};
   AgentOptions m_common;
   StreamOptions m_options;
+  std::unique_ptr<RunningStream> m_stream;
 };
 
 TEST_F(RunningStreamTest, WhatAStageHasTakenFromItsCacheWhenAnotherFailsIsSentByTheNextStream) {
@@ -100,20 +119,18 @@ TEST_F(RunningStreamTest, WhatAStageHasTakenFromItsCacheWhenAnotherFailsIsSentBy
 }
 
 TEST_F(RunningStreamTest, AStreamThatIsLateSaysOnceHowManyEventsAreLost) {
-  std::ofstream(m_input) << "one\ntwo\n";
-  m_options.stages[0].settings = {{"DataChunkPeriod", "3600"}};
   Leftover left;
-  const auto stream = Run(left);
-  ASSERT_TRUE(WaitUntil([&] { return stream->Look().posted == 2; }));
-  stream->HoldSender();
-  stream->BeginToLeave(nullptr, m_common.shutdown);
+  RunWithoutStage(left);
+  SetPosted(2);
+  m_stream->HoldSender();
+  m_stream->BeginToLeave(nullptr, m_common.shutdown);
   const auto now = Departure::Clock::now();
-  EXPECT_FALSE(stream->Depart(now));
-  EXPECT_FALSE(stream->Depart(now + std::chrono::hours(2)));
+  EXPECT_FALSE(m_stream->Depart(now));
+  EXPECT_FALSE(m_stream->Depart(now + std::chrono::hours(2)));
   for (int i = 0; i < 5; ++i) {
-    EXPECT_TRUE(stream->Depart(now + std::chrono::hours(4)));
+    EXPECT_TRUE(m_stream->Depart(now + std::chrono::hours(4)));
   }
-  EXPECT_EQ(stream->Close().held, 2);
+  EXPECT_EQ(m_stream->Close().held, 2);
   std::size_t warnings = 0;
   for (const auto& line : m_log.Lines()) {
     warnings += line.text.find("did not come to rest") != std::string::npos ? 1 : 0;
@@ -126,16 +143,15 @@ TEST_F(RunningStreamTest, AStreamThatIsLateSaysOnceHowManyEventsAreLost) {
 }
 
 TEST_F(RunningStreamTest, WhatIsStillOnItsWayWhenAStreamEndsIsSaidToBeLost) {
-  m_options.stages[0].settings = {{"DataChunkPeriod", "3600"}};
   Leftover left;
-  const auto stream = Run(left);
-  stream->HoldSender();
-  stream->BeginToLeave(nullptr, m_common.shutdown);
+  RunWithoutStage(left);
+  m_stream->HoldSender();
+  m_stream->BeginToLeave(nullptr, m_common.shutdown);
   auto now = Departure::Clock::now();
-  ASSERT_TRUE(WaitUntil([&] { return stream->Depart(now += std::chrono::milliseconds(100)); }));
+  ASSERT_TRUE(WaitUntil([&] { return m_stream->Depart(now += std::chrono::milliseconds(100)); }));
   // As a chunk does that comes from the disk just then.
-  m_manager.GetStreams().front()->Post(TestSupport::MakeEvent("", "late"));
-  EXPECT_EQ(stream->Close().held, 1);
+  SetPosted(1);
+  EXPECT_EQ(m_stream->Close().held, 1);
   EXPECT_EQ(m_log.Count(LogLevel::Warn,
                         "Stream S: 1 events were on their way through its stages when it ended, "
                         "and are lost."),
