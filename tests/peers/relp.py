@@ -135,6 +135,7 @@ class RelpOverTls(RelpTest):
             with self.subTest(library):
                 self.output.unlink(missing_ok=True)
                 receiver = self.secured_receiver(library, server, "name", "client.example")
+                self.wait_until_it_listens()
                 self.exchange(self.start_agent(self.tls(client), "tls", "localhost"))
                 receiver.stop()
 
