@@ -132,6 +132,10 @@ void RotatedFiles::Close(std::error_code& error) {
   }
   fs::rename(m_file, name, error);
   if (error) {
+    // On Windows the library has one reason for all.
+    if (std::error_code ignored; !fs::exists(m_file, ignored)) {
+      error = std::make_error_code(std::errc::no_such_file_or_directory);
+    }
     return;
   }
   m_newest = time;
