@@ -9,6 +9,7 @@
 
 #include "WindowsAgentCommon/Exceptions.h"
 #include "tests/Agent/CachedChunk.h"
+#include "tests/Agent/RefusingPort.h"
 #include "tests/support/Events.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -139,11 +140,9 @@ TEST_F(FailedStartTest, LeavesTheCacheAsItIs) {
 }
 
 TEST_F(FailedStartTest, LeavesTheCacheAsItIsWhileTheDestinationIsAway) {
-  boost::asio::io_context context;
-  tcp::acceptor listener(context, {boost::asio::ip::address_v4::loopback(), 0});
+  const TestSupport::RefusingPort nobody;
   OrloAgent::SyslogDestinationOptions away;
-  away.target = {"127.0.0.1", listener.local_endpoint().port()};
-  listener.close();
+  away.target = {"127.0.0.1", nobody.Number()};
   m_options.streams[0].destination = away;
   ExpectThatNothingMoves();
 }

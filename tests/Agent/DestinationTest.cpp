@@ -7,6 +7,7 @@
 #include <iterator>
 
 #include "Agent/EventHeader.h"
+#include "tests/Agent/RefusingPort.h"
 #include "tests/support/Events.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -127,11 +128,9 @@ TEST(SyslogDestination, NewlineFramingEndsEveryMessageEvenOneWithoutALineEnd) {
 }
 
 TEST(SyslogDestination, WithNobodyListeningEventsComeBackAsBackpressureAndAreForgotten) {
-  boost::asio::io_context context;
-  tcp::acceptor acceptor(context, {boost::asio::ip::address_v4::loopback(), 0});
+  const TestSupport::RefusingPort nobody;
   OrloAgent::SyslogDestinationOptions options;
-  options.target = {"127.0.0.1", acceptor.local_endpoint().port()};
-  acceptor.close();
+  options.target = {"127.0.0.1", nobody.Number()};
   const auto destination = MakeDestination(options, "S");
   destination->Initialize({});
   ACE_Message_Block* const event = MakeEvent(Head(0), "x");

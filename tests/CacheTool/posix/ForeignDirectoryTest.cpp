@@ -100,6 +100,13 @@ class ForeignDirectoryTest : public testing::Test {
     EXPECT_EQ(ReadFile(m_elsewhere / "07"), "precious");
   }
 
+  void ExpectRefusalAsALink(const fs::path& path) {
+    ReplaceByLink(path);
+    EXPECT_THROW(Requeue(), ToolError);
+    EXPECT_THROW(Quarantine(), ToolError);
+    ExpectElsewhereUntouched();
+  }
+
   TestSupport::TemporaryDirectory m_directory;
   const fs::path m_data;
   const fs::path m_cache;
@@ -155,12 +162,7 @@ TEST_F(ForeignDirectoryTest, ACacheThatItsOwnerCanNotReachIsLeftAlone) {
   EXPECT_EQ(ListTree(m_data), before);
 }
 
-TEST_F(ForeignDirectoryTest, ACacheThatIsALinkGetsNoChunks) {
-  ReplaceByLink(m_cache);
-  EXPECT_THROW(Requeue(), ToolError);
-  EXPECT_THROW(Quarantine(), ToolError);
-  ExpectElsewhereUntouched();
-}
+TEST_F(ForeignDirectoryTest, ACacheThatIsALinkGetsNoChunks) { ExpectRefusalAsALink(m_cache); }
 
 TEST_F(ForeignDirectoryTest, EventsThatAreALinkGetNoChunks) {
   fs::permissions(m_elsewhere, fs::perms(0755));
@@ -173,10 +175,7 @@ TEST_F(ForeignDirectoryTest, EventsThatAreALinkGetNoChunks) {
 }
 
 TEST_F(ForeignDirectoryTest, AMinuteThatIsALinkGetsAndLosesNoChunks) {
-  ReplaceByLink(m_minute);
-  EXPECT_THROW(Requeue(), ToolError);
-  EXPECT_THROW(Quarantine(), ToolError);
-  ExpectElsewhereUntouched();
+  ExpectRefusalAsALink(m_minute);
 }
 
 TEST_F(ForeignDirectoryTest, AQuarantineThatIsALinkGetsNoChunks) {
